@@ -1,0 +1,13 @@
+# Warnings and sanitizers for the library's own targets.
+
+function(util_own_code target)
+  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  if(UTIL_WERROR)
+    target_compile_options(${target} PRIVATE -Werror)
+  endif()
+endfunction()
+
+if(UTIL_SANITIZE)
+  add_compile_options(-fsanitize=${UTIL_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${UTIL_SANITIZE})
+endif()

@@ -1,0 +1,90 @@
+#include "util.h"
+
+#include <stdio.h>
+
+#include <atomic>
+
+#include "lock.h"
+#include "singleton.h"
+#include "trace.h"
+
+namespace {
+
+const char SOURCE_PATH[] = "util";
+const unsigned int VERSION_MAJOR = 1;
+const unsigned int VERSION_MINOR = 0;
+
+// Signed so that misuse shows as a count that would go below zero.
+std::atomic<int32_t> s_init_times(0);
+
+// Serialises the first-call start-up with the last-call tear-down, so a new
+// util_init never runs its start-up into a tear-down still in progress.
+ssb::thread_mutex_recursive& lifecycle_lock() {
+    static ssb::thread_mutex_recursive* s_lock = new ssb::thread_mutex_recursive;
+    return *s_lock;
+}
+
+const char* build_banner() {
+    // Built once: concurrent util_init calls must not rewrite it under a reader.
+    static char s_banner[128];
+    static const int s_len = snprintf(s_banner, sizeof(s_banner), "%s has been built on:%s at %s", "UTIL",
+                                      __DATE__, __TIME__);
+    (void)s_len;
+    return s_banner;
+}
+
+void start_services() {}
+
+void stop_services() { ssb::singleton_life_t::instance().cleanup(); }
+
+}  // namespace
+
+void util_version(unsigned int* major, unsigned int* minor, const char** description) {
+    if (major)
+        *major = VERSION_MAJOR;
+    if (minor)
+        *minor = VERSION_MINOR;
+    const char* banner = build_banner();
+    if (description)
+        *description = banner;
+}
+
+int util_init(unsigned int module_id, const char* dir, const char* filename, const char* pext,
+              unsigned int max_size, unsigned int max_idx) {
+    const char* description = nullptr;
+    util_version(nullptr, nullptr, &description);
+    int32_t times = s_init_times.fetch_add(1, std::memory_order_acq_rel) + 1;
+    if (times == 1) {
+        ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
+        start_services();
+        UTIL_LOG(ssb::LOG_INFO, "UTIL_INIT  refer "
+                                    << "s_init_times = " << times << ", module_id = " << module_id
+                                    << ", description = " << description << ", dir = " << dir
+                                    << ", filename = " << filename << ", pext = " << pext
+                                    << ", max_size = " << max_size << ", max_idx = " << max_idx);
+    } else {
+        UTIL_LOG(ssb::LOG_INFO,
+                 "UTIL_INIT  refer times = " << times << ", module_id = " << module_id << ", " << description);
+    }
+    return ssb::RESULT_SUCCESS;
+}
+
+void util_uninit(unsigned int module_id) {
+    const char* description = nullptr;
+    util_version(nullptr, nullptr, &description);
+    int32_t times = s_init_times.load(std::memory_order_acquire);
+    UTIL_LOG(ssb::LOG_INFO, "UTIL_UNINIT  refer times = " << times << ", module_id = " << module_id << ", "
+                                                          << "description" << " = " << description);
+    // Count down without ever going below zero, even when racing.
+    do {
+        if (times <= 0) {
+            UTIL_ASSERT_LINE(SOURCE_PATH, 179, "");
+            return;
+        }
+    } while (!s_init_times.compare_exchange_weak(times, times - 1, std::memory_order_acq_rel,
+                                                 std::memory_order_acquire));
+    if (times - 1 == 0) {
+        ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
+        stop_services();
+    }
+}

@@ -1,0 +1,31 @@
+// Small helpers shared by the tests.
+#ifndef UTIL_TEST_SUPPORT_H
+#define UTIL_TEST_SUPPORT_H
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+namespace util_test {
+
+// Runs fn(i) on n threads and joins them.
+inline void run_threads(int n, const std::function<void(int)>& fn) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < n; ++i)
+        threads.emplace_back(fn, i);
+    for (auto& t : threads)
+        t.join();
+}
+
+// Spins until pred() holds; the tests use it instead of sleeping for a
+// fixed time.
+template <class Pred>
+void wait_until(Pred pred) {
+    while (!pred())
+        std::this_thread::yield();
+}
+
+}  // namespace util_test
+
+#endif
