@@ -84,6 +84,42 @@ uint32_t tick_count_ms();
 // Wall clock as 100-ns units since 1601-01-01 UTC.
 uint64_t system_time_100ns();
 
+// ---- calendar -------------------------------------------------------------
+struct calendar_t {
+    uint16_t year;
+    uint16_t month;  // 1..12
+    uint16_t day;    // 1..31
+    uint16_t hour;
+    uint16_t minute;
+    uint16_t second;
+    uint16_t millisecond;
+    uint16_t day_of_week;  // 0 = Sunday
+};
+// The system's local time now, milliseconds included.
+void local_time_now(calendar_t* out);
+// Whole seconds since 1970-01-01 UTC now.
+int64_t time_seconds();
+// Seconds since 1970 broken down as local time or as UTC (millisecond 0);
+// false when the system cannot represent the value.
+bool seconds_to_local(int64_t seconds, calendar_t* out);
+bool seconds_to_utc(int64_t seconds, calendar_t* out);
+
+// ---- files and folders ------------------------------------------------------
+// '\\' on Windows, '/' elsewhere.
+extern const char PATH_SEPARATOR;
+bool dir_exists(const char* path);
+bool file_exists(const char* path);
+// Creates one directory level; 0 or the OS error number.
+int make_dir(const char* path);
+// The per-user application-data folder, without a trailing separator:
+// shell folder 26 on Windows, $XDG_DATA_HOME or ~/.local/share elsewhere.
+// 0 or the OS error number.
+int user_data_dir(char* out, size_t size);
+// Full path of the running executable; 0 or the OS error number.
+int self_exe_path(char* out, size_t size);
+// The current working directory; 0 or the OS error number.
+int current_dir(char* out, size_t size);
+
 }  // namespace plat
 }  // namespace ssb
 
