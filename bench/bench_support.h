@@ -1,0 +1,257 @@
+// Shared main of the benchmark programs. Ours and the peers run in the same
+// process; after Google Benchmark's own output a table gives, per group, the
+// ratio peer time / our time (above 1: ours is faster).
+//
+// Names are "<group>/ours" and "<group>/<peer>"; whatever Google Benchmark
+// appends (arguments, "threads:4", "real_time") stays part of the group, so
+// only like runs are compared. Times are nanoseconds per iteration (a
+// benchmark does one operation per iteration) of the clock Google Benchmark
+// itself goes by: CPU time of the benchmark thread, or wall-clock time when
+// the benchmark asks for UseRealTime or UseManualTime. On a shared machine
+// wall-clock time of a single thread also counts the time other processes
+// held its CPU. Without a --benchmark_repetitions flag each benchmark runs 5
+// times; the table shows medians with the min..max spread, and the ratio's
+// spread pairs the runs by repetition index. For drifting machines,
+// --benchmark_enable_random_interleaving=true mixes the runs of all
+// benchmarks.
+#ifndef UTIL_BENCH_SUPPORT_H
+#define UTIL_BENCH_SUPPORT_H
+
+#include <benchmark/benchmark.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <ostream>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace util_bench {
+
+namespace detail {
+
+// Google Benchmark 1.8 replaced Run::error_occurred with Run::skipped.
+template <class R>
+auto run_failed(const R& r, int) -> decltype(static_cast<bool>(r.error_occurred)) {
+    return r.error_occurred;
+}
+template <class R>
+auto run_failed(const R& r, long) -> decltype(static_cast<bool>(r.skipped)) {
+    return static_cast<bool>(r.skipped);
+}
+
+inline std::string format_ns(double ns) {
+    char buf[32];
+    std::snprintf(buf, sizeof buf, ns < 10 ? "%.2f" : ns < 100 ? "%.1f" : "%.0f", ns);
+    return buf;
+}
+
+struct spread_t {
+    double median;
+    double min;
+    double max;
+};
+
+inline spread_t spread_of(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    size_t n = v.size();
+    double median = n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+    return spread_t{median, v.front(), v.back()};
+}
+
+}  // namespace detail
+
+// Console output as usual, and every run recorded for the ratio table.
+class recording_reporter_t : public benchmark::ConsoleReporter {
+public:
+    explicit recording_reporter_t(OutputOptions options) : benchmark::ConsoleReporter(options) {}
+
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const Run& r : runs)
+            record(r);
+        benchmark::ConsoleReporter::ReportRuns(runs);
+    }
+
+    void print_ratios(std::ostream& out) const {
+        if (m_groups.empty())
+            return;
+        size_t group_width = 5, peer_width = 4;
+        for (const group_t& g : m_groups) {
+            group_width = std::max(group_width, g.name.size());
+            for (const variant_t& v : g.variants)
+                peer_width = std::max(peer_width, v.name.size());
+        }
+        out << "\nRatios: peer time / our time, above 1 means ours is faster; ns per iteration "
+               "(CPU, or wall clock for real_time groups), median (min..max)\n";
+        line(out, group_width, "group", "ours ns/op", peer_width, "peer", "peer ns/op", "ratio");
+        for (const group_t& g : m_groups) {
+            const variant_t* ours = g.find("ours");
+            std::string ours_text = ours ? ours->text() : "-";
+            bool any_peer = false;
+            for (const variant_t& peer : g.variants) {
+                if (&peer == ours)
+                    continue;
+                any_peer = true;
+                line(out, group_width, g.name, ours_text, peer_width, peer.name, peer.text(),
+                     ours ? ratio_text(*ours, peer) : "-");
+            }
+            if (!any_peer)
+                line(out, group_width, g.name, ours_text, peer_width, "-", "-", "-");
+        }
+        out.flush();
+    }
+
+private:
+    struct variant_t {
+        std::string name;
+        // (repetition index, ns per iteration) of each run.
+        std::vector<std::pair<int64_t, double>> runs;
+        // Only aggregates reach the reporter under
+        // --benchmark_display_aggregates_only; their median stands in.
+        double median_aggregate = -1;
+
+        std::vector<double> values() const {
+            std::vector<double> v;
+            for (const auto& r : runs)
+                v.push_back(r.second);
+            if (v.empty() && median_aggregate >= 0)
+                v.push_back(median_aggregate);
+            return v;
+        }
+        std::string text() const {
+            std::vector<double> v = values();
+            if (v.empty())
+                return "-";
+            detail::spread_t s = detail::spread_of(v);
+            if (v.size() == 1)
+                return detail::format_ns(s.median);
+            return detail::format_ns(s.median) + " (" + detail::format_ns(s.min) + ".." +
+                   detail::format_ns(s.max) + ")";
+        }
+    };
+
+    struct group_t {
+        std::string name;
+        std::vector<variant_t> variants;
+
+        const variant_t* find(const std::string& n) const {
+            for (const variant_t& v : variants)
+                if (v.name == n)
+                    return &v;
+            return nullptr;
+        }
+    };
+
+    void record(const Run& r) {
+        if (detail::run_failed(r, 0))
+            return;
+        const std::string& fn = r.run_name.function_name;
+        size_t slash = fn.rfind('/');
+        if (slash == std::string::npos)
+            return;
+        std::string group_name = fn.substr(0, slash) + r.run_name.str().substr(fn.size());
+        std::string variant_name = fn.substr(slash + 1);
+        // time_type is "real_time" or "manual_time" when the benchmark asked
+        // for either, else empty.
+        double t = r.run_name.time_type.empty() ? r.GetAdjustedCPUTime() : r.GetAdjustedRealTime();
+        double ns = t * 1e9 / benchmark::GetTimeUnitMultiplier(r.time_unit);
+
+        group_t* g = nullptr;
+        for (group_t& each : m_groups)
+            if (each.name == group_name)
+                g = &each;
+        if (!g) {
+            m_groups.push_back(group_t{group_name, {}});
+            g = &m_groups.back();
+        }
+        variant_t* v = nullptr;
+        for (variant_t& each : g->variants)
+            if (each.name == variant_name)
+                v = &each;
+        if (!v) {
+            g->variants.push_back(variant_t{variant_name, {}, -1});
+            v = &g->variants.back();
+        }
+        if (r.run_type == Run::RT_Iteration)
+            v->runs.emplace_back(r.repetition_index, ns);
+        else if (r.aggregate_name == "median" && r.aggregate_unit == benchmark::kTime)
+            v->median_aggregate = ns;
+    }
+
+    static std::string ratio_text(const variant_t& ours, const variant_t& peer) {
+        std::vector<double> o = ours.values(), p = peer.values();
+        if (o.empty() || p.empty())
+            return "-";
+        char buf[64];
+        double ratio = detail::spread_of(p).median / detail::spread_of(o).median;
+        std::vector<double> paired;
+        for (const auto& pr : peer.runs)
+            for (const auto& orun : ours.runs)
+                if (orun.first == pr.first && orun.second > 0)
+                    paired.push_back(pr.second / orun.second);
+        if (paired.size() < 2) {
+            std::snprintf(buf, sizeof buf, "%.2f", ratio);
+        } else {
+            detail::spread_t s = detail::spread_of(paired);
+            std::snprintf(buf, sizeof buf, "%.2f (%.2f..%.2f)", ratio, s.min, s.max);
+        }
+        return buf;
+    }
+
+    static void line(std::ostream& out, size_t group_width, const std::string& group, const std::string& ours,
+                     size_t peer_width, const std::string& peer, const std::string& peer_ns,
+                     const std::string& ratio) {
+        out << pad(group, group_width + 2) << pad(ours, 22) << pad(peer, peer_width + 2) << pad(peer_ns, 22)
+            << ratio << "\n";
+    }
+
+    static std::string pad(const std::string& s, size_t width) {
+        return s.size() >= width ? s + " " : s + std::string(width - s.size(), ' ');
+    }
+
+    std::vector<group_t> m_groups;
+};
+
+inline int run_main(int argc, char** argv) {
+    // The client is multi-threaded. In a process that never started a thread
+    // libstdc++ skips the atomic instructions in shared_ptr and friends,
+    // which would flatter the peers.
+    std::thread([] {}).join();
+
+    static char default_name[] = "bench";
+    static char default_repetitions[] = "--benchmark_repetitions=5";
+    std::vector<char*> args;
+    args.push_back(argc > 0 && argv && argv[0] ? argv[0] : default_name);
+    bool repetitions_given = false;
+    for (int i = 1; i < argc; ++i) {
+        args.push_back(argv[i]);
+        if (std::strncmp(argv[i], "--benchmark_repetitions", 23) == 0)
+            repetitions_given = true;
+    }
+    if (!repetitions_given)
+        args.push_back(default_repetitions);
+    int n = static_cast<int>(args.size());
+    args.push_back(nullptr);
+
+    benchmark::Initialize(&n, args.data());
+    if (benchmark::ReportUnrecognizedArguments(n, args.data()))
+        return 1;
+    recording_reporter_t reporter(isatty(STDOUT_FILENO) ? benchmark::ConsoleReporter::OO_ColorTabular
+                                                        : benchmark::ConsoleReporter::OO_Tabular);
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    reporter.print_ratios(reporter.GetOutputStream());
+    benchmark::Shutdown();
+    return 0;
+}
+
+}  // namespace util_bench
+
+// Defines main() for a benchmark program.
+#define UTIL_BENCH_MAIN() \
+    int main(int argc, char** argv) { return ::util_bench::run_main(argc, argv); }
+
+#endif
