@@ -15,6 +15,13 @@ public:
     // The local time of `ms` milliseconds since 1970-01-01 UTC.
     static local_date_t from_epoch_ms(uint64_t ms);
 
+    // Advances by `ms`, a day at a time. The day is checked against the
+    // length of the following month (28 January + 1 day is 1 February; 30
+    // November + 1 day is 31 November), the month after November is 0 of the
+    // next year, and the day of week is left as it was. Negative amounts are
+    // not supported: they only turn the millisecond field, modulo 1000.
+    // Write amounts with their type (uint32_t or int64_t): a plain int
+    // literal matches both overloads.
     local_date_t& operator+=(int64_t ms);
     local_date_t& operator+=(uint32_t ms);
     local_date_t operator+(uint32_t ms) const;
