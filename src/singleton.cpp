@@ -26,33 +26,47 @@ singleton_life_t::singleton_life_t() : m_count(0) {}
 
 singleton_life_t::~singleton_life_t() {}
 
+// regist and unregist log after leaving the lock: logging may create the
+// log's own singletons, which register here.
 void singleton_life_t::regist(destroy_fn fn) {
-    auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    UTIL_LOG(LOG_INFO, "singleton_life_t::regist fn = " << reinterpret_cast<void*>(fn) << ", this = "
-                                                        << this << ",singleton number = " << m_count);
-    if (std::find(m_fns.begin(), m_fns.end(), fn) != m_fns.end())
-        return;
-    if (m_count >= MAX_SINGLETONS) {
-        UTIL_ASSERT_MSG("list<T> too long", SOURCE_PATH, __LINE__, ", this = " << this);
-        return;
+    uint32_t count;
+    bool overflow = false;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        count = m_count;
+        if (std::find(m_fns.begin(), m_fns.end(), fn) == m_fns.end()) {
+            if (m_count >= MAX_SINGLETONS) {
+                overflow = true;
+            } else {
+                m_fns.push_back(fn);
+                ++m_count;
+            }
+        }
     }
-    m_fns.push_back(fn);
-    ++m_count;
+    UTIL_LOG(LOG_INFO, "singleton_life_t::regist fn = " << reinterpret_cast<void*>(fn) << ", this = " << this
+                                                        << ",singleton number = " << count);
+    if (overflow)
+        UTIL_ASSERT_MSG("list<T> too long", SOURCE_PATH, __LINE__, ", this = " << this);
 }
 
 void singleton_life_t::unregist(destroy_fn fn) {
-    auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    UTIL_LOG(LOG_INFO, "singleton_life_t::unregist fn = " << reinterpret_cast<void*>(fn) << ", this = "
-                                                          << this << ",singleton number = " << m_count);
-    std::list<destroy_fn>::iterator it = std::find(m_fns.begin(), m_fns.end(), fn);
-    if (it == m_fns.end()) {
-        UTIL_LOG(LOG_INFO, "singleton_life_t::unregist fn = " << reinterpret_cast<void*>(fn)
-                                                              << " but not found,singleton number = "
-                                                              << m_count);
-        return;
+    uint32_t count;
+    bool found = false;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        count = m_count;
+        std::list<destroy_fn>::iterator it = std::find(m_fns.begin(), m_fns.end(), fn);
+        if (it != m_fns.end()) {
+            m_fns.erase(it);
+            --m_count;
+            found = true;
+        }
     }
-    m_fns.erase(it);
-    --m_count;
+    UTIL_LOG(LOG_INFO, "singleton_life_t::unregist fn = " << reinterpret_cast<void*>(fn) << ", this = " << this
+                                                          << ",singleton number = " << count);
+    if (!found)
+        UTIL_LOG(LOG_INFO, "singleton_life_t::unregist fn = " << reinterpret_cast<void*>(fn)
+                                                              << " but not found,singleton number = " << count);
 }
 
 void singleton_life_t::cleanup() {

@@ -60,25 +60,25 @@ tls_slots_allocator_t* tls_slots_allocator_t::instance() {
     tls_slots_allocator_t* p = s_allocator.load(std::memory_order_acquire);
     if (p)
         return p;
-    auto_lock_t<thread_mutex_recursive> guard(global_lock());
-    p = s_allocator.load(std::memory_order_relaxed);
-    if (!p) {
+    {
+        auto_lock_t<thread_mutex_recursive> guard(global_lock());
+        p = s_allocator.load(std::memory_order_relaxed);
+        if (p)
+            return p;
         p = new tls_slots_allocator_t;
         s_allocator.store(p, std::memory_order_release);
-        singleton_life_t::instance().regist(destroy_allocator);
     }
+    // Outside the global lock: the registry's clean-up takes its lock first.
+    singleton_life_t::instance().regist(destroy_allocator);
     return p;
 }
 
 tls_slots_allocator_t* tls_slots_allocator_t::peek() { return s_allocator.load(std::memory_order_acquire); }
 
 void tls_slots_allocator_t::destroy() {
-    tls_slots_allocator_t* p;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(global_lock());
-        p = s_allocator.exchange(nullptr, std::memory_order_acq_rel);
-    }
-    delete p;
+    // No global lock here: destroy runs inside the registry's clean-up, and
+    // creation takes the two locks in the other order.
+    delete s_allocator.exchange(nullptr, std::memory_order_acq_rel);
     singleton_life_t::instance().unregist(destroy_allocator);
 }
 

@@ -5,7 +5,10 @@
 #include <atomic>
 
 #include "lock.h"
+#include "log.h"
+#include "memlog.h"
 #include "singleton.h"
+#include "stream.h"
 #include "trace.h"
 
 namespace {
@@ -33,9 +36,32 @@ const char* build_banner() {
     return s_banner;
 }
 
-void start_services() {}
+const signed char* as_text(const char* s) { return reinterpret_cast<const signed char*>(s); }
 
-void stop_services() { ssb::singleton_life_t::instance().cleanup(); }
+void start_services(const char* dir, const char* filename, const char* pext, unsigned int max_size,
+                    unsigned int max_idx) {
+    ssb::logger_file::instance(as_text(dir), as_text(filename), as_text(pext), max_size, max_idx);
+    register_logger(ssb::UTIL_MODULE_ID, "UTIL", 31, nullptr, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
+    ssb::init_auxi();
+}
+
+// Starts the memory log with the banner, so a dump says which build wrote it.
+void start_memory_log(const char* description) {
+    ssb::mem_log_file::plugin_lock guard;
+    ssb::mem_log_file* memory = ssb::mem_log_file::instance(ssb::DEFAULT_MEM_LOG_SIZE);
+    if (!memory)
+        return;
+    signed char buf[ssb::LOG_LINE_BUFFER];
+    ssb::log_stream_t line(buf, sizeof(buf), as_text("INFO"), as_text("ORCA"));
+    line << "This " << description;
+    ssb::detail::finish_line(line);
+    memory->cout(ssb::UTIL_MODULE_ID, ssb::LOG_INFO, buf, line.length());
+}
+
+void stop_services() {
+    ssb::log_control_t::destroy();
+    ssb::singleton_life_t::instance().cleanup();
+}
 
 }  // namespace
 
@@ -56,12 +82,13 @@ int util_init(unsigned int module_id, const char* dir, const char* filename, con
     int32_t times = s_init_times.fetch_add(1, std::memory_order_acq_rel) + 1;
     if (times == 1) {
         ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
-        start_services();
+        start_services(dir, filename, pext, max_size, max_idx);
         UTIL_LOG(ssb::LOG_INFO, "UTIL_INIT  refer "
                                     << "s_init_times = " << times << ", module_id = " << module_id
                                     << ", description = " << description << ", dir = " << dir
                                     << ", filename = " << filename << ", pext = " << pext
                                     << ", max_size = " << max_size << ", max_idx = " << max_idx);
+        start_memory_log(description);
     } else {
         UTIL_LOG(ssb::LOG_INFO,
                  "UTIL_INIT  refer times = " << times << ", module_id = " << module_id << ", " << description);

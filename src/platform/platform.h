@@ -7,6 +7,7 @@
 #define SSB_PLATFORM_H
 
 #include <stddef.h>
+#include <stdio.h>
 #include <stdint.h>
 
 namespace ssb {
@@ -111,14 +112,17 @@ bool dir_exists(const char* path);
 bool file_exists(const char* path);
 // Creates one directory level; 0 or the OS error number.
 int make_dir(const char* path);
-// The per-user application-data folder, without a trailing separator:
-// shell folder 26 on Windows, $XDG_DATA_HOME or ~/.local/share elsewhere.
-// 0 or the OS error number.
-int user_data_dir(char* out, size_t size);
+// A per-user special folder by its Windows shell id (26 is the roaming
+// application-data folder), without a trailing separator, created when asked.
+// Elsewhere 26 and 28 map to $XDG_DATA_HOME (default ~/.local/share) and 5 to
+// $HOME. 0 or the OS error number.
+int special_folder(int folder_id, bool create, char* out, size_t size);
 // Full path of the running executable; 0 or the OS error number.
 int self_exe_path(char* out, size_t size);
 // The current working directory; 0 or the OS error number.
 int current_dir(char* out, size_t size);
+// Opens a text file for writing, truncating it; null on failure.
+FILE* open_text_file(const char* path);
 
 }  // namespace plat
 }  // namespace ssb
