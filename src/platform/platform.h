@@ -124,6 +124,79 @@ int current_dir(char* out, size_t size);
 // Opens a text file for writing, truncating it; null on failure.
 FILE* open_text_file(const char* path);
 
+// ---- sockets and pipes ------------------------------------------------------
+// Functions returning int give 0 or the OS error number (WSAGetLastError on
+// Windows, errno elsewhere); the shared code classifies it with the helpers
+// below and never names an error value itself.
+
+// A Windows SOCKET or a POSIX descriptor. Both systems' invalid value
+// (INVALID_SOCKET, -1) is all ones in this width.
+typedef uintptr_t socket_handle_t;
+const socket_handle_t INVALID_SOCKET_HANDLE = ~static_cast<socket_handle_t>(0);
+
+// WSAStartup asking for 2.2, and WSACleanup; nothing to do on POSIX.
+int socket_startup();
+int socket_cleanup();
+// The calling thread's error number from its last failed socket call.
+int socket_last_error();
+// WSAEWOULDBLOCK; EAGAIN or EWOULDBLOCK.
+bool socket_would_block(int error);
+// A non-blocking connect still under way: WSAEWOULDBLOCK; EINPROGRESS too.
+bool socket_connect_pending(int error);
+// WSAEINTR; EINTR.
+bool socket_interrupted(int error);
+
+// An IPv4 TCP socket, close-on-exec (not inherited on Windows).
+int socket_open_tcp4(socket_handle_t* out);
+int socket_close(socket_handle_t s);
+int socket_set_nonblocking(socket_handle_t s);
+// Small writes leave at once instead of waiting for the peer's ACK.
+int socket_set_nodelay(socket_handle_t s);
+// 127.0.0.1:port; port 0 lets the system choose.
+int socket_bind_loopback(socket_handle_t s, uint16_t port);
+int socket_listen(socket_handle_t s, int backlog);
+int socket_local_port(socket_handle_t s, uint16_t* port);
+int socket_connect_loopback(socket_handle_t s, uint16_t port);
+// The accepted socket is close-on-exec; it does not inherit non-blocking
+// mode everywhere, so callers set it.
+int socket_accept(socket_handle_t s, socket_handle_t* out);
+// Never raises SIGPIPE: a closed peer is reported as an error.
+int socket_send(socket_handle_t s, const void* data, size_t size, size_t* sent);
+// *received is 0 when the peer has closed the connection.
+int socket_recv(socket_handle_t s, void* data, size_t size, size_t* received);
+
+enum io_wait_t {
+    IO_READABLE,
+    IO_EXCEPTION,  // out-of-band data or a failed connect; wins over readable
+    IO_TIMED_OUT,
+    IO_ERROR,      // *error has the OS error number
+    IO_NOTHING     // the wait ended with neither condition
+};
+// Waits until the socket is readable or has an exceptional condition.
+// timeout_ms < 0 waits without limit. Not limited by FD_SETSIZE on POSIX.
+io_wait_t socket_wait_readable(socket_handle_t s, int timeout_ms, int* error);
+
+// An anonymous pipe end: a Windows HANDLE or a POSIX descriptor. Both
+// systems' invalid value (INVALID_HANDLE_VALUE, -1) is all ones here.
+typedef uintptr_t pipe_handle_t;
+const pipe_handle_t INVALID_PIPE_HANDLE = ~static_cast<pipe_handle_t>(0);
+
+// Both ends non-blocking and close-on-exec (not inherited on Windows).
+int pipe_open(pipe_handle_t* read_end, pipe_handle_t* write_end);
+int pipe_close(pipe_handle_t h);
+// A full pipe is either a would-block error or 0 with *written 0.
+int pipe_write(pipe_handle_t h, const void* data, size_t size, size_t* written);
+// An empty pipe is a would-block error.
+int pipe_read(pipe_handle_t h, void* data, size_t size, size_t* got);
+// ERROR_NO_DATA on a PIPE_NOWAIT handle; EAGAIN or EWOULDBLOCK.
+bool pipe_would_block(int error);
+// EINTR; never on Windows.
+bool pipe_interrupted(int error);
+// Waits until the read end has data (IO_READABLE), IO_TIMED_OUT or IO_ERROR.
+// Windows cannot select on a pipe, so there it polls the byte count with
+// short sleeps: a wake-up may come up to a scheduler tick late.
+io_wait_t pipe_wait_readable(pipe_handle_t h, int timeout_ms, int* error);
+
 }  // namespace plat
 }  // namespace ssb
 
