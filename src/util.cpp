@@ -7,6 +7,7 @@
 #include "lock.h"
 #include "log.h"
 #include "memlog.h"
+#include "notifier.h"
 #include "singleton.h"
 #include "stream.h"
 #include "trace.h"
@@ -42,6 +43,8 @@ void start_services(const char* dir, const char* filename, const char* pext, uns
                     unsigned int max_idx) {
     ssb::logger_file::instance(as_text(dir), as_text(filename), as_text(pext), max_size, max_idx);
     register_logger(ssb::UTIL_MODULE_ID, "UTIL", 31, nullptr, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
+    // A failure is logged by init_socket itself; start-up goes on.
+    ssb::init_socket();
     ssb::init_auxi();
 }
 
@@ -59,6 +62,7 @@ void start_memory_log(const char* description) {
 }
 
 void stop_services() {
+    ssb::cleanup_socket();
     ssb::log_control_t::destroy();
     ssb::singleton_life_t::instance().cleanup();
 }

@@ -1,0 +1,149 @@
+// One writer thread to one reader thread through a bounded queue of
+// pointer-sized values, against the single-producer queues of Boost and
+// moodycamel and moodycamel's general queue driven by one producer and one
+// consumer. The benchmark thread writes one value per iteration and the
+// reader thread takes them; both spin (then yield, never sleep) when the queue
+// is full or empty. Wall-clock time, since the work is split over two threads.
+//
+// Capacities: ring_queue_t(n) holds n - 1 values, the peers n (moodycamel
+// rounds up to its block size); the queues are built before the timing and
+// none of them allocates while it runs.
+//
+// util-bench-peers: boost readerwriterqueue concurrentqueue
+#include <boost/lockfree/spsc_queue.hpp>
+#include <concurrentqueue/concurrentqueue.h>
+#include <readerwriterqueue/readerwriterqueue.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <thread>
+
+#include "bench_support.h"
+#include "ring_queue.h"
+
+namespace {
+
+// A full or empty queue is retried at once for a while; after that the
+// thread yields, so a waiting side that shares a core with the other one (a
+// loaded two-core machine) does not burn its whole time slice.
+class spinner_t {
+public:
+    void wait() {
+        if (++m_spins < 256) {
+#if defined(__x86_64__) || defined(__i386__)
+            __builtin_ia32_pause();
+#endif
+        } else {
+            m_spins = 0;
+            std::this_thread::yield();
+        }
+    }
+    void reset() { m_spins = 0; }
+
+private:
+    unsigned int m_spins = 0;
+};
+
+struct ours_t {
+    explicit ours_t(size_t capacity) : q(static_cast<unsigned int>(capacity)) {}
+    bool push(uintptr_t v) { return q.push(v) == ssb::RESULT_SUCCESS; }
+    bool pop(uintptr_t& v) { return q.pop(v) == ssb::RESULT_SUCCESS; }
+    ssb::ring_queue_t<uintptr_t> q;
+};
+
+struct boost_spsc_t {
+    explicit boost_spsc_t(size_t capacity) : q(capacity) {}
+    bool push(uintptr_t v) { return q.push(v); }
+    bool pop(uintptr_t& v) { return q.pop(v); }
+    boost::lockfree::spsc_queue<uintptr_t> q;
+};
+
+struct reader_writer_queue_t {
+    explicit reader_writer_queue_t(size_t capacity) : q(capacity) {}
+    // try_enqueue never allocates: a full queue refuses, like ours.
+    bool push(uintptr_t v) { return q.try_enqueue(v); }
+    bool pop(uintptr_t& v) { return q.try_dequeue(v); }
+    moodycamel::ReaderWriterQueue<uintptr_t> q;
+};
+
+struct concurrent_queue_t {
+    // One explicit producer, no implicit ones; the blocks are preallocated.
+    explicit concurrent_queue_t(size_t capacity) : q(capacity, 1, 0), producer(q), consumer(q) {}
+    bool push(uintptr_t v) { return q.try_enqueue(producer, v); }
+    bool pop(uintptr_t& v) { return q.try_dequeue(consumer, v); }
+    moodycamel::ConcurrentQueue<uintptr_t> q;
+    moodycamel::ProducerToken producer;
+    moodycamel::ConsumerToken consumer;
+};
+
+// Each iteration pushes one value on the benchmark thread; the reader
+// thread checks that the values arrive in order and counts them.
+template <class Q>
+void one_to_one(benchmark::State& state) {
+    std::unique_ptr<Q> q(new Q(static_cast<size_t>(state.range(0))));
+    std::atomic<bool> ready{false};
+    std::atomic<bool> done{false};
+    std::atomic<bool> out_of_order{false};
+    uint64_t received = 0;
+    std::thread reader([&] {
+        spinner_t spin;
+        uintptr_t expected = 1, v = 0;
+        ready.store(true, std::memory_order_release);
+        for (;;) {
+            if (q->pop(v)) {
+                if (v != expected)
+                    out_of_order.store(true, std::memory_order_relaxed);
+                expected = v + 1;
+                ++received;
+                spin.reset();
+            } else if (done.load(std::memory_order_acquire)) {
+                // The writer has finished: what is left is all there is.
+                while (q->pop(v)) {
+                    if (v != expected)
+                        out_of_order.store(true, std::memory_order_relaxed);
+                    expected = v + 1;
+                    ++received;
+                }
+                break;
+            } else {
+                spin.wait();
+            }
+        }
+    });
+    spinner_t spin;
+    while (!ready.load(std::memory_order_acquire))
+        spin.wait();
+
+    uintptr_t next = 1;
+    for (auto _ : state) {
+        if (!q->push(next)) {
+            spin.reset();
+            do
+                spin.wait();
+            while (!q->push(next));
+        }
+        ++next;
+    }
+    done.store(true, std::memory_order_release);
+    reader.join();
+
+    state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
+    if (received != static_cast<uint64_t>(state.iterations()))
+        state.SkipWithError("values lost or duplicated");
+    else if (out_of_order.load())
+        state.SkipWithError("values out of order");
+}
+
+void capacities(benchmark::internal::Benchmark* b) {
+    b->Arg(1024)->Arg(16384)->UseRealTime();
+}
+
+BENCHMARK_TEMPLATE(one_to_one, ours_t)->Name("spsc/ours")->Apply(capacities);
+BENCHMARK_TEMPLATE(one_to_one, boost_spsc_t)->Name("spsc/boost_spsc_queue")->Apply(capacities);
+BENCHMARK_TEMPLATE(one_to_one, reader_writer_queue_t)->Name("spsc/moodycamel_rwq")->Apply(capacities);
+BENCHMARK_TEMPLATE(one_to_one, concurrent_queue_t)->Name("spsc/moodycamel_cq")->Apply(capacities);
+
+}  // namespace
+
+UTIL_BENCH_MAIN()

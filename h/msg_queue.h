@@ -1,0 +1,212 @@
+// Bounded message queues between threads, with wake-up and back-pressure.
+//
+// Writers put msg_it pointers in; one reader thread takes them out and
+// sleeps on a notifier that writers signal. A full queue never blocks: the
+// writer gets RESULT_QUEUE_FULL at once, keeps its message, and may register
+// a sink that is called back on the writer's own thread once the reader has
+// made room.
+#ifndef SSB_MSG_QUEUE_H
+#define SSB_MSG_QUEUE_H
+
+#include <atomic>
+#include <list>
+
+#include "lock.h"
+#include "msg.h"
+#include "ring_queue.h"
+
+namespace ssb {
+
+class notifier_it;
+class thread_wrapper_t;
+
+// Called back, on the writer's thread, when room was made in a queue that
+// it found full. `reason` is 0.
+class UTIL_API msg_queue_sink_it {
+public:
+    virtual void on_queue_room(int reason) = 0;
+    virtual ~msg_queue_sink_it() {}
+};
+
+// The reader's side. Only the reader thread calls it.
+class UTIL_API r_msg_queue_it : public virtual ref_count_it {
+public:
+    // 0 with the oldest message, 7 when empty.
+    virtual int pop_msg(msg_it*& msg) = 0;
+    virtual bool is_empty() = 0;
+};
+
+// The writers' side.
+class UTIL_API w_msg_queue_it : public virtual ref_count_it {
+public:
+    // 0, or 3 when full (the message stays the caller's).
+    virtual int post_msg(msg_it* msg, msg_queue_sink_it* sink) = 0;
+    // Waits up to `timeout` ms (negative: for ever) for the reader to run
+    // the message: 0 when it ran, 16 when the wait timed out (it still runs
+    // later), 3 when full.
+    virtual int send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) = 0;
+    // 0, 2 for a null sink, 10 when already registered.
+    virtual int register_sink(msg_queue_sink_it* sink) = 0;
+    // 10 when registered, 5 when not; the sink stays listed either way and
+    // is forgotten at the next wake-up.
+    virtual int unregister_sink(msg_queue_sink_it* sink) = 0;
+    virtual bool is_full() = 0;
+    virtual bool is_close() = 0;
+};
+
+class UTIL_API rw_msg_queue_it : public r_msg_queue_it, public w_msg_queue_it {};
+
+// When writers signal the reader's notifier.
+const unsigned int MSG_QUEUE_SIGNAL_ALWAYS = 0;
+const unsigned int MSG_QUEUE_SIGNAL_WHEN_EMPTY = 1;
+// m_status: 1 normal, 2 a writer found the queue full since the last pop.
+const uint32_t MSG_QUEUE_STATUS_NORMAL = 1;
+const uint32_t MSG_QUEUE_STATUS_FULL = 2;
+
+// What both queues share: the reader's notifier, the full/normal status and
+// the sinks. Reference-counted; users release, never delete. The sink list
+// is guarded by the queue's own recursive lock.
+class UTIL_API msg_queue_base_t : public safe_obj<msg_queue_base_t, thread_mutex_recursive>,
+                                  public virtual ref_count_it {
+public:
+    int open_notifier(notifier_it* notifier);
+    notifier_it* get_notifier() const { return m_reader.load(std::memory_order_acquire); }
+    uint32_t status() const { return m_status.load(std::memory_order_relaxed); }
+
+    // Calls every registered sink with 0, in registration order, and forgets
+    // them. Runs on the writer's thread.
+    void on_sink();
+    // Hands the sink wake-up to `writer`'s thread when a writer found the
+    // queue full: 0, 9 when that thread has stopped, 12 without a thread.
+    int lanuch_on_sink(thread_wrapper_t* writer);
+
+    void* query_interface(uint64_t iid) override;
+    uint32_t increment() override { return m_ref.inc(); }
+    uint32_t decrement() override;
+    uint32_t get_count() override { return m_ref.load(); }
+    void on_self_destroy() override { delete this; }
+
+protected:
+    explicit msg_queue_base_t(notifier_it* reader);
+    ~msg_queue_base_t() override;
+
+    int add_sink(msg_queue_sink_it* sink);
+    int find_sink(msg_queue_sink_it* sink);
+    void signal_reader();
+    void mark_full() { m_status.store(MSG_QUEUE_STATUS_FULL, std::memory_order_relaxed); }
+    // Counts a value in or out; true when the reader must be signalled.
+    bool note_pushed(unsigned int mode);
+    void note_popped(unsigned int mode);
+    // Pushes and signals as the mode says: 0 or 3.
+    virtual int push_signalled(msg_it* msg) = 0;
+    // The synchronous hand-over of send_msg once the queue had room.
+    int send_through(const char* name, msg_it* msg, int timeout);
+
+    // Written by writers and the reader without a lock: a lost update only
+    // delays or repeats a sink wake-up.
+    std::atomic<uint32_t> m_status;
+    std::atomic<notifier_it*> m_reader;
+    std::list<msg_queue_sink_it*> m_sinks;
+    // Messages in the ring, counted by both sides to decide the wake-up
+    // when writers signal only an empty queue.
+    std::atomic<uint32_t> m_queued;
+
+private:
+    detail::ref_counter_t<null_lock> m_ref;
+};
+
+// One writer thread to one reader thread, over an unlocked ring.
+class UTIL_API o2o_msg_queue_t : public msg_queue_base_t, public rw_msg_queue_it {
+public:
+    // `writer` is the thread on which sinks are called back; `capacity` is
+    // the ring's node count (the queue holds capacity - 1 messages).
+    o2o_msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode);
+
+    int post_msg(msg_it* msg, msg_queue_sink_it* sink) override;
+    int send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) override;
+    int pop_msg(msg_it*& msg) override;
+    bool is_empty() override { return m_ring.is_empty(); }
+    bool is_full() override { return m_ring.is_full(); }
+    bool is_close() override { return false; }
+    int register_sink(msg_queue_sink_it* sink) override { return add_sink(sink); }
+    int unregister_sink(msg_queue_sink_it* sink) override { return find_sink(sink); }
+    thread_wrapper_t* writer() const { return m_writer; }
+
+protected:
+    ~o2o_msg_queue_t() override;
+    int push_signalled(msg_it* msg) override;
+
+private:
+    thread_wrapper_t* m_writer;
+    ring_queue_t<msg_it*> m_ring;
+    unsigned int m_mode;
+};
+
+// Any writer threads to one reader thread; writers take the ring's lock.
+class UTIL_API msg_queue_t : public rw_msg_queue_it, public msg_queue_base_t {
+public:
+    msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode);
+
+    int post_msg(msg_it* msg, msg_queue_sink_it* sink) override;
+    int send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) override;
+    int pop_msg(msg_it*& msg) override;
+    bool is_empty() override { return m_ring.is_empty(); }
+    bool is_full() override { return m_ring.is_full(); }
+    bool is_close() override { return false; }
+    int register_sink(msg_queue_sink_it* sink) override { return add_sink(sink); }
+    int unregister_sink(msg_queue_sink_it* sink) override { return find_sink(sink); }
+
+protected:
+    ~msg_queue_t() override;
+    int push_signalled(msg_it* msg) override;
+
+private:
+    thread_wrapper_t* m_writer;
+    ring_queue_or_mw_t<msg_it*> m_ring;
+    unsigned int m_mode;
+};
+
+// An operation to run later on a chosen thread.
+class UTIL_API deferred_op_it {
+public:
+    virtual void execute() = 0;
+    virtual ~deferred_op_it() {}
+};
+
+// Carries a deferred operation to a thread's control queue and runs it
+// there. Owns the operation.
+class UTIL_API deferred_msg_op_t : public msg_it {
+public:
+    // Posts `op` to `thr`'s control queue, or to the calling thread's when
+    // `thr` is null: 0, 9 when there is no such thread, 3 when the post
+    // failed (the operation is then destroyed).
+    static int launch(thread_wrapper_t* thr, deferred_op_it* op);
+
+    void on_message() override;
+
+protected:
+    ~deferred_msg_op_t() override;
+
+private:
+    explicit deferred_msg_op_t(deferred_op_it* op);
+    deferred_op_it* m_op;
+};
+
+// The sink wake-up of a queue, run on the writer's thread. Holds a
+// reference on the queue while in flight.
+class UTIL_API on_sink_oper : public deferred_op_it {
+public:
+    explicit on_sink_oper(msg_queue_base_t* queue);
+    ~on_sink_oper() override;
+    void execute() override;
+
+private:
+    on_sink_oper(const on_sink_oper&);
+    on_sink_oper& operator=(const on_sink_oper&);
+
+    msg_queue_base_t* m_queue;
+};
+
+}  // namespace ssb
+
+#endif

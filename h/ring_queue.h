@@ -1,0 +1,202 @@
+// Bounded first-in-first-out rings of pointer-sized values, built once as a
+// closed cycle of linked nodes and never resized. A ring of n nodes holds
+// n - 1 values: the node in front of the write cursor is kept free so that
+// "empty" (read == write) and "full" (next of write == read) differ.
+//
+// Three variants differ only in locking:
+//   ring_queue_t        one writer thread, one reader thread, no lock;
+//   ring_queue_or_mw_t  any writers under the queue's lock, one reader without;
+//   ring_queue_mr_mw_t  any readers and writers, each under the lock.
+// push and pop never allocate.
+#ifndef SSB_RING_QUEUE_H
+#define SSB_RING_QUEUE_H
+
+#include <atomic>
+#include <new>
+
+#include "lock.h"
+#include "util_def.h"
+
+namespace ssb {
+
+// The recorded capacity is clamped into this range; the ring itself has
+// exactly the requested number of nodes.
+const uint32_t RING_QUEUE_MIN_CAPACITY = 32;
+const uint32_t RING_QUEUE_MAX_CAPACITY = 16384;
+
+namespace detail {
+
+// The log lines of the rings, kept out of line so the header stays free of
+// the log machinery.
+UTIL_API void ring_queue_log_created(unsigned int requested, unsigned int recorded, const void* ring);
+UTIL_API void ring_queue_log_no_nodes(unsigned int requested, const void* ring);
+UTIL_API void ring_queue_log_dump(const void* write, const void* read, const void* header, unsigned int capacity);
+
+// Padding between the two sides' cursors: at least a cache line, so the
+// reader's and the writer's hot words never share one whatever the object's
+// alignment.
+const unsigned int RING_CACHE_LINE = 64;
+
+}  // namespace detail
+
+template <class T>
+struct ring_node_t {
+    T m_value;
+    ring_node_t* m_next;
+};
+
+// One writer thread and one reader thread, no lock. Each side keeps its
+// own cursor and a private copy of the other side's, refreshed only when
+// the copy says full (writer) or empty (reader), so the two threads touch
+// each other's cache line once per burst rather than once per value.
+// is_empty, is_full and dump may be called from either side and give a
+// snapshot.
+template <class T>
+class ring_queue_t {
+public:
+    typedef ring_node_t<T> node_t;
+
+    // A request below 2 leaves a ring that is always full and always empty
+    // (one node linked to itself); so does a failed allocation.
+    explicit ring_queue_t(unsigned int capacity)
+        : m_header(nullptr),
+          m_read(nullptr),
+          m_write_seen(nullptr),
+          m_write(nullptr),
+          m_read_seen(nullptr),
+          m_capacity(capacity < RING_QUEUE_MIN_CAPACITY
+                         ? RING_QUEUE_MIN_CAPACITY
+                         : (capacity > RING_QUEUE_MAX_CAPACITY ? RING_QUEUE_MAX_CAPACITY : capacity)),
+          m_stub() {
+        detail::ring_queue_log_created(capacity, m_capacity, this);
+        m_stub.m_next = &m_stub;
+        node_t* nodes = nullptr;
+        if (capacity >= 2) {
+            nodes = new (std::nothrow) node_t[capacity]();
+            if (!nodes)
+                detail::ring_queue_log_no_nodes(capacity, this);
+        }
+        if (nodes) {
+            for (unsigned int i = 0; i + 1 < capacity; ++i)
+                nodes[i].m_next = &nodes[i + 1];
+            nodes[capacity - 1].m_next = &nodes[0];
+        } else {
+            nodes = &m_stub;
+        }
+        m_header = nodes;
+        m_read.store(nodes, std::memory_order_relaxed);
+        m_write.store(nodes, std::memory_order_relaxed);
+        m_write_seen = nodes;
+        m_read_seen = nodes;
+    }
+
+    // Frees the nodes only: values still queued belong to the owner, who
+    // drains them first.
+    virtual ~ring_queue_t() {
+        if (m_header != &m_stub)
+            delete[] m_header;
+    }
+
+    // Writer side: 0, or 3 when full (nothing stored).
+    int push(const T& value) {
+        node_t* w = m_write.load(std::memory_order_relaxed);
+        node_t* next = w->m_next;
+        if (next == m_read_seen) {
+            // Acquire pairs with the reader's release in pop: the reader has
+            // finished copying out of every node it has passed.
+            m_read_seen = m_read.load(std::memory_order_acquire);
+            if (next == m_read_seen)
+                return RESULT_QUEUE_FULL;
+        }
+        w->m_value = value;
+        // Release publishes the value before the reader can see the node.
+        m_write.store(next, std::memory_order_release);
+        return RESULT_SUCCESS;
+    }
+
+    // Reader side: 0 with the oldest value, or 7 when empty (`value` is
+    // left as it was). The slot is not cleared.
+    int pop(T& value) {
+        node_t* r = m_read.load(std::memory_order_relaxed);
+        if (r == m_write_seen) {
+            // Acquire pairs with the writer's release in push.
+            m_write_seen = m_write.load(std::memory_order_acquire);
+            if (r == m_write_seen)
+                return RESULT_QUEUE_EMPTY;
+        }
+        value = r->m_value;
+        m_read.store(r->m_next, std::memory_order_release);
+        return RESULT_SUCCESS;
+    }
+
+    bool is_empty() const {
+        return m_read.load(std::memory_order_acquire) == m_write.load(std::memory_order_acquire);
+    }
+    bool is_full() const {
+        return m_write.load(std::memory_order_acquire)->m_next == m_read.load(std::memory_order_acquire);
+    }
+
+    // The recorded (clamped) capacity; the room is the requested count - 1.
+    unsigned int capacity() const { return m_capacity; }
+
+    // One INFO line with the cursors and the recorded capacity.
+    void dump() const {
+        detail::ring_queue_log_dump(m_write.load(std::memory_order_relaxed), m_read.load(std::memory_order_relaxed),
+                                    m_header, m_capacity);
+    }
+
+protected:
+    node_t* m_header;
+    char m_pad0[detail::RING_CACHE_LINE];
+    // Reader's line.
+    std::atomic<node_t*> m_read;
+    node_t* m_write_seen;
+    char m_pad1[detail::RING_CACHE_LINE];
+    // Writer's line.
+    std::atomic<node_t*> m_write;
+    node_t* m_read_seen;
+    char m_pad2[detail::RING_CACHE_LINE];
+    uint32_t m_capacity;
+    node_t m_stub;
+
+private:
+    ring_queue_t(const ring_queue_t&);
+    ring_queue_t& operator=(const ring_queue_t&);
+};
+
+// Any number of writer threads, one reader thread. Writers are serialised
+// on the queue's recursive lock, held for one push; the reader pops without
+// it (only the reader moves m_read, only lock holders move m_write).
+template <class T>
+class ring_queue_or_mw_t : public ring_queue_t<T>, public safe_obj<ring_queue_or_mw_t<T>, thread_mutex_recursive> {
+public:
+    explicit ring_queue_or_mw_t(unsigned int capacity) : ring_queue_t<T>(capacity) {}
+
+    int push(const T& value) {
+        auto_lock_t<thread_mutex_recursive> guard(this->m_lock);
+        return ring_queue_t<T>::push(value);
+    }
+    // Reader thread only.
+    int pop(T& value) { return ring_queue_t<T>::pop(value); }
+};
+
+// Any number of reader and writer threads; every push and pop holds the
+// queue's recursive lock.
+template <class T>
+class ring_queue_mr_mw_t : public ring_queue_t<T>, public safe_obj<ring_queue_mr_mw_t<T>, thread_mutex_recursive> {
+public:
+    explicit ring_queue_mr_mw_t(unsigned int capacity) : ring_queue_t<T>(capacity) {}
+
+    int push(const T& value) {
+        auto_lock_t<thread_mutex_recursive> guard(this->m_lock);
+        return ring_queue_t<T>::push(value);
+    }
+    int pop(T& value) {
+        auto_lock_t<thread_mutex_recursive> guard(this->m_lock);
+        return ring_queue_t<T>::pop(value);
+    }
+};
+
+}  // namespace ssb
+
+#endif

@@ -1,0 +1,412 @@
+#include "msg.h"
+#include "msg_queue.h"
+#include "ring_queue.h"
+
+#include "memlog.h"
+#include "notifier.h"
+#include "thread.h"
+#include "timer.h"
+#include "trace.h"
+
+namespace ssb {
+
+namespace {
+
+const char SOURCE_PATH[] = ".\\msg_queue";
+
+// The in-memory log the library writes its reports to.
+const unsigned int MSG_MEM_LOG_SIZE = 0x800000;
+
+// The over-stay report goes to the registry and, as the same bytes, to the
+// memory log, whether or not the registry passes the level.
+void report_long_stay(uint32_t used, uint32_t ticks, uint32_t now, MSG_TYPE type, const void* msg) {
+    signed char buf[LOG_LINE_BUFFER];
+    log_stream_t line(buf, LOG_LINE_BUFFER, reinterpret_cast<const signed char*>("WARNING"),
+                      reinterpret_cast<const signed char*>("UTIL"));
+    line << "msg_it::release the message stay in message queue over 5s, used = " << used << " m_ticks =" << ticks
+         << ", now = " << now << ", type = " << static_cast<unsigned int>(type) << ", this = " << msg;
+    detail::finish_line(line);
+    const unsigned int length = line.length();
+
+    // The registry first and outside the memory log's lock: the memory log
+    // may itself be a registry logger, so its lock is never held while the
+    // registry's is taken.
+    log_control_t* control = log_control_t::instance();
+    signed char* module_name = nullptr;
+    signed char* level_name = nullptr;
+    if (control && control->trace_enable(UTIL_MODULE_ID, module_name, LOG_WARNING, level_name))
+        control->trace_out(UTIL_MODULE_ID, LOG_WARNING, buf, length, nullptr);
+
+    mem_log_file::plugin_lock guard;
+    mem_log_file* mem = mem_log_file::instance(MSG_MEM_LOG_SIZE);
+    // A line that does not fit is skipped here rather than handed to cout,
+    // whose refusal logs through the registry and would do so while this
+    // lock is held.
+    if (mem && length < mem->space())
+        mem->cout(UTIL_MODULE_ID, LOG_WARNING, buf, length);
+}
+
+}  // namespace
+
+// ---- messages -------------------------------------------------------------------
+
+msg_it::msg_it(MSG_TYPE type, unsigned int load, unsigned int timeout, bool lockable)
+    : m_type(type), m_load(load), m_timeout(timeout), m_ticks(ticks_drv_t::now()), m_lockable(lockable) {}
+
+msg_it::~msg_it() {}
+
+void msg_it::release() {
+    const uint32_t now = ticks_drv_t::now();
+    const uint32_t used = age_of(m_ticks, now);
+    if (used > MSG_STAY_WARNING_MS)
+        report_long_stay(used, m_ticks, now, m_type, this);
+    delete this;
+}
+
+bool msg_it::overtime() { return age_of(m_ticks, ticks_drv_t::now()) > m_timeout; }
+
+void msg_it::dump() {}
+
+void* msg_it::query_interface(uint64_t) { return nullptr; }
+
+sync_msg_t::sync_msg_t(msg_it* msg)
+    : msg_it(MSG_TYPE_SYNC, 1, MSG_TIMEOUT_NEVER, false), m_event(false, false), m_msg(msg) {
+    increment();
+    if (!msg)
+        UTIL_ASSERT_MSG("sync_msg_t::sync_msg_t" << ", " << "m_msg" << " = " << static_cast<const void*>(msg),
+                        SOURCE_PATH, __LINE__, "");
+}
+
+sync_msg_t::~sync_msg_t() {}
+
+void sync_msg_t::on_message() {
+    if (m_msg)
+        m_msg->on_message();
+}
+
+void sync_msg_t::release() {
+    if (m_msg) {
+        m_msg->release();
+        m_msg = nullptr;
+    }
+    m_event.signal();
+    // May destroy this object (the sender has already dropped its reference).
+    decrement();
+}
+
+void* sync_msg_t::query_interface(uint64_t iid) {
+    if (iid == IID_SYNC_MSG)
+        return this;
+    return ref_count_t<null_lock>::query_interface(iid);
+}
+
+void sync_msg_t::on_self_destroy() { delete this; }
+
+int sync_msg_t::wait_for_finish(int timeout) { return m_event.wait(timeout); }
+
+// ---- ring queue log lines ------------------------------------------------------
+
+namespace detail {
+
+void ring_queue_log_created(unsigned int requested, unsigned int recorded, const void* ring) {
+    UTIL_LOG(LOG_INFO, "ring_queue_t::ring_queue_t()" << ", " << "capacity" << " = " << requested << ", "
+                                                      << "m_capacity" << " = " << recorded << ", this = " << ring);
+}
+
+void ring_queue_log_no_nodes(unsigned int requested, const void* ring) {
+    UTIL_LOG(LOG_ERROR, "ring_queue_t::ring_queue_t() failed to allocate the nodes, capacity = " << requested
+                                                                                               << ", this = " << ring);
+}
+
+void ring_queue_log_dump(const void* write, const void* read, const void* header, unsigned int capacity) {
+    UTIL_LOG(LOG_INFO, "ring_queue_t::dump " << "this->m_write" << " = " << write << ", " << "this->m_read" << " = "
+                                             << read << ", " << "this->m_header" << " = " << header << ", "
+                                             << "this->m_capacity" << " = " << capacity);
+}
+
+}  // namespace detail
+
+// ---- message queues -------------------------------------------------------------
+
+namespace {
+
+const char QUEUE_SOURCE_PATH[] = ".\\msg_queue";
+
+}  // namespace
+
+msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
+    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_ref(0) {}
+
+msg_queue_base_t::~msg_queue_base_t() {}
+
+void* msg_queue_base_t::query_interface(uint64_t iid) {
+    if (iid == IID_REF_COUNT || iid == IID_REF_COUNT_IT)
+        return static_cast<ref_count_it*>(this);
+    return nullptr;
+}
+
+uint32_t msg_queue_base_t::decrement() {
+    uint32_t n = m_ref.dec();
+    if (n == 0)
+        on_self_destroy();
+    return n;
+}
+
+int msg_queue_base_t::open_notifier(notifier_it* notifier) {
+    UTIL_LOG(LOG_INFO, "msg_queue_base_t::open_notifier, m_reader = "
+                           << static_cast<void*>(get_notifier()) << ", notifier = " << static_cast<void*>(notifier)
+                           << ", this = " << static_cast<void*>(this));
+    m_reader.store(notifier, std::memory_order_release);
+    return RESULT_SUCCESS;
+}
+
+void msg_queue_base_t::signal_reader() {
+    if (notifier_it* reader = get_notifier())
+        reader->signal();
+}
+
+int msg_queue_base_t::add_sink(msg_queue_sink_it* sink) {
+    if (!sink) {
+        UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
+        return RESULT_INVALID_ARG;
+    }
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    for (msg_queue_sink_it* s : m_sinks)
+        if (s == sink)
+            return RESULT_ALREADY_EXISTS;
+    m_sinks.push_back(sink);
+    return RESULT_SUCCESS;
+}
+
+int msg_queue_base_t::find_sink(msg_queue_sink_it* sink) {
+    if (!sink) {
+        UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
+        return RESULT_INVALID_ARG;
+    }
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    // Left in the list on purpose: only the next wake-up empties it.
+    for (msg_queue_sink_it* s : m_sinks)
+        if (s == sink)
+            return RESULT_ALREADY_EXISTS;
+    return RESULT_NOT_FOUND;
+}
+
+void msg_queue_base_t::on_sink() {
+    UTIL_LOG(LOG_INFO, "msg_queue_base_t::on_sink(), m_status = " << status() << ", this = "
+                                                                  << static_cast<void*>(this));
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    // A sink may register again from its call-back; it then waits for the
+    // next wake-up.
+    std::list<msg_queue_sink_it*> sinks;
+    sinks.swap(m_sinks);
+    for (msg_queue_sink_it* s : sinks)
+        s->on_queue_room(0);
+}
+
+int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
+    uint32_t old = m_status.exchange(MSG_QUEUE_STATUS_NORMAL, std::memory_order_relaxed);
+    if (!writer)
+        return RESULT_REFUSED;
+    bool has_sinks;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        has_sinks = !m_sinks.empty();
+    }
+    if (old != MSG_QUEUE_STATUS_FULL || !has_sinks)
+        return RESULT_SUCCESS;
+    if (!writer->is_running()) {
+        UTIL_LOG(LOG_WARNING, "msg_queue_base_t::lanuch_on_sink , thr = " << static_cast<void*>(writer)
+                                                                           << " already has been stopped, this = "
+                                                                           << static_cast<void*>(this));
+        return RESULT_NOTHING_TO_DO;
+    }
+    deferred_msg_op_t::launch(writer, new on_sink_oper(this));
+    return RESULT_SUCCESS;
+}
+
+bool msg_queue_base_t::note_pushed(unsigned int mode) {
+    if (mode == MSG_QUEUE_SIGNAL_ALWAYS)
+        return true;
+    // RMWs on one counter order a writer that found the queue non-empty
+    // after the reader's pop of the previous message, so the reader finds
+    // this one before it sleeps: no wake-up is lost.
+    return m_queued.fetch_add(1, std::memory_order_acq_rel) == 0;
+}
+
+void msg_queue_base_t::note_popped(unsigned int mode) {
+    if (mode != MSG_QUEUE_SIGNAL_ALWAYS)
+        m_queued.fetch_sub(1, std::memory_order_acq_rel);
+}
+
+int msg_queue_base_t::send_through(const char* name, msg_it* msg, int timeout) {
+    sync_msg_t* wrapper = new sync_msg_t(msg);
+    wrapper->increment();  // the sender's own reference
+    int rv = push_signalled(wrapper);
+    if (rv == RESULT_SUCCESS) {
+        rv = wrapper->wait_for_finish(timeout);
+        if (rv != RESULT_SUCCESS)
+            UTIL_LOG(LOG_WARNING, name << ", msg = " << static_cast<void*>(msg) << " failed , rv = " << rv
+                                       << ", timeout = " << timeout << ", this = " << static_cast<void*>(this));
+    } else {
+        // A writer filled the queue in between: drop the queue's reference
+        // too. The wrapper never owns the wrapped message, which stays the
+        // caller's.
+        mark_full();
+        wrapper->decrement();
+    }
+    wrapper->decrement();
+    return rv;
+}
+
+// ---- o2o_msg_queue_t ------------------------------------------------------------
+
+o2o_msg_queue_t::o2o_msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity,
+                                 unsigned int mode)
+    : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    if (!reader)
+        UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
+}
+
+o2o_msg_queue_t::~o2o_msg_queue_t() {
+    m_ring.dump();
+    if (!m_ring.is_empty())
+        UTIL_LOG(LOG_INFO, "o2o_msg_queue_t::~o2o_msg_queue_t() is not empty, m_reader = "
+                               << static_cast<void*>(get_notifier()) << ", m_writer = " << static_cast<void*>(m_writer)
+                               << ", this = " << static_cast<void*>(this));
+}
+
+int o2o_msg_queue_t::push_signalled(msg_it* msg) {
+    int rv = m_ring.push(msg);
+    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
+    if (wake)
+        signal_reader();
+    return rv;
+}
+
+int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
+    int rv = m_ring.push(msg);
+    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
+    if (rv == RESULT_QUEUE_FULL) {
+        if (sink)
+            add_sink(sink);
+        mark_full();
+    }
+    if (wake)
+        signal_reader();
+    return rv;
+}
+
+int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
+    if (m_ring.is_full())
+        return RESULT_QUEUE_FULL;
+    return send_through("o2o_msg_queue_t::send_msg", msg, timeout);
+}
+
+int o2o_msg_queue_t::pop_msg(msg_it*& msg) {
+    int rv = m_ring.pop(msg);
+    if (rv == RESULT_SUCCESS)
+        note_popped(m_mode);
+    if (status() == MSG_QUEUE_STATUS_FULL)
+        lanuch_on_sink(m_writer);
+    return rv;
+}
+
+// ---- msg_queue_t ------------------------------------------------------------------
+
+msg_queue_t::msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode)
+    : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    if (writer)
+        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t reader = " << static_cast<void*>(reader) << ", writer = "
+                                                                << static_cast<void*>(writer) << ", capacity = "
+                                                                << capacity << ", mode = " << mode << ", this = "
+                                                                << static_cast<void*>(this));
+    else
+        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t thr_read = " << static_cast<void*>(reader) << ", capacity = "
+                                                                  << capacity << ", mode = " << mode << ", this = "
+                                                                  << static_cast<void*>(this));
+}
+
+msg_queue_t::~msg_queue_t() {
+    m_ring.dump();
+    UTIL_LOG(LOG_INFO, (m_ring.is_empty() ? "msg_queue_t::~msg_queue_t()" : "msg_queue_t::~msg_queue_t() is not empty")
+                           << ", m_reader = " << static_cast<void*>(get_notifier()) << ", m_writer = "
+                           << static_cast<void*>(m_writer) << ", this = " << static_cast<void*>(this));
+}
+
+int msg_queue_t::push_signalled(msg_it* msg) {
+    int rv = m_ring.push(msg);
+    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
+    if (wake)
+        signal_reader();
+    return rv;
+}
+
+int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) {
+    int rv = push_signalled(msg);
+    if (rv == RESULT_QUEUE_FULL)
+        mark_full();
+    return rv;
+}
+
+int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
+    if (m_ring.is_full())
+        return RESULT_QUEUE_FULL;
+    return send_through("msg_queue_t::send_msg", msg, timeout);
+}
+
+int msg_queue_t::pop_msg(msg_it*& msg) {
+    int rv = m_ring.pop(msg);
+    if (rv == RESULT_SUCCESS)
+        note_popped(m_mode);
+    if (status() == MSG_QUEUE_STATUS_FULL)
+        lanuch_on_sink(m_writer);
+    return rv;
+}
+
+// ---- deferred operations ------------------------------------------------------------
+
+deferred_msg_op_t::deferred_msg_op_t(deferred_op_it* op) : msg_it(MSG_TYPE_DEFERRED, 1, MSG_TIMEOUT_NEVER, false), m_op(op) {}
+
+deferred_msg_op_t::~deferred_msg_op_t() { delete m_op; }
+
+void deferred_msg_op_t::on_message() {
+    if (m_op)
+        m_op->execute();
+}
+
+int deferred_msg_op_t::launch(thread_wrapper_t* thr, deferred_op_it* op) {
+    if (!thr)
+        thr = thread_wrapper_t::self();
+    if (!thr) {
+        UTIL_ASSERT_MSG("deferred_msg_op_t::launch failed to fetch current thread", QUEUE_SOURCE_PATH, __LINE__, "");
+        delete op;
+        return RESULT_NOTHING_TO_DO;
+    }
+    deferred_msg_op_t* msg = new deferred_msg_op_t(op);
+    if (thr->post_ctrl_msg(msg, nullptr) != RESULT_SUCCESS) {
+        UTIL_LOG(LOG_ERROR, "deferred_msg_op_t::launch failed, thr = " << static_cast<void*>(thr));
+        msg->release();
+        return RESULT_QUEUE_FULL;
+    }
+    return RESULT_SUCCESS;
+}
+
+on_sink_oper::on_sink_oper(msg_queue_base_t* queue) : m_queue(queue) {
+    if (!queue)
+        UTIL_ASSERT_MSG("on_sink_oper::on_sink_oper , msg_queue = " << static_cast<void*>(queue) << " should valid",
+                        QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
+    else
+        queue->increment();
+}
+
+on_sink_oper::~on_sink_oper() {
+    if (m_queue)
+        m_queue->decrement();
+}
+
+void on_sink_oper::execute() {
+    if (m_queue)
+        m_queue->on_sink();
+}
+
+}  // namespace ssb

@@ -1,0 +1,436 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "msg_queue.h"
+#include "notifier.h"
+#include "test_support.h"
+#include "thread.h"
+
+using namespace ssb;
+
+namespace {
+
+std::atomic<int> g_live(0);
+
+// A message that counts itself and records what ran.
+class counted_msg_t : public msg_it {
+public:
+    counted_msg_t(int writer = 0, int seq = 0, std::atomic<int>* ran = nullptr)
+        : m_writer(writer), m_seq(seq), m_ran(ran) {
+        ++g_live;
+    }
+    void on_message() override {
+        if (m_ran)
+            ++*m_ran;
+    }
+    int m_writer;
+    int m_seq;
+
+protected:
+    ~counted_msg_t() override { --g_live; }
+
+private:
+    std::atomic<int>* m_ran;
+};
+
+// Counts signals; waits are not used by these tests.
+class counting_notifier_t : public notifier_it {
+public:
+    int wait(int, bool) override { return RESULT_BUSY; }
+    int signal() override {
+        ++m_signals;
+        return 0;
+    }
+    int pulse(bool) override { return 0; }
+    int reset() override { return 0; }
+    notifier_handle_t get_id() const override { return 0; }
+    int open() override { return 0; }
+    void close() override {}
+    bool is_active() const override { return true; }
+    std::atomic<int> m_signals{0};
+};
+
+class sink_t : public msg_queue_sink_it {
+public:
+    void on_queue_room(int reason) override {
+        m_reason = reason;
+        m_tid = get_cur_tid();
+        ++m_calls;  // last: a test that saw the call sees its details
+    }
+    std::atomic<int> m_calls{0};
+    std::atomic<int> m_reason{-1};
+    std::atomic<unsigned int> m_tid{0};
+};
+
+template <class Q>
+Q* make_queue(notifier_it* n, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode) {
+    Q* q = new Q(n, writer, capacity, mode);
+    q->increment();
+    return q;
+}
+
+void release_all(r_msg_queue_it* q) {
+    msg_it* m = nullptr;
+    while (q->pop_msg(m) == RESULT_SUCCESS)
+        m->release();
+}
+
+class MsgQueue : public ::testing::Test {
+protected:
+    void SetUp() override { g_live = 0; }
+    void TearDown() override { EXPECT_EQ(0, g_live.load()); }
+};
+
+// ---- full queues, status and signalling -------------------------------------------
+
+template <class Q>
+void full_queue_keeps_the_message(MsgQueue*) {
+    counting_notifier_t n;
+    Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_ALWAYS);
+    for (int i = 0; i < 31; ++i)
+        ASSERT_EQ(RESULT_SUCCESS, q->post_msg(new counted_msg_t, nullptr));
+    EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
+    EXPECT_TRUE(q->is_full());
+    counted_msg_t* extra = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(extra, nullptr));
+    EXPECT_EQ(MSG_QUEUE_STATUS_FULL, q->status());
+    // Mode 0 signals on every post, the refused one included.
+    EXPECT_EQ(32, n.m_signals.load());
+    EXPECT_EQ(32, g_live.load());  // nothing released: the extra is ours
+    extra->release();
+    // The next pop, successful or not, returns the status to normal.
+    msg_it* m = nullptr;
+    ASSERT_EQ(RESULT_SUCCESS, q->pop_msg(m));
+    m->release();
+    EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
+    release_all(q);
+    EXPECT_EQ(RESULT_QUEUE_EMPTY, q->pop_msg(m));
+    q->decrement();
+}
+
+TEST_F(MsgQueue, FullO2oQueueReturnsThreeAndKeepsTheMessage) { full_queue_keeps_the_message<o2o_msg_queue_t>(this); }
+TEST_F(MsgQueue, FullSharedQueueReturnsThreeAndKeepsTheMessage) { full_queue_keeps_the_message<msg_queue_t>(this); }
+
+template <class Q>
+void signals_only_an_empty_queue() {
+    counting_notifier_t n;
+    Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    q->post_msg(new counted_msg_t, nullptr);
+    q->post_msg(new counted_msg_t, nullptr);
+    EXPECT_EQ(1, n.m_signals.load());
+    msg_it* m = nullptr;
+    q->pop_msg(m);
+    m->release();
+    q->post_msg(new counted_msg_t, nullptr);  // one still queued: no signal
+    EXPECT_EQ(1, n.m_signals.load());
+    release_all(q);
+    q->post_msg(new counted_msg_t, nullptr);
+    EXPECT_EQ(2, n.m_signals.load());
+    // A full queue was not empty: the refused post signals nobody.
+    for (int i = 0; i < 30; ++i)
+        q->post_msg(new counted_msg_t, nullptr);
+    counted_msg_t* extra = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(extra, nullptr));
+    EXPECT_EQ(2, n.m_signals.load());
+    extra->release();
+    release_all(q);
+    q->decrement();
+}
+
+TEST_F(MsgQueue, NonZeroModeSignalsOnlyWhenTheQueueWasEmpty) {
+    signals_only_an_empty_queue<o2o_msg_queue_t>();
+    signals_only_an_empty_queue<msg_queue_t>();
+}
+
+TEST_F(MsgQueue, SendOnAFullQueueReturnsThreeWithoutTouchingStatus) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 2, MSG_QUEUE_SIGNAL_ALWAYS);
+    ASSERT_EQ(RESULT_SUCCESS, q->post_msg(new counted_msg_t, nullptr));
+    counted_msg_t* m = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->send_msg(m, nullptr, 1000));
+    EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
+    EXPECT_EQ(1, n.m_signals.load());
+    m->release();
+    release_all(q);
+    q->decrement();
+}
+
+// ---- sinks ----------------------------------------------------------------------------
+
+TEST_F(MsgQueue, SinkRegistrationCodes) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
+    sink_t a, b;
+    EXPECT_EQ(RESULT_INVALID_ARG, q->register_sink(nullptr));
+    EXPECT_EQ(RESULT_INVALID_ARG, q->unregister_sink(nullptr));
+    EXPECT_EQ(RESULT_SUCCESS, q->register_sink(&a));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, q->register_sink(&a));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, q->unregister_sink(&a));
+    EXPECT_EQ(RESULT_NOT_FOUND, q->unregister_sink(&b));
+    // unregister leaves it listed: the wake-up still calls it, then forgets it.
+    q->on_sink();
+    EXPECT_EQ(1, a.m_calls.load());
+    EXPECT_EQ(0, a.m_reason.load());
+    q->on_sink();
+    EXPECT_EQ(1, a.m_calls.load());
+    EXPECT_EQ(RESULT_NOT_FOUND, q->unregister_sink(&a));
+    q->decrement();
+}
+
+// Runs a wrapper's loop on its own thread until it is stopped.
+class loop_thread_t {
+public:
+    loop_thread_t() {
+        std::atomic<bool> ready(false);
+        m_thread = std::thread([this, &ready] {
+            m_wrapper = new thread_wrapper_t(0, 100, 64, nullptr, 1, false, nullptr);
+            m_wrapper->increment();
+            m_wrapper->init_tls();
+            m_wrapper->open_notifier(1);
+            m_tid = get_cur_tid();
+            ready = true;
+            while (!m_wrapper->is_stopped()) {
+                m_wrapper->get_notifier()->wait(-1, false);
+                m_wrapper->thread_run(nullptr);
+            }
+            m_wrapper->cleanup_tls();
+        });
+        util_test::wait_until([&] { return ready.load(); });
+    }
+    ~loop_thread_t() {
+        if (m_wrapper->is_running())
+            m_wrapper->stop();
+        m_thread.join();
+        m_wrapper->decrement();
+    }
+    thread_wrapper_t* m_wrapper = nullptr;
+    unsigned int m_tid = 0;
+
+private:
+    std::thread m_thread;
+};
+
+TEST_F(MsgQueue, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
+    loop_thread_t writer;
+    counting_notifier_t n;
+    o2o_msg_queue_t* q = make_queue<o2o_msg_queue_t>(&n, writer.m_wrapper, 32, 0);
+    sink_t sink;
+    for (int i = 0; i < 31; ++i)
+        q->post_msg(new counted_msg_t, &sink);
+    counted_msg_t* extra = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(extra, &sink));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, q->unregister_sink(&sink));  // registered by the full post
+    msg_it* m = nullptr;
+    ASSERT_EQ(RESULT_SUCCESS, q->pop_msg(m));
+    m->release();
+    util_test::wait_until([&] { return sink.m_calls.load() == 1; });
+    EXPECT_EQ(0, sink.m_reason.load());
+    EXPECT_EQ(writer.m_tid, sink.m_tid.load());
+    // Forgotten after the call: a full post without a sink leaves none.
+    EXPECT_EQ(RESULT_NOT_FOUND, q->unregister_sink(&sink));
+    EXPECT_EQ(RESULT_SUCCESS, q->post_msg(extra, nullptr));
+    counted_msg_t* another = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(another, nullptr));
+    another->release();
+    release_all(q);
+    q->decrement();
+    EXPECT_EQ(1, sink.m_calls.load());
+}
+
+TEST_F(MsgQueue, APopOnAnEmptyQueueStillWakesTheSinks) {
+    loop_thread_t writer;
+    counting_notifier_t n;
+    o2o_msg_queue_t* q = make_queue<o2o_msg_queue_t>(&n, writer.m_wrapper, 2, 0);
+    sink_t sink;
+    ASSERT_EQ(RESULT_SUCCESS, q->post_msg(new counted_msg_t, &sink));
+    counted_msg_t* extra = new counted_msg_t;
+    ASSERT_EQ(RESULT_QUEUE_FULL, q->post_msg(extra, &sink));
+    extra->release();
+    release_all(q);  // the first pop wakes the sinks
+    msg_it* m = nullptr;
+    EXPECT_EQ(RESULT_QUEUE_EMPTY, q->pop_msg(m));
+    util_test::wait_until([&] { return sink.m_calls.load() == 1; });
+    q->decrement();
+}
+
+TEST_F(MsgQueue, LaunchOnSinkNeedsARunningWriter) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
+    EXPECT_EQ(RESULT_REFUSED, q->lanuch_on_sink(nullptr));
+    thread_wrapper_t* stopped = new thread_wrapper_t(THREAD_MODE_WRAP, 100, 32, nullptr, 0, false, nullptr);
+    stopped->increment();
+    stopped->stop();  // on its own thread: stops at once
+    sink_t sink;
+    q->register_sink(&sink);
+    // Status normal: nothing to hand over.
+    EXPECT_EQ(RESULT_SUCCESS, q->lanuch_on_sink(stopped));
+    counted_msg_t* m = new counted_msg_t;
+    for (int i = 0; i < 31; ++i)
+        q->post_msg(new counted_msg_t, nullptr);
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(m, nullptr));
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, q->lanuch_on_sink(stopped));
+    EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
+    EXPECT_EQ(0, sink.m_calls.load());
+    m->release();
+    release_all(q);
+    q->decrement();
+    stopped->decrement();
+}
+
+// ---- synchronous sends -----------------------------------------------------------------
+
+TEST_F(MsgQueue, SendReturnsAfterTheReaderRanTheMessage) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
+    std::atomic<int> ran(0);
+    std::atomic<bool> stop(false);
+    std::thread reader([&] {
+        while (!stop) {
+            msg_it* m = nullptr;
+            if (q->pop_msg(m) == RESULT_SUCCESS) {
+                m->on_message();
+                m->release();
+            }
+        }
+    });
+    for (int i = 1; i <= 200; ++i) {
+        ASSERT_EQ(RESULT_SUCCESS, q->send_msg(new counted_msg_t(0, i, &ran), nullptr, -1));
+        ASSERT_EQ(i, ran.load());  // ran before send_msg returned
+    }
+    stop = true;
+    reader.join();
+    q->decrement();
+}
+
+TEST_F(MsgQueue, ATimedOutSendStillRunsAndTheWrapperIsFreedOnce) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 64, 0);
+    std::atomic<int> ran(0);
+    // Nobody reads yet: every send times out and leaves its message queued.
+    for (int i = 0; i < 20; ++i)
+        EXPECT_EQ(RESULT_BUSY, q->send_msg(new counted_msg_t(0, i, &ran), nullptr, 1));
+    EXPECT_EQ(0, ran.load());
+    EXPECT_EQ(20, g_live.load());
+    msg_it* m = nullptr;
+    while (q->pop_msg(m) == RESULT_SUCCESS) {
+        m->on_message();
+        m->release();  // the receiver drops the last reference
+    }
+    EXPECT_EQ(20, ran.load());
+    EXPECT_EQ(0, g_live.load());
+    q->decrement();
+}
+
+TEST_F(MsgQueue, SendersAndReceiverRacingOverTimeoutsLoseNothing) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 1024, 0);
+    std::atomic<int> ran(0);
+    std::atomic<bool> stop(false);
+    std::thread reader([&] {
+        while (!stop || !q->is_empty()) {
+            msg_it* m = nullptr;
+            if (q->pop_msg(m) == RESULT_SUCCESS) {
+                m->on_message();
+                m->release();
+            } else {
+                std::this_thread::yield();
+            }
+        }
+    });
+    const int SENDERS = 3, SENDS = 300;
+    std::atomic<int> sent(0);
+    util_test::run_threads(SENDERS, [&](int s) {
+        for (int i = 0; i < SENDS; ++i)
+            if (q->send_msg(new counted_msg_t(s, i, &ran), nullptr, i % 3) != RESULT_QUEUE_FULL)
+                ++sent;
+    });
+    stop = true;
+    reader.join();
+    EXPECT_EQ(sent.load(), ran.load());
+    q->decrement();
+}
+
+// ---- throughput between real threads ------------------------------------------------------
+
+TEST_F(MsgQueue, OneWriterOneReaderDeliversEveryMessageOnceInOrder) {
+    notifier_event_t wake(true, false, false);
+    o2o_msg_queue_t* q = make_queue<o2o_msg_queue_t>(&wake, nullptr, 1024, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    const int COUNT = 300000;
+    std::atomic<int> bad(0);
+    std::thread reader([&] {
+        int expected = 0;
+        while (expected < COUNT) {
+            msg_it* m = nullptr;
+            if (q->pop_msg(m) != RESULT_SUCCESS) {
+                // Sleeps only when the writer will wake it: a lost wake-up
+                // would hang here.
+                wake.wait(-1, false);
+                continue;
+            }
+            if (static_cast<counted_msg_t*>(m)->m_seq != expected)
+                ++bad;
+            ++expected;
+            m->release();
+        }
+    });
+    for (int i = 0; i < COUNT; ++i) {
+        counted_msg_t* m = new counted_msg_t(0, i);
+        while (q->post_msg(m, nullptr) == RESULT_QUEUE_FULL)
+            std::this_thread::yield();
+    }
+    reader.join();
+    EXPECT_EQ(0, bad.load());
+    q->decrement();
+}
+
+TEST_F(MsgQueue, FourWritersKeepTheirOwnOrderAndLoseNothing) {
+    notifier_event_t wake(true, false, false);
+    msg_queue_t* q = make_queue<msg_queue_t>(&wake, nullptr, 256, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    const int WRITERS = 4, EACH = 50000;
+    std::atomic<int> bad(0);
+    std::thread reader([&] {
+        std::vector<int> next(WRITERS, 0);
+        int got = 0;
+        while (got < WRITERS * EACH) {
+            msg_it* m = nullptr;
+            if (q->pop_msg(m) != RESULT_SUCCESS) {
+                wake.wait(-1, false);
+                continue;
+            }
+            counted_msg_t* c = static_cast<counted_msg_t*>(m);
+            if (c->m_seq != next[c->m_writer]++)
+                ++bad;
+            ++got;
+            m->release();
+        }
+    });
+    util_test::run_threads(WRITERS, [&](int w) {
+        for (int i = 0; i < EACH; ++i) {
+            counted_msg_t* m = new counted_msg_t(w, i);
+            while (q->post_msg(m, nullptr) == RESULT_QUEUE_FULL)
+                std::this_thread::yield();
+        }
+    });
+    reader.join();
+    EXPECT_EQ(0, bad.load());
+    q->decrement();
+}
+
+TEST_F(MsgQueue, AQueueDestroyedWithMessagesLeavesThemToTheOwner) {
+    counting_notifier_t n;
+    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
+    std::vector<msg_it*> kept;
+    for (int i = 0; i < 3; ++i) {
+        kept.push_back(new counted_msg_t);
+        q->post_msg(kept.back(), nullptr);
+    }
+    q->decrement();
+    EXPECT_EQ(3, g_live.load());
+    for (msg_it* m : kept)
+        m->release();
+}
+
+}  // namespace
