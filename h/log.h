@@ -104,6 +104,8 @@ private:
     bool names_for(const module_record_t& record, unsigned int level, signed char*& module_name,
                    signed char*& level_name);
     static log_control_t* create_instance();
+    // Back to the state of a new registry; names stay allocated.
+    void clear();
     // Names are kept for the registry's life so lock-free readers never see
     // one freed under them.
     const char* keep_name(const char* name);
@@ -117,6 +119,7 @@ private:
     std::vector<std::string*> m_names;
 
     static std::atomic<log_control_t*> m_s_instance;
+    static std::atomic<log_control_t*> m_s_storage;
     static std::atomic<log_it*> m_s_default_logger;
     static std::atomic<unsigned char> m_s_mask;
 };

@@ -39,6 +39,12 @@ std::atomic<log_control_t*> log_control_t::m_s_instance(nullptr);
 std::atomic<log_it*> log_control_t::m_s_default_logger(nullptr);
 std::atomic<unsigned char> log_control_t::m_s_mask(LOG_TO_FILE | LOG_TO_HANDLE);
 
+// The one registry object of the process. Other threads may be inside a
+// log statement with a pointer to it while the library tears down, so
+// destroy() empties it instead of freeing it, and the next instance() hands
+// the same object out again.
+std::atomic<log_control_t*> log_control_t::m_s_storage(nullptr);
+
 log_control_t* log_control_t::create_instance() {
     log_control_t* p;
     {
@@ -46,7 +52,11 @@ log_control_t* log_control_t::create_instance() {
         p = m_s_instance.load(std::memory_order_relaxed);
         if (p)
             return p;
-        p = new log_control_t;
+        p = m_s_storage.load(std::memory_order_relaxed);
+        if (!p) {
+            p = new log_control_t;
+            m_s_storage.store(p, std::memory_order_relaxed);
+        }
         m_s_instance.store(p, std::memory_order_release);
     }
     // Registered outside the global lock: the registry's clean-up holds its
@@ -58,23 +68,39 @@ log_control_t* log_control_t::create_instance() {
 void log_control_t::destroy() {
     // No global lock: destroy may run inside the registry's clean-up, and
     // creation takes the two locks in the other order.
-    delete m_s_instance.exchange(nullptr, std::memory_order_acq_rel);
+    log_control_t* p = m_s_instance.exchange(nullptr, std::memory_order_acq_rel);
+    if (p)
+        p->clear();
     singleton_life_t::instance().unregist(destroy_log_control);
 }
 
 log_control_t::log_control_t() : m_modules(LOG_MAX_MODULES), m_disabled(false), m_max_level(32), m_opened(false) {
-    for (unsigned int i = 0; i < LOG_MAX_LEVELS; ++i) {
+    for (unsigned int i = 0; i < LOG_MAX_LEVELS; ++i)
         m_levels[i].m_level = i;
-        m_levels[i].m_name.store(i < 6 ? PRESET_LEVELS[i] : UNNAMED_LEVEL, std::memory_order_relaxed);
+    for (size_t i = 0; i < m_modules.size(); ++i) {
+        level_entry_t empty = {0, nullptr, nullptr};
+        m_modules[i].m_levels.assign(LOG_MAX_LEVELS, empty);
     }
+    clear();
+}
+
+void log_control_t::clear() {
+    // Under the lock: a line being written finishes first, and no later line
+    // reaches a logger (every module is unregistered), so the loggers may go.
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    for (unsigned int i = 0; i < LOG_MAX_LEVELS; ++i)
+        m_levels[i].m_name.store(i < 6 ? PRESET_LEVELS[i] : UNNAMED_LEVEL, std::memory_order_release);
     for (size_t i = 0; i < m_modules.size(); ++i) {
         module_record_t& r = m_modules[i];
-        r.m_id.store(NOT_REGISTERED, std::memory_order_relaxed);
-        r.m_name.store("", std::memory_order_relaxed);
+        r.m_id.store(NOT_REGISTERED, std::memory_order_release);
+        r.m_name.store("", std::memory_order_release);
         r.m_max_level.store(0, std::memory_order_relaxed);
-        level_entry_t empty = {0, nullptr, nullptr};
-        r.m_levels.assign(LOG_MAX_LEVELS, empty);
+        for (level_entry_t& e : r.m_levels)
+            e = level_entry_t{0, nullptr, nullptr};
     }
+    m_disabled.store(false, std::memory_order_relaxed);
+    m_max_level.store(32, std::memory_order_relaxed);
+    m_opened.store(false, std::memory_order_release);
 }
 
 log_control_t::~log_control_t() {

@@ -16,15 +16,24 @@ const uint64_t MAX_TICK_STEP_MS = 604800000000ULL;
 const uint64_t EPOCH_1601_100NS = 116444736000000000ULL;
 
 struct tick_state_t {
-    tick_state_t() : frequency(0), available(false), last_ms(0) {
+    tick_state_t() : frequency(0), counts_per_ms(0), available(false), last_ms(0) {
         int64_t f = 0, c = 0;
         if (plat::perf_frequency(&f) && f > 0 && plat::perf_counter(&c)) {
             frequency = f;
+            // A frequency in whole kHz converts exactly by integer division,
+            // which is also cheaper than the floating-point form.
+            counts_per_ms = f % 1000 == 0 ? f / 1000 : 0;
             available = true;
-            last_ms.store(static_cast<uint64_t>(c * 1000.0 / f), std::memory_order_relaxed);
+            last_ms.store(to_ms(c), std::memory_order_relaxed);
         }
     }
+    uint64_t to_ms(int64_t counter) const {
+        if (counts_per_ms)
+            return static_cast<uint64_t>(counter / counts_per_ms);
+        return static_cast<uint64_t>(counter * 1000.0 / frequency);
+    }
     int64_t frequency;
+    int64_t counts_per_ms;
     bool available;
     std::atomic<uint64_t> last_ms;
 };
@@ -40,6 +49,9 @@ tick_state_t& tick_state() {
 
 uint32_t tick_strategy::step(uint64_t reading_ms, std::atomic<uint64_t>& last_ms) {
     uint64_t last = last_ms.load(std::memory_order_relaxed);
+    // Most readings fall in the millisecond already stored: no write.
+    if (reading_ms == last)
+        return static_cast<uint32_t>(last);
     for (;;) {
         uint64_t distance = reading_ms >= last ? reading_ms - last : reading_ms - last - 3;
         if (distance > MAX_TICK_STEP_MS)
@@ -55,7 +67,7 @@ uint32_t tick_strategy::now() {
     int64_t counter = 0;
     if (!s.available || !plat::perf_counter(&counter))
         return plat::tick_count_ms();
-    return step(static_cast<uint64_t>(counter * 1000.0 / s.frequency), s.last_ms);
+    return step(s.to_ms(counter), s.last_ms);
 }
 
 uint64_t time_strategy::now() { return (plat::system_time_100ns() - EPOCH_1601_100NS) / 10; }
