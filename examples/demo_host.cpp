@@ -7,8 +7,13 @@
 #include <stdio.h>
 #include <string.h>
 
+#include <atomic>
+#include <thread>
+
 #include "log.h"
 #include "memlog.h"
+#include "msg_queue.h"
+#include "notifier.h"
 #include "util.h"
 
 namespace {
@@ -25,6 +30,52 @@ int SSB_STDCALL print_memory_log(void* context, signed char* text, unsigned int 
     fwrite(s, 1, end ? static_cast<size_t>(end - s + 1) : length, stdout);
     *static_cast<unsigned int*>(context) = lines;
     return 0;
+}
+
+// A media-stats sample handed from the capture thread to a worker.
+class stats_msg_t : public ssb::msg_it {
+public:
+    stats_msg_t(unsigned int seq, std::atomic<unsigned long long>* sum) : m_seq(seq), m_sum(sum) {}
+    void on_message() override { m_sum->fetch_add(m_seq, std::memory_order_relaxed); }
+
+private:
+    unsigned int m_seq;
+    std::atomic<unsigned long long>* m_sum;
+};
+
+// Posts `count` messages to a worker thread through a bounded queue; a full
+// queue is retried, never blocked on. Returns true when every message ran.
+bool run_queue_demo(unsigned int count) {
+    ssb::notifier_event_t wake;
+    ssb::msg_queue_t* queue = new ssb::msg_queue_t(&wake, nullptr, 256, ssb::MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    queue->increment();
+    std::atomic<unsigned long long> sum(0);
+    unsigned int full = 0;
+    std::thread worker([&] {
+        for (unsigned int done = 0; done < count;) {
+            ssb::msg_it* msg = nullptr;
+            if (queue->pop_msg(msg) != ssb::RESULT_SUCCESS) {
+                wake.wait(-1, false);  // the writer wakes it when it posts into an empty queue
+                continue;
+            }
+            msg->on_message();
+            msg->release();
+            ++done;
+        }
+    });
+    for (unsigned int i = 1; i <= count; ++i) {
+        stats_msg_t* msg = new stats_msg_t(i, &sum);
+        while (queue->post_msg(msg, nullptr) == ssb::RESULT_QUEUE_FULL) {
+            ++full;  // the message is still ours: try again
+            std::this_thread::yield();
+        }
+    }
+    worker.join();
+    queue->decrement();
+    const unsigned long long expected = 1ULL * count * (count + 1) / 2;
+    printf("queue: %u messages to a worker thread through a 255-slot queue, %u full answers, sum %llu (%s)\n",
+           count, full, sum.load(), sum.load() == expected ? "all ran once" : "MISMATCH");
+    return sum.load() == expected;
 }
 
 }  // namespace
@@ -60,9 +111,11 @@ int main(int argc, char** argv) {
     if (memory)
         memory->dump(&lines, print_memory_log);
 
+    const bool queue_ok = run_queue_demo(100000);
+
     util_uninit(200);
     printf("module 200 released the library; services still running\n");
     util_uninit(DEMO_MODULE);
     printf("module 100 released the library; services stopped\n");
-    return lines >= 7 ? 0 : 1;
+    return lines >= 7 && queue_ok ? 0 : 1;
 }

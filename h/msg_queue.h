@@ -97,6 +97,10 @@ protected:
     // Counts a value in or out; true when the reader must be signalled.
     bool note_pushed(unsigned int mode);
     void note_popped(unsigned int mode);
+    // After a ring push with result `rv`: status and wake-up; returns rv.
+    int after_push(int rv, unsigned int mode);
+    // After a ring pop: the count and the sink hand-over; returns rv.
+    int after_pop(int rv, unsigned int mode, thread_wrapper_t* writer);
     // Pushes and signals as the mode says: 0 or 3.
     virtual int push_signalled(msg_it* msg) = 0;
     // The synchronous hand-over of send_msg once the queue had room.

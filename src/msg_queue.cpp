@@ -238,6 +238,26 @@ void msg_queue_base_t::note_popped(unsigned int mode) {
         m_queued.fetch_sub(1, std::memory_order_acq_rel);
 }
 
+int msg_queue_base_t::after_push(int rv, unsigned int mode) {
+    // Mode 0 signals even when the push failed; otherwise only a write into
+    // an empty queue does.
+    bool wake = rv == RESULT_SUCCESS ? note_pushed(mode) : mode == MSG_QUEUE_SIGNAL_ALWAYS;
+    if (rv == RESULT_QUEUE_FULL)
+        mark_full();
+    if (wake)
+        signal_reader();
+    return rv;
+}
+
+int msg_queue_base_t::after_pop(int rv, unsigned int mode, thread_wrapper_t* writer) {
+    if (rv == RESULT_SUCCESS)
+        note_popped(mode);
+    // Successful or not, a pop after a full post hands the wake-up over.
+    if (status() == MSG_QUEUE_STATUS_FULL)
+        lanuch_on_sink(writer);
+    return rv;
+}
+
 int msg_queue_base_t::send_through(const char* name, msg_it* msg, int timeout) {
     sync_msg_t* wrapper = new sync_msg_t(msg);
     wrapper->increment();  // the sender's own reference
@@ -251,7 +271,6 @@ int msg_queue_base_t::send_through(const char* name, msg_it* msg, int timeout) {
         // A writer filled the queue in between: drop the queue's reference
         // too. The wrapper never owns the wrapped message, which stays the
         // caller's.
-        mark_full();
         wrapper->decrement();
     }
     wrapper->decrement();
@@ -275,25 +294,14 @@ o2o_msg_queue_t::~o2o_msg_queue_t() {
                                << ", this = " << static_cast<void*>(this));
 }
 
-int o2o_msg_queue_t::push_signalled(msg_it* msg) {
-    int rv = m_ring.push(msg);
-    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
-    if (wake)
-        signal_reader();
-    return rv;
-}
+int o2o_msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
 
 int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     int rv = m_ring.push(msg);
-    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
-    if (rv == RESULT_QUEUE_FULL) {
-        if (sink)
-            add_sink(sink);
-        mark_full();
-    }
-    if (wake)
-        signal_reader();
-    return rv;
+    // The sink is registered and the status set before the reader is woken.
+    if (rv == RESULT_QUEUE_FULL && sink)
+        add_sink(sink);
+    return after_push(rv, m_mode);
 }
 
 int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
@@ -302,14 +310,7 @@ int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
     return send_through("o2o_msg_queue_t::send_msg", msg, timeout);
 }
 
-int o2o_msg_queue_t::pop_msg(msg_it*& msg) {
-    int rv = m_ring.pop(msg);
-    if (rv == RESULT_SUCCESS)
-        note_popped(m_mode);
-    if (status() == MSG_QUEUE_STATUS_FULL)
-        lanuch_on_sink(m_writer);
-    return rv;
-}
+int o2o_msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mode, m_writer); }
 
 // ---- msg_queue_t ------------------------------------------------------------------
 
@@ -333,20 +334,9 @@ msg_queue_t::~msg_queue_t() {
                            << static_cast<void*>(m_writer) << ", this = " << static_cast<void*>(this));
 }
 
-int msg_queue_t::push_signalled(msg_it* msg) {
-    int rv = m_ring.push(msg);
-    bool wake = rv == RESULT_SUCCESS ? note_pushed(m_mode) : m_mode == MSG_QUEUE_SIGNAL_ALWAYS;
-    if (wake)
-        signal_reader();
-    return rv;
-}
+int msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
 
-int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) {
-    int rv = push_signalled(msg);
-    if (rv == RESULT_QUEUE_FULL)
-        mark_full();
-    return rv;
-}
+int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) { return push_signalled(msg); }
 
 int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
     if (m_ring.is_full())
@@ -354,14 +344,7 @@ int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
     return send_through("msg_queue_t::send_msg", msg, timeout);
 }
 
-int msg_queue_t::pop_msg(msg_it*& msg) {
-    int rv = m_ring.pop(msg);
-    if (rv == RESULT_SUCCESS)
-        note_popped(m_mode);
-    if (status() == MSG_QUEUE_STATUS_FULL)
-        lanuch_on_sink(m_writer);
-    return rv;
-}
+int msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mode, m_writer); }
 
 // ---- deferred operations ------------------------------------------------------------
 

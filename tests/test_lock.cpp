@@ -92,19 +92,6 @@ TEST(SpinLock, TryacquireOnHeldLockReturnsBusyEvenForTheHolder) {
     lock.release();
 }
 
-TEST(NullLocks, NeverExcludeAndNullLockCheckerRecordsTheCreator) {
-    null_lock n;
-    EXPECT_EQ(0, n.acquire());
-    EXPECT_EQ(0, n.tryacquire());
-    EXPECT_EQ(0, n.release());
-
-    null_lock_checker c;
-    EXPECT_EQ(0, c.acquire());
-    EXPECT_EQ(0, c.acquire());
-    EXPECT_EQ(0, c.tryacquire());
-    EXPECT_EQ(get_cur_tid(), c.get_owner());
-}
-
 // ---- thread_checker ----------------------------------------------------------
 
 TEST(ThreadChecker, OwnerIsTheCreatorAndTravelsWithCopies) {
@@ -151,14 +138,9 @@ TEST(AtomicT, ConcurrentUpdatesAreNotLost) {
     EXPECT_EQ(40000, i.exchange(-5));
     EXPECT_EQ(-5, static_cast<int>(i));
     EXPECT_EQ(-7, i -= 2);
-}
-
-TEST(AtomicT, UnsignedWrapsLikeTheUnderlyingType) {
-    atomic_t<unsigned int> u(0);
-    EXPECT_EQ(0xFFFFFFFFu, --u);
-    EXPECT_EQ(0u, ++u);
-    atomic_t<long long, spin_lock> s(0);
-    EXPECT_EQ(-1, --s);
+    atomic_t<unsigned int> u32(0);
+    EXPECT_EQ(0xFFFFFFFFu, --u32);  // wraps like the underlying type
+    EXPECT_EQ(0u, ++u32);
 }
 
 // ---- reference counting ------------------------------------------------------
@@ -197,25 +179,6 @@ TEST_F(RefCount, DestroyedOnceOnTheDecrementThatReachesZero) {
     EXPECT_EQ(0, g_live.load());
 }
 
-TEST_F(RefCount, AtomicCountSurvivesManyThreadsAndDestroysExactlyOnce) {
-    for (int round = 0; round < 50; ++round) {
-        counted_t<null_lock>* p = new counted_t<null_lock>;
-        p->increment();  // the test's own reference
-        run_threads(4, [&](int) {
-            for (int i = 0; i < 2000; ++i) {
-                p->increment();
-                p->decrement();
-            }
-        });
-        EXPECT_EQ(1u, p->get_count());
-        EXPECT_EQ(0, g_destroyed.load());
-        p->decrement();
-        EXPECT_EQ(1, g_destroyed.load());
-        g_destroyed = 0;
-    }
-    EXPECT_EQ(0, g_live.load());
-}
-
 TEST_F(RefCount, LastReferenceDroppedOnAnotherThreadDestroysOnce) {
     for (int round = 0; round < 200; ++round) {
         counted_t<null_lock>* p = new counted_t<null_lock>;
@@ -249,6 +212,8 @@ TEST_F(RefCount, QueryInterfaceAnswersOnlyTheTwoIdentifiers) {
 TEST_F(RefCount, CheckerCountIsPlainAndCarriesTheOwner) {
     counted_t<null_lock_checker>* p = new counted_t<null_lock_checker>;
     EXPECT_TRUE(p->is_same_as_owner());
+    EXPECT_EQ(0, p->acquire());  // the checker's lock operations never block
+    EXPECT_EQ(0, p->tryacquire());
     EXPECT_EQ(1u, p->increment());
     counted_t<null_lock_checker> copy(*p);
     EXPECT_EQ(1u, copy.get_count());
@@ -281,15 +246,6 @@ TEST(Event, ManualResetStaysSignalledUntilReset) {
     EXPECT_EQ(RESULT_SUCCESS, e.wait(-1));
     EXPECT_EQ(RESULT_SUCCESS, e.reset());
     EXPECT_EQ(RESULT_BUSY, e.wait(0));
-}
-
-TEST(Event, SignalWakesAnInfiniteWaiterOnAnotherThread) {
-    event_t e(false, false);
-    std::atomic<int> rv(-1);
-    std::thread t([&] { rv = e.wait(-1); });
-    e.signal();
-    t.join();
-    EXPECT_EQ(RESULT_SUCCESS, rv.load());
 }
 
 TEST(Event, ManualResetSignalReleasesEveryWaiter) {
@@ -440,13 +396,11 @@ TEST(Semaphore, NamedSemaphoreIsSharedWithASecondObject) {
     EXPECT_NE(0, again.create(5, name.c_str()));
     ASSERT_FALSE(!again);
     EXPECT_EQ(1, again.get_value());
-}
 
-TEST(Semaphore, OpenOfAMissingNameFails) {
-    semaphore_t s;
-    EXPECT_NE(0, s.open(unique_name("util_missing").c_str()));
-    EXPECT_TRUE(!s);
-    EXPECT_EQ(RESULT_NOT_CREATED, s.wait(0));
+    semaphore_t missing;
+    EXPECT_NE(0, missing.open(unique_name("util_missing").c_str()));
+    EXPECT_TRUE(!missing);
+    EXPECT_EQ(RESULT_NOT_CREATED, missing.wait(0));
 }
 
 TEST(Semaphore, ResetRecreatesWithTheNewCount) {
