@@ -39,7 +39,7 @@ public:
 // The writers' side.
 class UTIL_API w_msg_queue_it : public virtual ref_count_it {
 public:
-    // 0, or 3 when full (the message stays the caller's).
+    // 0, 3 when full (the message stays the caller's), 2 for a null message.
     virtual int post_msg(msg_it* msg, msg_queue_sink_it* sink) = 0;
     // Waits up to `timeout` ms (negative: for ever) for the reader to run
     // the message: 0 when it ran, 16 when the wait timed out (it still runs
@@ -97,6 +97,8 @@ protected:
     // Counts a value in or out; true when the reader must be signalled.
     bool note_pushed(unsigned int mode);
     void note_popped(unsigned int mode);
+    // A null message: the assertion line and 2.
+    int refuse_null(int line);
     // After a ring push with result `rv`: status and wake-up; returns rv.
     int after_push(int rv, unsigned int mode);
     // After a ring pop: the count and the sink hand-over; returns rv.

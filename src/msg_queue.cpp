@@ -238,6 +238,12 @@ void msg_queue_base_t::note_popped(unsigned int mode) {
         m_queued.fetch_sub(1, std::memory_order_acq_rel);
 }
 
+int msg_queue_base_t::refuse_null(int line) {
+    // A null message would reach the reader as a crash; refuse it here.
+    UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, line, ", this = " << static_cast<void*>(this));
+    return RESULT_INVALID_ARG;
+}
+
 int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     // Mode 0 signals even when the push failed; otherwise only a write into
     // an empty queue does.
@@ -297,6 +303,8 @@ o2o_msg_queue_t::~o2o_msg_queue_t() {
 int o2o_msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
 
 int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
+    if (!msg)
+        return refuse_null(__LINE__);
     int rv = m_ring.push(msg);
     // The sink is registered and the status set before the reader is woken.
     if (rv == RESULT_QUEUE_FULL && sink)
@@ -305,6 +313,8 @@ int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
 }
 
 int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
+    if (!msg)
+        return refuse_null(__LINE__);
     if (m_ring.is_full())
         return RESULT_QUEUE_FULL;
     return send_through("o2o_msg_queue_t::send_msg", msg, timeout);
@@ -336,9 +346,15 @@ msg_queue_t::~msg_queue_t() {
 
 int msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
 
-int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) { return push_signalled(msg); }
+int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) {
+    if (!msg)
+        return refuse_null(__LINE__);
+    return push_signalled(msg);
+}
 
 int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
+    if (!msg)
+        return refuse_null(__LINE__);
     if (m_ring.is_full())
         return RESULT_QUEUE_FULL;
     return send_through("msg_queue_t::send_msg", msg, timeout);

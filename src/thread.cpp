@@ -151,8 +151,7 @@ unsigned int thread_wrapper_t::process_msg(unsigned int) {
                                << static_cast<void*>(this));
         return 0;
     }
-    // The channels' data rounds join here with the inter-thread channels;
-    // for now the pass is the control queue.
+    // This wrapper has no peers' read queues: the pass is the control queue.
     unsigned int total = 0;
     msg_it* msg = nullptr;
     while (!is_stopped() && m_ctrl_queue->pop_msg(msg) == RESULT_SUCCESS)

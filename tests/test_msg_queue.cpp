@@ -160,6 +160,21 @@ TEST_F(MsgQueue, SendOnAFullQueueReturnsThreeWithoutTouchingStatus) {
 
 // ---- sinks ----------------------------------------------------------------------------
 
+TEST_F(MsgQueue, NullMessagesAreRefusedAndNothingIsQueued) {
+    counting_notifier_t n;
+    msg_queue_t* shared = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
+    o2o_msg_queue_t* o2o = make_queue<o2o_msg_queue_t>(&n, nullptr, 32, 0);
+    for (w_msg_queue_it* q : {static_cast<w_msg_queue_it*>(shared), static_cast<w_msg_queue_it*>(o2o)}) {
+        EXPECT_EQ(RESULT_INVALID_ARG, q->post_msg(nullptr, nullptr));
+        EXPECT_EQ(RESULT_INVALID_ARG, q->send_msg(nullptr, nullptr, 0));
+    }
+    EXPECT_TRUE(shared->is_empty());
+    EXPECT_TRUE(o2o->is_empty());
+    EXPECT_EQ(0, n.m_signals.load());
+    shared->decrement();
+    o2o->decrement();
+}
+
 TEST_F(MsgQueue, SinkRegistrationCodes) {
     counting_notifier_t n;
     msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
