@@ -124,6 +124,81 @@ int current_dir(char* out, size_t size);
 // Opens a text file for writing, truncating it; null on failure.
 FILE* open_text_file(const char* path);
 
+// ---- OS threads -------------------------------------------------------------
+// A started thread: a HANDLE on Windows, a small reference-counted block on
+// POSIX. The invalid value is all ones. One thread at a time may wait on,
+// close or detach a given handle; any thread may hold a copy of its value.
+typedef uintptr_t thread_handle_t;
+const thread_handle_t INVALID_THREAD_HANDLE = ~static_cast<thread_handle_t>(0);
+typedef void (*thread_fn_t)(void*);
+
+// Runs fn(arg) once on a new thread with the default stack (_beginthreadex,
+// no flags, exit code 0; pthread_create). On success *tid is the new
+// thread's id, which it had already published when this returns, so the
+// creator and the thread agree on it. 0 or the OS error number.
+int thread_create(thread_fn_t fn, void* arg, thread_handle_t* out, uint32_t* tid);
+// Waits until the thread has ended; WAIT_FOREVER waits without limit. Once a
+// wait reported WAIT_SIGNALLED, later waits on the handle report it at once.
+// WAIT_ERROR leaves the error number for last_error().
+wait_status_t thread_wait(thread_handle_t h, uint32_t timeout_ms);
+// Releases a handle, normally after a signalled wait. A thread that has not
+// been waited for runs on and its resources go when it ends. 0 or the OS
+// error number.
+int thread_close(thread_handle_t h);
+// Releases a handle without waiting: the thread runs on and its resources
+// go when it ends (pthread_detach; CloseHandle). 0 or the OS error number.
+int thread_detach(thread_handle_t h);
+// Ends the thread at once with `exit_code` (TerminateThread). POSIX has no
+// safe way to do that (pthread_cancel unwinds through code that never
+// expected it; killing a thread leaves its locks held), so there this
+// touches nothing and returns ENOTSUP. The handle stays to be closed or
+// detached. 0 or the OS error number.
+int thread_terminate(thread_handle_t h, uint32_t exit_code);
+// Restricts the thread to the CPUs whose bits are set in `mask` (bit n is
+// CPU n; on 32-bit Windows only the low 32 bits count). 0 or the OS error
+// number; a thread that has ended and been waited for gives an error.
+int thread_set_affinity(thread_handle_t h, uint64_t mask);
+
+// ---- readiness waits ----------------------------------------------------------
+// One wait over many handles, for the I/O repository's demultiplexers.
+
+const uint32_t READY_READ = 1u;
+const uint32_t READY_WRITE = 2u;
+const uint32_t READY_ERROR = 4u;
+
+// One socket (or, where pipe_waitable() holds, a pipe read end) in a
+// socket_wait_any call: `wanted` is asked, `ready` is filled in.
+struct socket_ready_t {
+    uintptr_t handle;
+    uint32_t wanted;
+    uint32_t ready;
+};
+
+// The most entries socket_wait_any takes: Windows' select is compiled for
+// this many sockets. POSIX polls and has no such limit.
+const size_t SOCKET_WAIT_MAX = 1040;
+
+// Waits until an entry is ready for what it wants or has an error
+// (READY_ERROR is reported whether asked or not). timeout_ms < 0 waits
+// without limit. Returns the number of ready entries, 0 on time-out, -1 on
+// failure with *error the OS error number. poll on POSIX, select on Windows.
+int socket_wait_any(socket_ready_t* entries, size_t count, int timeout_ms, int* error);
+
+// WaitForMultipleObjects' limit, kept on every system.
+const size_t EVENT_WAIT_MAX = 64;
+
+// Waits until one of `count` (1..EVENT_WAIT_MAX) events is signalled:
+// WAIT_SIGNALLED with *index the lowest signalled one, which is reset when
+// it is an auto-reset event (so it wakes one wait, as on Windows);
+// WAIT_TIMED_OUT; WAIT_ERROR with *error the OS error number. A pulse meets
+// only the threads inside event_wait, never this wait.
+wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_t timeout_ms, size_t* index,
+                             int* error);
+
+// Whether an anonymous pipe's read end may join socket_wait_any: true on
+// POSIX; false on Windows, whose select takes sockets only.
+bool pipe_waitable();
+
 // ---- sockets and pipes ------------------------------------------------------
 // Functions returning int give 0 or the OS error number (WSAGetLastError on
 // Windows, errno elsewhere); the shared code classifies it with the helpers
