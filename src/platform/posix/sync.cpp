@@ -368,3 +368,27 @@ int semaphore_value(semaphore_handle_t h, int* value) {
 
 }  // namespace plat
 }  // namespace ssb
+
+// ---- events in readiness waits ----------------------------------------------------
+//
+// For posix/readiness.cpp only: the eventfd is readable while the event is
+// signalled, and a poll that saw it readable takes the signal here, under the
+// event's lock, because another waiter may have taken it first.
+
+namespace ssb {
+namespace plat {
+
+int event_fd_of(event_handle_t h) { return static_cast<posix_event_t*>(h)->fd; }
+
+bool event_take_signal(event_handle_t h) {
+    posix_event_t* e = static_cast<posix_event_t*>(h);
+    pthread_mutex_lock(&e->mutex);
+    const bool signalled = e->signalled;
+    if (signalled && !e->manual)
+        set_state(e, false);
+    pthread_mutex_unlock(&e->mutex);
+    return signalled;
+}
+
+}  // namespace plat
+}  // namespace ssb
