@@ -19,21 +19,8 @@ using namespace ssb;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__)
-const bool UNDER_TSAN = true;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer)
-const bool UNDER_TSAN = true;
-#else
-const bool UNDER_TSAN = false;
-#endif
-#else
-const bool UNDER_TSAN = false;
-#endif
-
 struct line_t {
-    unsigned int module;
-    unsigned int level;
+    unsigned int module, level;
     std::string text;
 };
 
@@ -44,9 +31,13 @@ public:
         m_lines.push_back(line_t{module_id, level, std::string(reinterpret_cast<char*>(text), length)});
         return 0;
     }
-    std::vector<line_t> lines() {
+    std::vector<line_t> lines(unsigned int only_level = 0) {
         std::lock_guard<std::mutex> guard(m_mutex);
-        return m_lines;
+        std::vector<line_t> out;
+        for (const line_t& l : m_lines)
+            if (!only_level || l.level == only_level)
+                out.push_back(l);
+        return out;
     }
 
 private:
@@ -76,24 +67,14 @@ int SSB_STDCALL collect(void* context, signed char* text, unsigned int length) {
 
 std::string mem_log_text() {
     std::string out;
-    mem_log_file* m = mem_log_file::instance(DEFAULT_MEM_LOG_SIZE);
-    if (m)
+    if (mem_log_file* m = mem_log_file::instance(DEFAULT_MEM_LOG_SIZE))
         m->dump(&out, collect);
     return out;
 }
 
-// Live-object accounting of the test messages.
 struct counters_t {
-    std::atomic<int> created{0};
-    std::atomic<int> destroyed{0};
-    std::atomic<int> ran{0};
-    std::atomic<int> wrappers_destroyed{0};
+    std::atomic<int> created{0}, destroyed{0}, ran{0}, wrappers_destroyed{0};
     std::atomic<unsigned int> last_wrapper_destroyer{0};
-
-    void reset() {
-        created = destroyed = ran = wrappers_destroyed = 0;
-        last_wrapper_destroyer = 0;
-    }
 };
 counters_t g_count;
 
@@ -123,9 +104,8 @@ protected:
     }
 };
 
-// Drives the tick clock by hand, routes module 1 to a capture and starts
-// every test with no memory log. Every message a test creates must be gone
-// by its end.
+// Drives the tick clock by hand, routes module 1 to a capture, starts with
+// no memory log, and checks every message created was destroyed once.
 class Msg : public ::testing::Test {
 protected:
     void SetUp() override {
@@ -139,7 +119,8 @@ protected:
         register_logger_handle(&cap, LOG_TO_HANDLE);
         register_logger(UTIL_MODULE_ID, "UTIL", 31, nullptr, LOG_TO_HANDLE);
         mem_log_file::reset(true);
-        g_count.reset();
+        g_count.created = g_count.destroyed = g_count.ran = g_count.wrappers_destroyed = 0;
+        g_count.last_wrapper_destroyer = 0;
     }
     void TearDown() override {
         EXPECT_EQ(g_count.created.load(), g_count.destroyed.load()) << "messages leaked or destroyed twice";
@@ -151,14 +132,7 @@ protected:
         mem_log_file::reset(true);
     }
     static void set_now(uint32_t tick) { ticks_drv_t::s_tag.store(tick); }
-
-    std::vector<line_t> warnings() {
-        std::vector<line_t> out;
-        for (const line_t& l : cap.lines())
-            if (l.level == LOG_WARNING)
-                out.push_back(l);
-        return out;
-    }
+    std::vector<line_t> warnings() { return cap.lines(LOG_WARNING); }
 
     capture_t cap;
 
@@ -167,9 +141,7 @@ private:
     uint32_t m_saved_tag = 0;
 };
 
-// ---- fields and age ------------------------------------------------------------------------
-
-TEST_F(Msg, DefaultsAndStoredFieldsAndTheCreationTick) {
+TEST_F(Msg, DefaultsAndStoredFieldsAndTheCreationTickWhichCopiesKeep) {
     set_now(4242);
     counted_msg_t* plain = new counted_msg_t;
     EXPECT_EQ(MSG_TYPE_PLAIN, plain->get_type());
@@ -178,52 +150,35 @@ TEST_F(Msg, DefaultsAndStoredFieldsAndTheCreationTick) {
     EXPECT_FALSE(plain->is_lockable());
     EXPECT_EQ(4242u, plain->get_ticks());
     EXPECT_EQ(nullptr, plain->query_interface(IID_SYNC_MSG));
-    plain->dump();
 
     set_now(7);
     counted_msg_t* host = new counted_msg_t(static_cast<MSG_TYPE>(2), 9, 250, true);
-    EXPECT_EQ(2u, static_cast<uint32_t>(host->get_type()));
-    EXPECT_EQ(9u, host->load());
-    EXPECT_EQ(250u, host->get_timeout());
-    EXPECT_TRUE(host->is_lockable());
+    EXPECT_TRUE(static_cast<uint32_t>(host->get_type()) == 2u && host->load() == 9u && host->get_timeout() == 250u && host->is_lockable());
     EXPECT_EQ(7u, host->get_ticks());
 
-    // A copy keeps the original's stamp.
     set_now(9000);
     counted_msg_t* copy = new counted_msg_t(*host);
     EXPECT_EQ(7u, copy->get_ticks());
-    EXPECT_EQ(9u, copy->load());
     *copy = *plain;
     EXPECT_EQ(4242u, copy->get_ticks());
-    EXPECT_EQ(MSG_TYPE_PLAIN, copy->get_type());
-
     plain->release();
     host->release();
     copy->release();
-    EXPECT_EQ(3, g_count.destroyed.load());
 }
 
 TEST(MsgAge, PlainDifferenceAndOneLessAcrossTheWrap) {
-    struct {
+    const struct {
         uint32_t stamp, now, age;
     } cases[] = {
-        {0, 0, 0},
-        {100, 100, 0},
-        {100, 5100, 5000},
-        {0, 0xFFFFFFFFu, 0xFFFFFFFFu},
-        {0xFFFFFFFFu, 0xFFFFFFFFu, 0},
-        // Wrapped: one less than the modular difference.
-        {0xFFFFFFF0u, 0x10, 0x1F},
-        {0xFFFFFFFFu, 0, 0},
-        {0xFFFFFFFFu, 1, 1},
-        {1, 0, 0xFFFFFFFEu},
+        {100, 100, 0},           {100, 5100, 5000},         {0, 0xFFFFFFFFu, 0xFFFFFFFFu},
+        {0xFFFFFFF0u, 0x10, 0x1F}, {0xFFFFFFFFu, 0, 0},     {1, 0, 0xFFFFFFFEu},
     };
     for (const auto& c : cases)
         EXPECT_EQ(c.age, msg_it::age_of(c.stamp, c.now)) << std::hex << c.stamp << " -> " << c.now;
 }
 
 TEST_F(Msg, OvertimeIsStrictlyGreaterThanTheTimeOut) {
-    struct {
+    const struct {
         uint32_t stamp, timeout, now;
         bool overtime;
     } cases[] = {
@@ -231,10 +186,7 @@ TEST_F(Msg, OvertimeIsStrictlyGreaterThanTheTimeOut) {
         {1000, 0, 1001, true},
         {1000, 5000, 6000, false},
         {1000, 5000, 6001, true},
-        // Never, even at the largest age there is.
         {1000, MSG_TIMEOUT_NEVER, 999, false},
-        {1000, MSG_TIMEOUT_NEVER, 1001, false},
-        // Across the wrap the age is 0x1F at 0x10, not 0x20.
         {0xFFFFFFF0u, 0x1F, 0x10, false},
         {0xFFFFFFF0u, 0x1F, 0x11, true},
     };
@@ -248,44 +200,24 @@ TEST_F(Msg, OvertimeIsStrictlyGreaterThanTheTimeOut) {
     }
 }
 
-// ---- release and the over-stay report -------------------------------------------------------
-
-TEST_F(Msg, ReleaseDestroysExactlyOnce) {
-    counted_msg_t* a = new counted_msg_t;
-    counted_msg_t* b = new counted_msg_t;
-    EXPECT_EQ(2, g_count.created.load());
-    a->release();
-    EXPECT_EQ(1, g_count.destroyed.load());
-    b->release();
-    EXPECT_EQ(2, g_count.destroyed.load());
-    EXPECT_TRUE(warnings().empty());
-}
-
-TEST_F(Msg, ReleasedAtExactlyFiveSecondsWritesNothing) {
-    set_now(1000);
-    counted_msg_t* m = new counted_msg_t;
+TEST_F(Msg, ReleasedAfterMoreThanFiveSecondsWarnsInTheRegistryAndTheMemoryLog) {
+    counted_msg_t* quiet = new counted_msg_t;
+    counted_msg_t* loud = new counted_msg_t(static_cast<MSG_TYPE>(2));
+    const std::string self = text_of(loud);
     set_now(6000);
-    m->release();
+    quiet->release();
     EXPECT_TRUE(warnings().empty());
     EXPECT_EQ("", mem_log_text());
-    EXPECT_EQ(1, g_count.destroyed.load());
-}
-
-TEST_F(Msg, ReleasedAfterFiveSecondsWarnsInTheRegistryAndTheMemoryLog) {
-    set_now(1000);
-    counted_msg_t* m = new counted_msg_t(static_cast<MSG_TYPE>(2));
-    const std::string self = text_of(m);
     set_now(6001);
-    m->release();
-    EXPECT_EQ(1, g_count.destroyed.load());
+    loud->release();
+    EXPECT_EQ(2, g_count.destroyed.load());
 
-    std::vector<line_t> lines = warnings();
+    const std::vector<line_t> lines = warnings();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(UTIL_MODULE_ID, lines[0].module);
-    EXPECT_EQ(
-        "msg_it::release the message stay in message queue over 5s, used = 5001 m_ticks =1000, now = 6001, "
-        "type = 2, this = " + self + "\n",
-        message_of(lines[0].text));
+    EXPECT_EQ("msg_it::release the message stay in message queue over 5s, used = 5001 m_ticks =1000, now = 6001, "
+              "type = 2, this = " + self + "\n",
+              message_of(lines[0].text));
     EXPECT_TRUE(std::regex_search(lines[0].text, std::regex("\tUTIL\t\\[[0-9]+:[0-9]+\\]\tWARNING\t")))
         << lines[0].text;
     // The memory log, asked for at 8 MiB, holds the same line byte for byte.
@@ -294,8 +226,7 @@ TEST_F(Msg, ReleasedAfterFiveSecondsWarnsInTheRegistryAndTheMemoryLog) {
 }
 
 TEST_F(Msg, OverStayUsesTheWrapRule) {
-    // Across the wrap the age is one less than the modular difference:
-    // 5002 ticks on is an age of 5001, 5001 ticks on only 5000.
+    // 5002 ticks across the wrap is an age of 5001, 5001 ticks only 5000.
     set_now(0xFFFFFFF0u);
     counted_msg_t* quiet = new counted_msg_t;
     counted_msg_t* loud = new counted_msg_t(MSG_TYPE_TIMER_TICK);
@@ -305,14 +236,14 @@ TEST_F(Msg, OverStayUsesTheWrapRule) {
     EXPECT_TRUE(warnings().empty());
     set_now(0xFFFFFFF0u + 5002u);
     loud->release();
-    std::vector<line_t> lines = warnings();
+    const std::vector<line_t> lines = warnings();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ("msg_it::release the message stay in message queue over 5s, used = 5001 m_ticks =4294967280, "
               "now = 4986, type = 6, this = " + self + "\n",
               message_of(lines[0].text));
 }
 
-TEST_F(Msg, MemoryLogGetsTheLineEvenWhenTheRegistryFiltersIt) {
+TEST_F(Msg, MemoryLogGetsTheLineEvenWhenTheRegistryFiltersItButIsNeverRecreatedOrOverfilled) {
     counted_msg_t* m = new counted_msg_t;
     set_now(1000 + 60000);
     enable_logger(255);
@@ -322,19 +253,15 @@ TEST_F(Msg, MemoryLogGetsTheLineEvenWhenTheRegistryFiltersIt) {
     EXPECT_NE(std::string::npos, mem_log_text().find("\tUTIL\t"));
     EXPECT_NE(std::string::npos, mem_log_text().find("\tWARNING\tmsg_it::release the message stay in message queue "
                                                      "over 5s, used = 60000 m_ticks =1000, now = 61000, type = 0"));
-}
 
-TEST_F(Msg, AMemoryLogThatIsGoneOrFullIsLeftAlone) {
-    // Destroyed: the registry still gets the line and nothing is recreated.
-    ASSERT_NE(nullptr, mem_log_file::instance(MIN_MEM_LOG_SIZE));
     mem_log_file::destroy();
-    counted_msg_t* m = new counted_msg_t;
+    set_now(1000);
+    m = new counted_msg_t;
     set_now(1000 + 5001);
     m->release();
     EXPECT_EQ(1u, warnings().size());
     EXPECT_EQ(nullptr, mem_log_file::instance(DEFAULT_MEM_LOG_SIZE));
 
-    // Without room for the line the memory log is not written.
     mem_log_file::reset(false);
     mem_log_file* mem = mem_log_file::instance(MIN_MEM_LOG_SIZE);
     ASSERT_NE(nullptr, mem);
@@ -347,41 +274,26 @@ TEST_F(Msg, AMemoryLogThatIsGoneOrFullIsLeftAlone) {
     m->release();
     EXPECT_EQ(2u, warnings().size());
     EXPECT_EQ(10u, mem->space());
-    EXPECT_EQ(2, g_count.destroyed.load());
 }
 
-// ---- sync_msg_t -------------------------------------------------------------------------------
-
-TEST_F(Msg, SyncWrapperIsATypeThreeMessageWithOneReference) {
-    counted_msg_t* inner = new counted_msg_t(MSG_TYPE_PLAIN, 5, 10, true);
-    counted_sync_t* s = new counted_sync_t(inner);
+TEST_F(Msg, SyncWrapperIsATypeThreeMessageWhoseLastReferenceDestroysIt) {
+    counted_sync_t* s = new counted_sync_t(new counted_msg_t(MSG_TYPE_PLAIN, 5, 10, true));
     EXPECT_EQ(MSG_TYPE_SYNC, s->get_type());
     EXPECT_EQ(1u, s->load());
     EXPECT_EQ(MSG_TIMEOUT_NEVER, s->get_timeout());
     EXPECT_FALSE(s->is_lockable());
-    EXPECT_FALSE(s->overtime());
     EXPECT_EQ(1u, s->get_count());
     EXPECT_EQ(static_cast<void*>(static_cast<sync_msg_t*>(s)), s->query_interface(IID_SYNC_MSG));
     EXPECT_EQ(static_cast<void*>(static_cast<ref_count_it*>(s)), s->query_interface(IID_REF_COUNT));
     EXPECT_EQ(static_cast<void*>(static_cast<ref_count_it*>(s)), s->query_interface(IID_REF_COUNT_IT));
     EXPECT_EQ(nullptr, s->query_interface(0));
-    // Nothing has signalled yet.
     EXPECT_EQ(RESULT_BUSY, s->wait_for_finish(0));
 
-    s->on_message();
-    EXPECT_EQ(1, g_count.ran.load());
-    EXPECT_EQ(0, g_count.destroyed.load());
-    s->release();
-    EXPECT_EQ(1, g_count.destroyed.load());
-    EXPECT_EQ(1, g_count.wrappers_destroyed.load());
-}
-
-TEST_F(Msg, SyncReleaseSignalsOnceAndTheLastReferenceDestroys) {
-    counted_sync_t* s = new counted_sync_t(new counted_msg_t);
     EXPECT_EQ(2u, s->increment());
     s->on_message();
+    EXPECT_EQ(1, g_count.ran.load());
     s->release();
-    // The wrapped message is gone, the wrapper is kept by the second reference.
+    // The wrapped message is gone; the second reference keeps the wrapper.
     EXPECT_EQ(1, g_count.destroyed.load());
     EXPECT_EQ(0, g_count.wrappers_destroyed.load());
     EXPECT_EQ(1u, s->get_count());
@@ -394,14 +306,13 @@ TEST_F(Msg, SyncReleaseSignalsOnceAndTheLastReferenceDestroys) {
 
 TEST_F(Msg, NullWrappedMessageIsAssertedAndOtherwiseHarmless) {
     counted_sync_t* s = new counted_sync_t(nullptr);
-    std::vector<line_t> lines = cap.lines();
+    const std::vector<line_t> lines = cap.lines();
     ASSERT_EQ(1u, lines.size());
     EXPECT_EQ(unsigned(LOG_FATAL), lines[0].level);
     EXPECT_TRUE(std::regex_match(message_of(lines[0].text),
                                  std::regex("assert: msg\\[sync_msg_t::sync_msg_t, m_msg = 0x00000000\\] "
                                             "file\\[\\.\\\\msg_queue\\], line = \\[[0-9]+\\]\n")))
         << lines[0].text;
-    EXPECT_EQ(MSG_TYPE_SYNC, s->get_type());
     s->on_message();
     EXPECT_EQ(0, g_count.ran.load());
     s->increment();
@@ -411,12 +322,11 @@ TEST_F(Msg, NullWrappedMessageIsAssertedAndOtherwiseHarmless) {
     EXPECT_EQ(1, g_count.wrappers_destroyed.load());
 }
 
-TEST_F(Msg, ReceiverReleaseWakesTheWaitingSender) {
+TEST_F(Msg, ReceiverReleaseWakesTheWaitingSenderAfterTheMessageIsDone) {
     counted_sync_t* s = new counted_sync_t(new counted_msg_t);
     s->increment();  // the sender's own reference
     std::atomic<bool> waiting{false};
-    int rc = -1;
-    int ran_when_woken = -1, destroyed_when_woken = -1;
+    int rc = -1, ran_when_woken = -1, destroyed_when_woken = -1;
     std::thread sender([&] {
         waiting = true;
         rc = s->wait_for_finish(-1);
@@ -429,7 +339,6 @@ TEST_F(Msg, ReceiverReleaseWakesTheWaitingSender) {
     s->release();
     sender.join();
     EXPECT_EQ(RESULT_SUCCESS, rc);
-    // The wrapped message had run and been released before the sender woke.
     EXPECT_EQ(1, ran_when_woken);
     EXPECT_EQ(1, destroyed_when_woken);
     EXPECT_EQ(1, g_count.wrappers_destroyed.load());
@@ -440,8 +349,6 @@ TEST_F(Msg, SenderThatTimedOutLeavesTheWrapperToTheReceiver) {
     s->increment();
     EXPECT_EQ(RESULT_BUSY, s->wait_for_finish(0));
     EXPECT_EQ(1u, s->decrement());
-    EXPECT_EQ(0, g_count.wrappers_destroyed.load());
-
     unsigned int receiver_tid = 0;
     std::thread receiver([&] {
         receiver_tid = get_cur_tid();
@@ -450,20 +357,17 @@ TEST_F(Msg, SenderThatTimedOutLeavesTheWrapperToTheReceiver) {
     });
     receiver.join();
     EXPECT_EQ(1, g_count.ran.load());
-    EXPECT_EQ(1, g_count.destroyed.load());
     EXPECT_EQ(1, g_count.wrappers_destroyed.load());
     EXPECT_EQ(receiver_tid, g_count.last_wrapper_destroyer.load());
 }
 
-// The hand-over of a synchronous send, many times over, with time-outs that
-// let either side drop the last reference: every wrapper and every wrapped
-// message is destroyed exactly once, and an unlimited wait always succeeds.
+// Time-outs let either side drop the last reference; an unlimited wait
+// always succeeds.
 TEST_F(Msg, SenderAndReceiverRaceToTheLastReference) {
-    const int ROUNDS = UNDER_TSAN ? 3000 : 20000;
+    const int ROUNDS = 3000;
     const int timeouts[] = {0, 1, -1};
     ring_queue_t<msg_it*> queue(8);
     std::atomic<int> bad_results{0};
-    std::atomic<int> timed_out{0};
     std::thread receiver([&] {
         msg_it* m = nullptr;
         for (int done = 0; done < ROUNDS;) {
@@ -482,10 +386,8 @@ TEST_F(Msg, SenderAndReceiverRaceToTheLastReference) {
         while (queue.push(s) != RESULT_SUCCESS)
             std::this_thread::yield();
         const int timeout = timeouts[i % 3];
-        int rc = s->wait_for_finish(timeout);
-        if (rc == RESULT_BUSY && timeout >= 0)
-            ++timed_out;
-        else if (rc != RESULT_SUCCESS)
+        const int rc = s->wait_for_finish(timeout);
+        if (rc != RESULT_SUCCESS && !(rc == RESULT_BUSY && timeout >= 0))
             ++bad_results;
         s->decrement();
     }
@@ -493,9 +395,7 @@ TEST_F(Msg, SenderAndReceiverRaceToTheLastReference) {
     EXPECT_EQ(0, bad_results.load());
     EXPECT_EQ(ROUNDS, g_count.ran.load());
     EXPECT_EQ(ROUNDS, g_count.created.load());
-    EXPECT_EQ(ROUNDS, g_count.destroyed.load());
     EXPECT_EQ(ROUNDS, g_count.wrappers_destroyed.load());
-    RecordProperty("sender_timeouts", timed_out.load());
 }
 
 }  // namespace
