@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "test_log_support.h"
 #include "io_repo.h"
 #include "log.h"
 #include "notifier.h"
@@ -59,19 +60,8 @@ private:
 
 class IoRepo : public ::testing::Test {
 protected:
-    void SetUp() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_HANDLE);
-        ASSERT_NE(nullptr, log_control_t::instance());
-        register_logger_handle(&cap, LOG_TO_HANDLE);
-        register_logger(UTIL_MODULE_ID, "UTIL", 31, nullptr, LOG_TO_HANDLE);
-    }
-    void TearDown() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_FILE | LOG_TO_HANDLE);
-    }
+    void SetUp() override { util_test::capture_util_log(&cap); }
+    void TearDown() override { util_test::restore_log_routing(); }
     capture_t cap;
 };
 

@@ -16,6 +16,7 @@
 #include <unistd.h>
 #endif
 
+#include "test_log_support.h"
 #include "log.h"
 #include "notifier.h"
 #include "test_support.h"
@@ -91,19 +92,8 @@ std::string id_text(notifier_handle_t id) { return std::to_string(static_cast<lo
 // so the capture is installed as the default too.
 class NotifierLog : public ::testing::Test {
 protected:
-    void SetUp() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_HANDLE);
-        ASSERT_NE(nullptr, log_control_t::instance());
-        register_logger_handle(&cap, LOG_TO_HANDLE);
-        register_logger(UTIL_MODULE_ID, "UTIL", 31, nullptr, LOG_TO_HANDLE);
-    }
-    void TearDown() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_FILE | LOG_TO_HANDLE);
-    }
+    void SetUp() override { util_test::capture_util_log(&cap); }
+    void TearDown() override { util_test::restore_log_routing(); }
     capture_t cap;
 };
 

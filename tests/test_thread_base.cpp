@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "test_log_support.h"
 #include "log.h"
 #include "test_support.h"
 #include "thread_base.h"
@@ -114,19 +115,8 @@ void cancel_self(void* p) {
 // because it overrides per-module loggers until the registry opens.
 class ThreadBase : public ::testing::Test {
 protected:
-    void SetUp() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_HANDLE);
-        ASSERT_NE(nullptr, log_control_t::instance());
-        register_logger_handle(&cap, LOG_TO_HANDLE);
-        register_logger(UTIL_MODULE_ID, "UTIL", 31, nullptr, LOG_TO_HANDLE);
-    }
-    void TearDown() override {
-        log_control_t::destroy();
-        log_control_t::set_default_logger(nullptr);
-        log_control_t::set_default_mask(LOG_TO_FILE | LOG_TO_HANDLE);
-    }
+    void SetUp() override { util_test::capture_util_log(&cap); }
+    void TearDown() override { util_test::restore_log_routing(); }
     capture_t cap;
 };
 
