@@ -170,9 +170,9 @@ void io_repo_t::run_loop() {
         const int rc = wait_ready(entries, timeout_ms, &error);
         if (rc == WAIT_FAILED_RC) {
             UTIL_LOG(LOG_ERROR, m_name << "::loop wait failed, errno = " << error << ", this = " << this);
-            // A handle closed while registered fails every wait; do not spin
-            // at full speed on it.
-            plat::yield_thread();
+            // A handle closed while registered fails every wait; back off so
+            // the loop neither spins nor floods the log.
+            plat::sleep_ms(10);
             continue;
         }
         if (rc > 0)
