@@ -90,8 +90,9 @@ protected:
     explicit msg_queue_base_t(notifier_it* reader);
     ~msg_queue_base_t() override;
 
-    int add_sink(msg_queue_sink_it* sink);
-    int find_sink(msg_queue_sink_it* sink);
+    int add_sink(msg_queue_sink_it* sink) { return sink_op(sink, true); }
+    int find_sink(msg_queue_sink_it* sink) { return sink_op(sink, false); }
+    int sink_op(msg_queue_sink_it* sink, bool add);
     void signal_reader();
     void mark_full() { m_status.store(MSG_QUEUE_STATUS_FULL, std::memory_order_relaxed); }
     // Counts a value in or out; true when the reader must be signalled.

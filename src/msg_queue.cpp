@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "msg.h"
 #include "msg_queue.h"
 #include "ring_queue.h"
@@ -165,30 +167,20 @@ void msg_queue_base_t::signal_reader() {
         reader->signal();
 }
 
-int msg_queue_base_t::add_sink(msg_queue_sink_it* sink) {
+// Both answer 10 when `sink` is listed; add_sink appends it otherwise.
+// unregister leaves it listed on purpose: only the next wake-up empties it.
+int msg_queue_base_t::sink_op(msg_queue_sink_it* sink, bool add) {
     if (!sink) {
         UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
         return RESULT_INVALID_ARG;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    for (msg_queue_sink_it* s : m_sinks)
-        if (s == sink)
-            return RESULT_ALREADY_EXISTS;
+    if (std::find(m_sinks.begin(), m_sinks.end(), sink) != m_sinks.end())
+        return RESULT_ALREADY_EXISTS;
+    if (!add)
+        return RESULT_NOT_FOUND;
     m_sinks.push_back(sink);
     return RESULT_SUCCESS;
-}
-
-int msg_queue_base_t::find_sink(msg_queue_sink_it* sink) {
-    if (!sink) {
-        UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
-        return RESULT_INVALID_ARG;
-    }
-    auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    // Left in the list on purpose: only the next wake-up empties it.
-    for (msg_queue_sink_it* s : m_sinks)
-        if (s == sink)
-            return RESULT_ALREADY_EXISTS;
-    return RESULT_NOT_FOUND;
 }
 
 void msg_queue_base_t::on_sink() {

@@ -81,28 +81,37 @@ bool socket_connect_pending(int error) { return error == EINPROGRESS || socket_w
 
 bool socket_interrupted(int error) { return error == EINTR; }
 
-int socket_open_tcp4(socket_handle_t* out) {
-    *out = INVALID_SOCKET_HANDLE;
-#if defined(SOCK_CLOEXEC)
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP);
+namespace {
+
+// Takes a new socket fd: close-on-exec when the call could not set it, no
+// SIGPIPE where the system has the option. 0 or the OS error number.
+int adopt(int fd, bool cloexec_done, socket_handle_t* out) {
     if (fd < 0)
         return errno;
-#else
-    int fd = socket(AF_INET, SOCK_STREAM, IPPROTO_TCP);
-    if (fd < 0)
-        return errno;
-    int rc = set_cloexec(fd);
-    if (rc != 0) {
-        close_fd(fd);
-        return rc;
+    if (!cloexec_done) {
+        int rc = set_cloexec(fd);
+        if (rc != 0) {
+            close_fd(fd);
+            return rc;
+        }
     }
-#endif
 #if defined(SO_NOSIGPIPE)
     int one = 1;
     setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof(one));
 #endif
     *out = handle_of(fd);
     return 0;
+}
+
+}  // namespace
+
+int socket_open_tcp4(socket_handle_t* out) {
+    *out = INVALID_SOCKET_HANDLE;
+#if defined(SOCK_CLOEXEC)
+    return adopt(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, IPPROTO_TCP), true, out);
+#else
+    return adopt(socket(AF_INET, SOCK_STREAM, IPPROTO_TCP), false, out);
+#endif
 }
 
 int socket_close(socket_handle_t s) { return close_fd(fd_of(s)); }
@@ -138,25 +147,10 @@ int socket_connect_loopback(socket_handle_t s, uint16_t port) {
 int socket_accept(socket_handle_t s, socket_handle_t* out) {
     *out = INVALID_SOCKET_HANDLE;
 #if defined(__linux__)
-    int fd = accept4(fd_of(s), nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd < 0)
-        return errno;
+    return adopt(accept4(fd_of(s), nullptr, nullptr, SOCK_CLOEXEC), true, out);
 #else
-    int fd = accept(fd_of(s), nullptr, nullptr);
-    if (fd < 0)
-        return errno;
-    int rc = set_cloexec(fd);
-    if (rc != 0) {
-        close_fd(fd);
-        return rc;
-    }
+    return adopt(accept(fd_of(s), nullptr, nullptr), false, out);
 #endif
-#if defined(SO_NOSIGPIPE)
-    int one = 1;
-    setsockopt(fd, SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof(one));
-#endif
-    *out = handle_of(fd);
-    return 0;
 }
 
 int socket_send(socket_handle_t s, const void* data, size_t size, size_t* sent) {
