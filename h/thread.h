@@ -1,13 +1,16 @@
-// Message-loop threads.
+// Message-loop threads and the channels between them.
 //
 // A thread_wrapper_t is the loop of one thread: it owns a control queue that
-// any thread may write to and a wake-up notifier, and runs the messages
-// handed to it on its own thread in bounded passes.
+// any thread may write to, a wake-up notifier, and per bound peer a read
+// queue and a write queue (a channel). It runs the messages handed to it on
+// its own thread in passes bounded by a load of 100, one message per peer
+// per round, then drains its control queue.
 #ifndef SSB_THREAD_H
 #define SSB_THREAD_H
 
 #include <atomic>
 #include <string>
+#include <vector>
 
 #include "lock.h"
 #include "msg_queue.h"
@@ -21,64 +24,168 @@ class thread_mgr_t;
 const unsigned int THREAD_RUNNING = 0;
 const unsigned int THREAD_STOPPING = 1;
 const unsigned int THREAD_STOPPED = 2;
-// Mode bit: the wrapper wraps an already running thread.
+// Mode bits: a select-based I/O thread, an event-based thread, a wrapper
+// around an already running thread (the caller of spawn).
+const unsigned int THREAD_MODE_IO = 1;
+const unsigned int THREAD_MODE_EVENT = 2;
 const unsigned int THREAD_MODE_WRAP = 8;
+// Marks the manager's own two threads: the timer driver and the main thread.
+const unsigned int THREAD_MODE_TIMER_DRIVER = 0x1000000;
+const unsigned int THREAD_MODE_MAIN = 0x2000000;
+// Thread types with a meaning to the library.
+const unsigned int THREAD_TYPE_MAIN = 0;
+const unsigned int THREAD_TYPE_TIMER = 2;
 // A pass that handled this much load is followed by the next without waiting.
 const unsigned int THREAD_PASS_LOAD = 100;
 const unsigned int WAIT_INFINITE_MS = 0xFFFFFFFFu;
+// Range of adjust_timer_precision, in milliseconds.
+const unsigned int MIN_TIMER_PRECISION_MS = 10;
+const unsigned int MAX_TIMER_PRECISION_MS = 1000;
 
 // Owned by the thread that runs its loop: thread_run, process_msg, stop_i,
-// init_tls and cleanup_tls belong to that thread. Any thread may call
-// post_ctrl_msg, send_ctrl_msg, notify and stop. Reference-counted.
+// init_tls, cleanup_tls, bind_queue and detach_queue belong to that thread
+// (the last two refuse other threads with 12). Any thread may post or send
+// to it, notify it, stop it, and create or release its channels: the parts
+// that belong to another thread travel there as control messages.
+// Reference-counted: users release, never delete.
+//
+// Each channel end holds a reference on its peer, so a peer stays alive
+// while it can still be reached through a channel. Creating and releasing
+// a channel from a thread that is not its end waits for that end's loop to
+// run the control message: such a thread must be pumping its loop.
 class UTIL_API thread_wrapper_t : public safe_obj<thread_wrapper_t, thread_mutex_recursive>,
                                   public ref_count_t<null_lock> {
 public:
     thread_wrapper_t(unsigned int mode, unsigned int type, unsigned int queue_size, thread_mgr_t* thr_manager,
                      unsigned int waits, bool interact_timer, const signed char* name);
 
-    // One pass: wait on the notifier when the last pass left the thread
-    // idle, then process messages.
+    // One pass: finish a parked message, poll the notifier when the last
+    // pass left the thread idle, then process messages.
     virtual void thread_run(void* arg);
     virtual int notify();
+    // Refused: threads are made by the thread manager. Logs and returns 0.
+    virtual unsigned int start(void (*fn)(void*), void* arg, unsigned int stack_size, unsigned int priority);
     virtual int open_notifier(unsigned int waits);
     virtual int stop_i(thread_wrapper_t* from);
     virtual unsigned int get_id() const { return m_id.load(std::memory_order_relaxed); }
     virtual bool is_running() const { return m_status.load(std::memory_order_acquire) == THREAD_RUNNING; }
     virtual bool is_stopped() const { return m_status.load(std::memory_order_acquire) == THREAD_STOPPED; }
     virtual bool is_stopping() const { return m_status.load(std::memory_order_acquire) == THREAD_STOPPING; }
-    // From another thread: returns after the loop ran stop_i. From the
-    // loop's own thread: stops at once. 9 when not running.
+    // From another thread: returns after the loop ran stop_i (the loop must
+    // be pumping). From the loop's own thread: stops at once. 9 when not
+    // running.
     virtual int stop();
+    // I/O hook of the I/O threads; nothing here.
+    virtual void on_read(void*) {}
     virtual void init_tls();
+    // Parks `msg` for `target` on this thread: it is posted by the next
+    // pass that finds room. 0, 2 for a null argument, 10 when one is parked.
+    virtual int pend(msg_it* msg, thread_wrapper_t* target);
+    virtual bool is_pending() const { return m_pending != nullptr; }
+    // Whether no thread will run this loop again, so that the last
+    // reference may be dropped from any thread. A wrapped thread holds a
+    // reference of its own while inside thread_run.
+    virtual bool has_ended() const { return true; }
 
-    // Runs one pass over the queues; the load handled.
+    // Runs one pass over the queues, handling a load of at most
+    // min(max, 100) in the data rounds; the load handled.
     unsigned int process_msg(unsigned int max);
     // Sleeps on the notifier (when idle) for at most `timeout_ms`.
     int wait(unsigned int timeout_ms);
     void cleanup_tls();
     // The wrapper of the calling thread, or null.
     static thread_wrapper_t* self();
+    // 10..1000 ms: 0; else 2 with an assertion line.
+    int adjust_timer_precision(unsigned int ms);
+    unsigned int get_timer_precision() const { return m_timer_precision.load(std::memory_order_relaxed); }
 
+    // ---- channels ----
+    // Binds this thread and `bind_thr` with a pair of one-to-one queues. 0;
+    // 2 for a null peer; 12 for this thread itself; 10 when one end was
+    // bound already (that end is kept as it was); an end on a stopped thread
+    // gives that thread's refusal.
+    int create_channel(thread_wrapper_t* bind_thr, unsigned int read_capacity, unsigned int write_capacity);
+    // Unbinds both ends, this thread's side first. 0; 2 for a null peer; 5
+    // when neither end was bound.
+    int release_channel(thread_wrapper_t* bind_thr);
+    // On this thread: 0, 2 for a null argument, 10 when `bind_thr` is bound
+    // already (skipped), 12 on another thread.
+    int bind_queue(thread_wrapper_t* bind_thr, r_msg_queue_it* r_queue, w_msg_queue_it* w_queue);
+    // On this thread: 0, 5 when `bind_thr` is not bound, 12 on another thread.
+    int detach_queue(thread_wrapper_t* bind_thr);
+    // The channel's queues (no reference taken); the control queue when
+    // asked for this thread itself; null when not bound.
+    r_msg_queue_it* get_read_msgq(thread_wrapper_t* peer);
+    w_msg_queue_it* get_write_msgq(thread_wrapper_t* peer);
+    rw_msg_queue_it* get_rw_msgq() const { return m_ctrl_queue; }
+    notifier_it* get_notifier() const { return m_notifier; }
+    // Whether `peer` is bound to this thread and running.
+    bool is_available(thread_wrapper_t* peer);
+    unsigned int channel_count();
+    void dump_queue();
+
+    // Delivery to this thread, routed by the calling thread: from a bound
+    // managed thread over its channel, from this thread or an unmanaged one
+    // through the control queue. On failure the message stays the caller's.
+    // post_msg: the queue's result, 9 when this thread is not running, 5
+    // when the calling managed thread has no channel to it.
+    int post_msg(msg_it* msg, msg_queue_sink_it* sink);
+    // As post_msg, waiting up to `timeout` ms (negative or 0xFFFFFFFF: no
+    // limit) for the message to run; 12 on this thread itself.
+    int send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout);
     // Any thread: through the control queue. 2 when the thread has stopped.
     int post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink);
     int send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout);
-    rw_msg_queue_it* get_rw_msgq() const { return m_ctrl_queue; }
-    notifier_it* get_notifier() const { return m_notifier; }
+    // Posts the parked message: 0 delivered (or nothing parked), 3 still no
+    // room (kept), 2 its target is gone (dropped).
+    int try_pending_msg();
+    // pend() with the drop report of a target that has been released.
+    int pend_on_msg(msg_it* pending_msg, thread_wrapper_t* pending_for);
 
     unsigned int get_type() const { return m_type; }
     unsigned int get_mode() const { return m_mode; }
     const std::string& name() const { return m_name; }
+    unsigned int queue_size() const { return m_queue_size; }
+
+    // Stops the loop without waiting for it: the stop runs at its next pass.
+    // For threads whose loop the caller cannot count on (a wrapped thread
+    // of another caller). 0, 9 when not running.
+    int request_stop();
 
 protected:
     ~thread_wrapper_t() override;
+
+    // The caller's half of post_msg/send_msg: this is the calling thread.
+    int post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink);
+    int send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink, int timeout);
+    // The pass shared by thread_run and the I/O threads' loops.
+    unsigned int run_pass();
+    // On the loop's thread when it ends without having been stopped: marks
+    // it stopped and drops what is queued, waking synchronous senders.
+    void abandon();
+    // The notifier open_notifier installs: an event here.
+    virtual notifier_it* make_notifier(unsigned int waits);
+    bool on_own_thread() const { return get_id() == get_cur_tid(); }
+    void set_id(unsigned int id) { m_id.store(id, std::memory_order_relaxed); }
 
 private:
     thread_wrapper_t(const thread_wrapper_t&);
     thread_wrapper_t& operator=(const thread_wrapper_t&);
 
+    struct channel_t {
+        thread_wrapper_t* peer;
+        r_msg_queue_it* read;
+        w_msg_queue_it* write;
+    };
+
     // Runs or drops one popped message; the load it counts.
     unsigned int run_msg(msg_it* msg, bool control);
     void drain(r_msg_queue_it* queue);
+    void drain_all();
+    channel_t* find_channel(thread_wrapper_t* peer);
+    // Binds or unbinds `end`'s side, on `end`'s thread.
+    static int bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);
+    static int unbind_end(thread_wrapper_t* end, thread_wrapper_t* peer, bool wait);
 
     unsigned int m_mode;
     unsigned int m_type;
@@ -90,8 +197,19 @@ private:
     notifier_it* m_notifier;
     bool m_idle;
     bool m_interact_timer;
-    unsigned int m_timer_precision;
+    // Set when the channel list changes during a pass.
+    bool m_in_pass;
+    bool m_bind_changed;
+    std::atomic<unsigned int> m_timer_precision;
     std::string m_name;
+    // Changed on this thread only, under m_lock; this thread reads it
+    // without the lock, others with it.
+    std::vector<channel_t> m_channels;
+    // Read queues of released channels: a writer that raced the release
+    // may still have put a message there, released with this wrapper.
+    std::vector<r_msg_queue_it*> m_retired;
+    msg_it* m_pending;
+    thread_wrapper_t* m_pending_for;
 };
 
 }  // namespace ssb

@@ -8,8 +8,11 @@
 #include "log.h"
 #include "memlog.h"
 #include "notifier.h"
+#include "platform/platform.h"
 #include "singleton.h"
 #include "stream.h"
+#include "thread_base.h"
+#include "thread_mgr.h"
 #include "trace.h"
 
 namespace {
@@ -43,8 +46,11 @@ void start_services(const char* dir, const char* filename, const char* pext, uns
                     unsigned int max_idx) {
     ssb::logger_file::instance(as_text(dir), as_text(filename), as_text(pext), max_size, max_idx);
     register_logger(ssb::UTIL_MODULE_ID, "UTIL", 31, nullptr, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
+    ssb::plat::timer_resolution_begin();
     // A failure is logged by init_socket itself; start-up goes on.
     ssb::init_socket();
+    // Wraps this thread as the main thread and starts the timer driver.
+    ssb::thread_mgr_t::instance();
     ssb::init_auxi();
 }
 
@@ -62,7 +68,10 @@ void start_memory_log(const char* description) {
 }
 
 void stop_services() {
+    // Stops every thread while the rest still works for them.
+    ssb::thread_mgr_t::destroy();
     ssb::cleanup_socket();
+    ssb::plat::timer_resolution_end();
     ssb::log_control_t::destroy();
     ssb::singleton_life_t::instance().cleanup();
 }
@@ -118,4 +127,55 @@ void util_uninit(unsigned int module_id) {
         ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
         stop_services();
     }
+}
+
+namespace {
+
+// The main thread's wrapper, cached by the first successful heartbeat. It
+// holds a reference, so a loop stopped by util_uninit is never freed under
+// the host; a cached loop that has stopped is looked up again (after a
+// restart the manager wraps the main thread anew).
+std::atomic<ssb::thread_wrapper_t*> s_main_thr(nullptr);
+
+}  // namespace
+
+int main_heartbeat() {
+    if (s_init_times.load(std::memory_order_acquire) < 1) {
+        UTIL_ASSERT_LINE(SOURCE_PATH, 209, "");
+        return ssb::RESULT_NOTHING_TO_DO;
+    }
+    ssb::thread_mgr_t* mgr = ssb::thread_mgr_t::peek();
+    if (!mgr) {
+        UTIL_ASSERT_LINE(SOURCE_PATH, 211, "");
+        return ssb::RESULT_NOTHING_TO_DO;
+    }
+    // Only the main thread writes the cache; others merely read it.
+    ssb::thread_wrapper_t* main_thr = s_main_thr.load(std::memory_order_acquire);
+    if (!main_thr || main_thr->is_stopped()) {
+        ssb::thread_wrapper_t* found = mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
+        ssb::thread_wrapper_t* mine = mgr->current();
+        if (found != mine) {
+            UTIL_ASSERT_LINE(SOURCE_PATH, 216, ", main_thr = " << static_cast<void*>(found)
+                                                               << ", self = " << static_cast<void*>(mine));
+            return ssb::RESULT_REFUSED;
+        }
+        if (!found) {
+            UTIL_ASSERT_LINE(SOURCE_PATH, 218, "");
+            return ssb::RESULT_NOTHING_TO_DO;
+        }
+        found->increment();
+        s_main_thr.store(found, std::memory_order_release);
+        if (main_thr)
+            main_thr->decrement();
+        main_thr = found;
+    }
+    if (main_thr->get_id() != ssb::thread_base_t::get_cur_tid()) {
+        UTIL_ASSERT_MSG("main_heartbeat should in main thread, main_thr->get_id() = "
+                            << main_thr->get_id()
+                            << ", thread_base_t::get_cur_tid() = " << ssb::thread_base_t::get_cur_tid(),
+                        SOURCE_PATH, 224, "");
+        return ssb::RESULT_REFUSED;
+    }
+    main_thr->thread_run(nullptr);
+    return ssb::RESULT_SUCCESS;
 }

@@ -158,6 +158,13 @@ int thread_terminate(thread_handle_t h, uint32_t exit_code);
 // CPU n; on 32-bit Windows only the low 32 bits count). 0 or the OS error
 // number; a thread that has ended and been waited for gives an error.
 int thread_set_affinity(thread_handle_t h, uint64_t mask);
+// The same for the calling thread.
+int set_current_thread_affinity(uint64_t mask);
+// Asks for a 1 ms system timer resolution while the library runs
+// (timeBeginPeriod/timeEndPeriod); POSIX timers need nothing. 0 or the OS
+// error.
+int timer_resolution_begin();
+int timer_resolution_end();
 
 // ---- readiness waits ----------------------------------------------------------
 // One wait over many handles, for the I/O repository's demultiplexers.

@@ -149,18 +149,32 @@ int thread_terminate(thread_handle_t h, uint32_t) {
     return ENOTSUP;
 }
 
+namespace {
+
+int set_affinity(pthread_t thread, uint64_t mask) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    for (unsigned int cpu = 0; cpu < 64 && cpu < CPU_SETSIZE; ++cpu)
+        if (mask & (static_cast<uint64_t>(1) << cpu))
+            CPU_SET(cpu, &set);
+    return pthread_setaffinity_np(thread, sizeof(set), &set);
+}
+
+}  // namespace
+
+int set_current_thread_affinity(uint64_t mask) { return set_affinity(pthread_self(), mask); }
+
+int timer_resolution_begin() { return 0; }
+
+int timer_resolution_end() { return 0; }
+
 int thread_set_affinity(thread_handle_t h, uint64_t mask) {
     if (h == INVALID_THREAD_HANDLE || h == 0)
         return EINVAL;
     thread_block_t* b = block_of(h);
     if (b->m_joined)
         return ESRCH;
-    cpu_set_t set;
-    CPU_ZERO(&set);
-    for (unsigned int cpu = 0; cpu < 64 && cpu < CPU_SETSIZE; ++cpu)
-        if (mask & (static_cast<uint64_t>(1) << cpu))
-            CPU_SET(cpu, &set);
-    return pthread_setaffinity_np(b->m_thread, sizeof(set), &set);
+    return set_affinity(b->m_thread, mask);
 }
 
 }  // namespace plat

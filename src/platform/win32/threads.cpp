@@ -1,4 +1,5 @@
 #include <windows.h>
+#include <mmsystem.h>
 
 #include <errno.h>
 #include <process.h>
@@ -90,6 +91,15 @@ int thread_set_affinity(thread_handle_t h, uint64_t mask) {
     DWORD_PTR m = static_cast<DWORD_PTR>(mask);
     return SetThreadAffinityMask(handle_of(h), m) != 0 ? 0 : static_cast<int>(GetLastError());
 }
+
+int set_current_thread_affinity(uint64_t mask) {
+    DWORD_PTR m = static_cast<DWORD_PTR>(mask);
+    return SetThreadAffinityMask(GetCurrentThread(), m) != 0 ? 0 : static_cast<int>(GetLastError());
+}
+
+int timer_resolution_begin() { return timeBeginPeriod(1) == TIMERR_NOERROR ? 0 : ERROR_INVALID_PARAMETER; }
+
+int timer_resolution_end() { return timeEndPeriod(1) == TIMERR_NOERROR ? 0 : ERROR_INVALID_PARAMETER; }
 
 }  // namespace plat
 }  // namespace ssb

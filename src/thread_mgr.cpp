@@ -1,0 +1,421 @@
+#include "thread_mgr.h"
+
+#include <algorithm>
+
+#include "thread_event.h"
+#include "tls.h"
+#include "trace.h"
+
+namespace ssb {
+
+namespace {
+
+const char SOURCE_PATH[] = "thread_mgr";
+const unsigned int MAIN_QUEUE_SIZE = 8192;
+const unsigned int TIMER_QUEUE_SIZE = 64;
+const unsigned int STOP_JOIN_MS = 1000;
+const unsigned int INVALID_TLS_KEY = 0xFFFFFFFFu;
+
+std::atomic<thread_mgr_t*> s_thread_mgr_instance(nullptr);
+std::atomic<bool> s_mgr_release(false);
+// The current manager's key; read by every thread without a lock.
+std::atomic<unsigned int> s_tls_key(INVALID_TLS_KEY);
+
+void* ptr(const void* p) { return const_cast<void*>(p); }
+
+// Wrapped threads whose owners never ran their stop: they stay reachable
+// (their thread's slot may still name them) and are never freed.
+std::vector<thread_wrapper_t*>& orphans() {
+    static std::vector<thread_wrapper_t*>* s_orphans = new std::vector<thread_wrapper_t*>;
+    return *s_orphans;
+}
+
+// Whether the calling thread may wait for `thr`'s loop: its own loop, or one
+// that runs on a thread of the library's.
+bool loop_answers(thread_wrapper_t* thr) {
+    return !(thr->get_mode() & THREAD_MODE_WRAP) || thr->get_id() == get_cur_tid();
+}
+
+}  // namespace
+
+thread_mgr_t* thread_mgr_t::peek() { return s_thread_mgr_instance.load(std::memory_order_acquire); }
+
+thread_mgr_t* thread_mgr_t::instance() {
+    thread_mgr_t* mgr = s_thread_mgr_instance.load(std::memory_order_acquire);
+    if (mgr || s_mgr_release.load(std::memory_order_acquire))
+        return mgr;
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    mgr = s_thread_mgr_instance.load(std::memory_order_acquire);
+    if (mgr || s_mgr_release.load(std::memory_order_acquire))
+        return mgr;
+    // Built under the class lock: the threads it starts never take it
+    // while it is being built.
+    mgr = new thread_mgr_t;
+    s_thread_mgr_instance.store(mgr, std::memory_order_release);
+    return mgr;
+}
+
+void thread_mgr_t::destroy() {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::destroy()");
+    thread_mgr_t* mgr = nullptr;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        mgr = s_thread_mgr_instance.exchange(nullptr, std::memory_order_acq_rel);
+        s_mgr_release.store(true, std::memory_order_release);
+    }
+    // Deleted outside the lock: stopping threads detach themselves, which
+    // takes the lock on their own threads.
+    delete mgr;
+}
+
+int thread_mgr_t::reset() {
+    UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset(), s_mgr_release = " << s_mgr_release.load()
+                                                                    << ", s_thread_mgr_instance = " << ptr(peek()));
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    if (!s_mgr_release.load(std::memory_order_acquire)) {
+        UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset() already in creatable status ");
+        return RESULT_ALREADY_EXISTS;
+    }
+    s_mgr_release.store(false, std::memory_order_release);
+    return RESULT_SUCCESS;
+}
+
+thread_mgr_t::thread_mgr_t() {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << ptr(this));
+    unsigned int key = INVALID_TLS_KEY;
+    if (tls_allocate_key(key) != RESULT_SUCCESS)
+        key = INVALID_TLS_KEY;
+    s_tls_key.store(key, std::memory_order_release);
+    if (!spawn(THREAD_MODE_MAIN | THREAD_MODE_WRAP, MAIN_QUEUE_SIZE, THREAD_TYPE_MAIN, true, nullptr, 0xFFFFFFFFu) ||
+        !spawn(THREAD_MODE_TIMER_DRIVER | THREAD_MODE_EVENT, TIMER_QUEUE_SIZE, THREAD_TYPE_TIMER, false,
+               reinterpret_cast<const signed char*>("orca.timer.do"), 0xFFFFFFFFu))
+        UTIL_ASSERT_LINE(SOURCE_PATH, 194, ", this = " << ptr(this));
+}
+
+thread_mgr_t::~thread_mgr_t() {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() begin, this = " << ptr(this));
+    // Latest first: the spawned threads, then the timer driver, then the
+    // main thread, so every stop still finds its peers running.
+    for (;;) {
+        thread_wrapper_t* thr = nullptr;
+        size_t size = 0;
+        {
+            auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+            if (m_threads.empty())
+                break;
+            thr = m_threads.back();
+            thr->increment();
+            size = m_threads.size();
+        }
+        UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() stop thr = " << ptr(thr) << ", thread_queue.size = " << size);
+        stop_and_release(thr, true);
+    }
+    reap(true);
+    const unsigned int key = s_tls_key.exchange(INVALID_TLS_KEY, std::memory_order_acq_rel);
+    if (key != INVALID_TLS_KEY)
+        tls_deallocate_key(key);
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() done, this = " << ptr(this));
+}
+
+// ---- the thread-local slot ---------------------------------------------------------
+
+int thread_mgr_t::register_tls(thread_wrapper_t* thr) {
+    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
+    if (key == INVALID_TLS_KEY) {
+        UTIL_ASSERT_MSG("thread_mgr_t::register_tls tls is invalid", SOURCE_PATH, __LINE__, ", thr = " << ptr(thr));
+        return RESULT_REFUSED;
+    }
+    tls_setspecific_value(key, thr, nullptr);
+    return RESULT_SUCCESS;
+}
+
+int thread_mgr_t::unregister_tls(thread_wrapper_t* thr) {
+    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
+    if (key == INVALID_TLS_KEY) {
+        UTIL_ASSERT_MSG("thread_mgr_t::unregister_tls tls is invalid", SOURCE_PATH, __LINE__, ", thr = " << ptr(thr));
+        return RESULT_REFUSED;
+    }
+    tls_setspecific_value(key, nullptr, nullptr);
+    return RESULT_SUCCESS;
+}
+
+thread_wrapper_t* thread_mgr_t::tls_value() {
+    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
+    void* value = nullptr;
+    if (key == INVALID_TLS_KEY || tls_getspecific_value(key, value) != RESULT_SUCCESS)
+        return nullptr;
+    return static_cast<thread_wrapper_t*>(value);
+}
+
+// ---- spawning ----------------------------------------------------------------------
+
+thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_size, unsigned int type,
+                                      bool interact_timer, const signed char* thr_name, unsigned int bind_mask) {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn, mode = " << mode << ", w_queue_size = " << w_queue_size
+                                                      << ", type = " << type << ", interact_timer = " << interact_timer
+                                                      << ", thr_name = "
+                                                      << (thr_name ? reinterpret_cast<const char*>(thr_name) : "")
+                                                      << ", bind_mask = " << bind_mask << ", this = " << ptr(this));
+    reap(false);
+    if (type == THREAD_TYPE_TIMER) {
+        if (thread_wrapper_t* timer = find_by_type(THREAD_TYPE_TIMER)) {
+            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn timer driver thread already has been available, thr = "
+                                   << ptr(timer));
+            return timer;
+        }
+        mode = (mode & ~THREAD_MODE_WRAP) | THREAD_MODE_EVENT;
+    }
+    thread_wrapper_t* thr = nullptr;
+    if (mode & THREAD_MODE_WRAP) {
+        thread_wrapper_t* existing = current();
+        if (existing && existing->is_running()) {
+            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn already has an instance for the thread, return it directly, "
+                               "thread id = "
+                                   << get_cur_tid());
+            return existing;
+        }
+        thr = new thread_wrapper_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
+        thr->increment();
+        thr->open_notifier(1);
+        thr->init_tls();
+    } else if (!(mode & (THREAD_MODE_IO | THREAD_MODE_EVENT))) {
+        UTIL_ASSERT_MSG("thread_mgr_t::spawn mode should have io or event bit, mode = " << mode, SOURCE_PATH,
+                        __LINE__, ", this = " << ptr(this));
+        return nullptr;
+    } else {
+        thread_loop_base_t* loop = nullptr;
+        if (mode & THREAD_MODE_EVENT)
+            loop = new thread_event_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
+        else
+            loop = new thread_io_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
+        loop->increment();
+        // Before the thread starts, so channels made at once can wake it.
+        loop->open_notifier(1);
+        if (loop->start(nullptr, nullptr, 0, 0) == 0) {
+            UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << ptr(this));
+            loop->decrement();
+            return nullptr;
+        }
+        thr = loop;
+    }
+    enlist(thr);
+    return thr;
+}
+
+thread_base_t* thread_mgr_t::spawn_light(void (*fn)(void*), void* args, unsigned int stack_size,
+                                         unsigned int priority) {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn_light, fn = " << reinterpret_cast<void*>(fn) << ", args = " << args
+                                                          << ", stack size = " << stack_size
+                                                          << ", priority = " << priority);
+    thread_base_t* thr = new thread_base_t;
+    if (!fn || thr->start(fn, args, stack_size, priority) == 0) {
+        UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << ptr(this));
+        delete thr;
+        return nullptr;
+    }
+    return thr;
+}
+
+void thread_mgr_t::enlist(thread_wrapper_t* thr) {
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        m_threads.push_back(thr);
+    }
+    bind_timer(thr);
+}
+
+void thread_mgr_t::bind_timer(thread_wrapper_t* thr) {
+    std::vector<thread_wrapper_t*> peers;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        for (thread_wrapper_t* t : m_threads) {
+            if (t == thr || (thr->get_type() == THREAD_TYPE_TIMER) == (t->get_type() == THREAD_TYPE_TIMER))
+                continue;
+            t->increment();
+            peers.push_back(t);
+        }
+    }
+    if (peers.empty() && thr->get_type() != THREAD_TYPE_TIMER)
+        UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn only has control message queue for this thread, thr = " << ptr(thr));
+    for (thread_wrapper_t* peer : peers) {
+        thread_wrapper_t* timer = thr->get_type() == THREAD_TYPE_TIMER ? thr : peer;
+        thread_wrapper_t* other = timer == thr ? peer : thr;
+        // A wrapped thread of another caller may not be pumping its loop:
+        // it binds itself when it attaches.
+        if (loop_answers(other) && other->is_running())
+            timer->create_channel(other, TIMER_QUEUE_SIZE, TIMER_QUEUE_SIZE);
+        else
+            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn has not support timer, thr = " << ptr(other));
+        peer->decrement();
+    }
+}
+
+int thread_mgr_t::attach(thread_wrapper_t* thr, thread_wrapper_t* owner, unsigned int flags) {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::attach handle = " << ptr(thr) << ", thread_id = " << (thr ? thr->get_id() : 0)
+                                                        << ", owner_thr = " << ptr(owner)
+                                                        << ", owner_id = " << (owner ? owner->get_id() : 0)
+                                                        << ", flags = " << flags);
+    if (!thr)
+        return RESULT_INVALID_ARG;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        if (std::find(m_threads.begin(), m_threads.end(), thr) != m_threads.end()) {
+            UTIL_LOG(LOG_WARNING, "thread_mgr_t::attach handle = " << ptr(thr) << " already in the queue");
+            return RESULT_ALREADY_EXISTS;
+        }
+        thr->increment();
+    }
+    enlist(thr);
+    return RESULT_SUCCESS;
+}
+
+int thread_mgr_t::detach(thread_wrapper_t* thr) {
+    if (!thr)
+        return RESULT_INVALID_ARG;
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    std::list<thread_wrapper_t*>::iterator it = std::find(m_threads.begin(), m_threads.end(), thr);
+    if (it == m_threads.end()) {
+        UTIL_LOG(LOG_WARNING, "thread_mgr_t::detach handle = " << ptr(thr) << " has not been in the queue");
+        UTIL_ASSERT_LINE(SOURCE_PATH, 292, ", thr = " << ptr(thr));
+        return RESULT_NOT_FOUND;
+    }
+    m_threads.erase(it);
+    // Released later from another thread: this may be the thread itself.
+    m_stopped.push_back(thr);
+    return RESULT_SUCCESS;
+}
+
+void thread_mgr_t::reap(bool all) {
+    std::vector<thread_wrapper_t*> done;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        for (size_t i = 0; i < m_stopped.size();) {
+            thread_wrapper_t* thr = m_stopped[i];
+            // An OS thread of ours never releases itself: its destructor
+            // waits for the thread.
+            const bool own = !(thr->get_mode() & THREAD_MODE_WRAP) && thr->get_id() == get_cur_tid();
+            if (!own && (all || thr->has_ended())) {
+                done.push_back(thr);
+                m_stopped.erase(m_stopped.begin() + i);
+            } else {
+                ++i;
+            }
+        }
+        if (all) {
+            for (thread_wrapper_t* thr : m_stopped)
+                orphans().push_back(thr);
+            m_stopped.clear();
+        }
+    }
+    for (thread_wrapper_t* thr : done)
+        thr->decrement();
+}
+
+// ---- finding -------------------------------------------------------------------------
+
+thread_wrapper_t* thread_mgr_t::find_by_type(unsigned int type) {
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    for (thread_wrapper_t* thr : m_threads)
+        if (thr->get_type() == type)
+            return thr;
+    return nullptr;
+}
+
+thread_wrapper_t* thread_mgr_t::find_by_id(unsigned int id) {
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    for (thread_wrapper_t* thr : m_threads)
+        if (thr->get_id() == id)
+            return thr;
+    return nullptr;
+}
+
+thread_wrapper_t* thread_mgr_t::current() {
+    thread_wrapper_t* thr = tls_value();
+    return thr ? thr : find_by_id(get_cur_tid());
+}
+
+unsigned int thread_mgr_t::count() {
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    return static_cast<unsigned int>(m_threads.size());
+}
+
+// ---- stopping ------------------------------------------------------------------------
+
+void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
+    if (!loop_answers(thr)) {
+        // Nobody may wait for another caller's loop: the stop runs at its
+        // next pass.
+        thr->request_stop();
+    } else {
+        thr->stop();
+        if (!(thr->get_mode() & THREAD_MODE_WRAP)) {
+            thread_loop_base_t* loop = static_cast<thread_loop_base_t*>(thr);
+            if (loop->join_np(STOP_JOIN_MS) == RESULT_BUSY)
+                UTIL_LOG(LOG_WARNING, "thread_mgr_t::stop_threads_by_id timeout, thr = " << ptr(thr));
+        }
+    }
+    {
+        // A stop that ran has detached the thread; one that only was
+        // requested leaves it listed until its loop runs it.
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        std::list<thread_wrapper_t*>::iterator it = std::find(m_threads.begin(), m_threads.end(), thr);
+        if (it != m_threads.end()) {
+            if (loop_answers(thr) || thr->is_stopped()) {
+                m_threads.erase(it);
+                m_stopped.push_back(thr);
+            } else if (final) {
+                // The manager goes: the thread's slot may still name it.
+                m_threads.erase(it);
+                orphans().push_back(thr);
+            }
+        }
+    }
+    thr->decrement();
+    reap(false);
+}
+
+int thread_mgr_t::stop_thread_by_id(unsigned int id) {
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_thread_by_id, (uint32_t)id = " << id << ", this = " << ptr(this));
+    thread_wrapper_t* thr = nullptr;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        thr = find_by_id(id);
+        if (!thr)
+            return 0;
+        thr->increment();
+    }
+    stop_and_release(thr, false);
+    return 1;
+}
+
+int thread_mgr_t::stop_threads_by_type(unsigned int type) {
+    std::vector<thread_wrapper_t*> found;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        for (thread_wrapper_t* thr : m_threads) {
+            if (thr->get_type() == type) {
+                thr->increment();
+                found.push_back(thr);
+            }
+        }
+    }
+    for (thread_wrapper_t* thr : found) {
+        UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_threads_by_type stop thr = " << ptr(thr) << ", type = " << type);
+        stop_and_release(thr, false);
+    }
+    return static_cast<int>(found.size());
+}
+
+int thread_mgr_t::adjust_timer_precision(unsigned int ms) {
+    if (ms < MIN_TIMER_PRECISION_MS || ms > MAX_TIMER_PRECISION_MS) {
+        UTIL_ASSERT_MSG("thread_mgr_t::adjust_timer_precision should in scope[ticks_helper::MIN_INTERVAL, 1000ms]",
+                        SOURCE_PATH, __LINE__, ", ms = " << ms);
+        return RESULT_INVALID_ARG;
+    }
+    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+    for (thread_wrapper_t* thr : m_threads)
+        thr->adjust_timer_precision(ms);
+    return RESULT_SUCCESS;
+}
+
+}  // namespace ssb
