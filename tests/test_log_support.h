@@ -2,6 +2,9 @@
 #ifndef UTIL_TEST_LOG_SUPPORT_H
 #define UTIL_TEST_LOG_SUPPORT_H
 
+#include <mutex>
+#include <string>
+
 #include "log.h"
 
 namespace util_test {
@@ -24,6 +27,28 @@ inline void restore_log_routing() {
     ssb::log_control_t::set_default_logger(nullptr);
     ssb::log_control_t::set_default_mask(ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
 }
+
+// Collects lines from any thread; tests look for a text among them.
+class text_capture_t : public ssb::log_it {
+public:
+    int cout(unsigned int, unsigned int, signed char* text, unsigned int length) override {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_text.append(reinterpret_cast<char*>(text), length);
+        return 0;
+    }
+    bool contains(const std::string& what) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_text.find(what) != std::string::npos;
+    }
+    void clear() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_text.clear();
+    }
+
+private:
+    std::mutex m_mutex;
+    std::string m_text;
+};
 
 }  // namespace util_test
 

@@ -1,0 +1,318 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <thread>
+#include <vector>
+
+#include "test_log_support.h"
+#include "test_support.h"
+#include "thread.h"
+#include "thread_mgr.h"
+#include "timer.h"
+#include "util.h"
+
+using namespace ssb;
+
+namespace {
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+const int MESSAGES_EACH_WAY = 100000;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+const int MESSAGES_EACH_WAY = 100000;
+#else
+const int MESSAGES_EACH_WAY = 1000000;
+#endif
+#else
+const int MESSAGES_EACH_WAY = 1000000;
+#endif
+
+std::atomic<int> g_live(0);
+
+// Runs a function on the receiving thread.
+class fn_msg_t : public msg_it {
+public:
+    explicit fn_msg_t(std::function<void()> fn, unsigned int timeout = MSG_TIMEOUT_NEVER)
+        : msg_it(MSG_TYPE_PLAIN, 1, timeout), m_fn(std::move(fn)) {
+        ++g_live;
+    }
+    void on_message() override { m_fn(); }
+
+protected:
+    ~fn_msg_t() override { --g_live; }
+
+private:
+    std::function<void()> m_fn;
+};
+
+// Runs fn on `thr` and waits for it. The test's thread is the main thread,
+// bound to nobody: it goes through the control queue.
+void run_on(thread_wrapper_t* thr, std::function<void()> fn) {
+    ASSERT_EQ(RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
+}
+
+class Threads : public ::testing::Test {
+protected:
+    void SetUp() override {
+        thread_mgr_t::reset();
+        util_init(1, nullptr, nullptr, nullptr, 0, 0);
+        util_test::capture_util_log(&m_log);
+        m_mgr = thread_mgr_t::instance();
+        ASSERT_NE(nullptr, m_mgr);
+        m_main = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+        ASSERT_NE(nullptr, m_main);
+    }
+    void TearDown() override {
+        util_uninit(1);
+        util_test::restore_log_routing();
+        EXPECT_EQ(0, g_live.load());
+    }
+    thread_wrapper_t* spawn_event(unsigned int type = 100) {
+        return m_mgr->spawn(THREAD_MODE_EVENT, 256, type, false, nullptr, 0xFFFFFFFFu);
+    }
+
+    util_test::text_capture_t m_log;
+    thread_mgr_t* m_mgr = nullptr;
+    thread_wrapper_t* m_main = nullptr;
+};
+
+// Sends `total` numbered messages to `to` from its own thread, taking the
+// back-pressure of a full channel through the queue's sink.
+class producer_t : public msg_queue_sink_it {
+public:
+    producer_t(int sender, thread_wrapper_t* to, int total, std::vector<int>* next_seq, unsigned int to_id)
+        : m_sender(sender), m_to(to), m_total(total), m_next_seq(next_seq), m_to_id(to_id) {}
+
+    void produce() {
+        while (m_sent < m_total) {
+            if (!m_held) {
+                const int seq = m_sent, sender = m_sender;
+                std::vector<int>* next = m_next_seq;
+                std::atomic<int>* wrong = &m_wrong;
+                const unsigned int to_id = m_to_id;
+                m_held = new fn_msg_t([=] {
+                    if (get_cur_tid() != to_id || (*next)[sender] != seq)
+                        ++*wrong;
+                    (*next)[sender] = seq + 1;
+                });
+            }
+            if (m_to->post_msg(m_held, this) == RESULT_QUEUE_FULL) {
+                ++m_full;
+                return;  // on_queue_room resumes on this thread
+            }
+            m_held = nullptr;
+            ++m_sent;
+        }
+    }
+    void on_queue_room(int) override { produce(); }
+
+    int m_sender;
+    thread_wrapper_t* m_to;
+    int m_total;
+    int m_sent = 0;
+    int m_full = 0;
+    msg_it* m_held = nullptr;
+    std::vector<int>* m_next_seq;
+    unsigned int m_to_id;
+    std::atomic<int> m_wrong{0};
+};
+
+TEST_F(Threads, TwoThreadsExchangeMessagesInOrderOnTheRightThreadWithBackPressure) {
+    thread_wrapper_t* a = spawn_event();
+    thread_wrapper_t* b = spawn_event();
+    ASSERT_TRUE(a && b);
+    // From a thread that is neither end: both ends are bound by messages.
+    ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, b->create_channel(a, 32, 32));
+    EXPECT_TRUE(m_log.contains("already be existed, skip it"));
+
+    std::vector<int> next_at_a(1, 0), next_at_b(1, 0);
+    producer_t to_b(0, b, MESSAGES_EACH_WAY, &next_at_b, b->get_id());
+    producer_t to_a(0, a, MESSAGES_EACH_WAY, &next_at_a, a->get_id());
+    a->post_ctrl_msg(new fn_msg_t([&] { to_b.produce(); }), nullptr);
+    b->post_ctrl_msg(new fn_msg_t([&] { to_a.produce(); }), nullptr);
+    util_test::wait_until([&] {
+        int done_b = 0, done_a = 0;
+        run_on(b, [&] { done_b = next_at_b[0]; });
+        run_on(a, [&] { done_a = next_at_a[0]; });
+        return done_a == MESSAGES_EACH_WAY && done_b == MESSAGES_EACH_WAY;
+    });
+    EXPECT_EQ(0, to_b.m_wrong.load());
+    EXPECT_EQ(0, to_a.m_wrong.load());
+    // A 32-slot channel cannot take a burst: the writers were held back.
+    EXPECT_GT(to_b.m_full + to_a.m_full, 0);
+}
+
+TEST_F(Threads, AFullChannelCallsTheSinkOnceOnTheWritersThread) {
+    thread_wrapper_t* writer = spawn_event();
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 32, 32));
+    struct sink_t : msg_queue_sink_it {
+        void on_queue_room(int reason) override {
+            EXPECT_EQ(0, reason);
+            tid = get_cur_tid();
+            ++calls;
+        }
+        std::atomic<int> calls{0};
+        std::atomic<unsigned int> tid{0};
+    } sink;
+    int accepted = 0, last = 0;
+    run_on(writer, [&] {
+        for (;;) {
+            fn_msg_t* m = new fn_msg_t([] {});
+            if ((last = m_main->post_msg(m, &sink)) != RESULT_SUCCESS) {
+                m->release();  // a refused message stays the caller's
+                break;
+            }
+            ++accepted;
+        }
+    });
+    EXPECT_EQ(31, accepted);
+    EXPECT_EQ(RESULT_QUEUE_FULL, last);
+    // The main thread drains its channel; the wake-up travels back.
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
+    util_test::wait_until([&] { return sink.calls.load() == 1; });
+    EXPECT_EQ(writer->get_id(), sink.tid.load());
+    run_on(writer, [] {});
+    EXPECT_EQ(1, sink.calls.load());
+}
+
+TEST_F(Threads, APassHandlesALoadOf100AndDropsOvertimeMessages) {
+    thread_wrapper_t* writer = spawn_event();
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 256, 32));
+    std::atomic<int> ran(0);
+    run_on(writer, [&] {
+        for (int i = 0; i < 150; ++i)
+            ASSERT_EQ(RESULT_SUCCESS, m_main->post_msg(new fn_msg_t([&] { ++ran; }), nullptr));
+    });
+    EXPECT_EQ(100u, m_main->process_msg(WAIT_INFINITE_MS));
+    EXPECT_EQ(100, ran.load());
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::process_msg, loads = 100"));
+    EXPECT_EQ(50u, m_main->process_msg(WAIT_INFINITE_MS));
+
+    // Overtime: older than its time-out when its turn comes.
+    run_on(writer, [&] { m_main->post_msg(new fn_msg_t([&] { ++ran; }, 0), nullptr); });
+    const uint32_t posted = ticks_drv_t::now();
+    util_test::wait_until([&] { return ticks_drv_t::now() - posted > 2; });
+    EXPECT_EQ(0u, m_main->process_msg(WAIT_INFINITE_MS));
+    EXPECT_EQ(150, ran.load());
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::process_msg() the msg already overtime, "
+                               "(uint32_t)msg->get_type() = 0"));
+}
+
+TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
+    thread_wrapper_t* a = spawn_event();
+    thread_wrapper_t* b = spawn_event();
+    EXPECT_EQ(RESULT_INVALID_ARG, a->create_channel(nullptr, 32, 32));
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::create_channel bind thread should valid!"));
+    EXPECT_EQ(RESULT_REFUSED, a->create_channel(a, 32, 32));
+    EXPECT_EQ(RESULT_REFUSED, a->bind_queue(b, a->get_rw_msgq(), a->get_rw_msgq()));
+
+    // A managed thread reaches only the threads it is bound to.
+    int rv = -1;
+    run_on(a, [&] {
+        fn_msg_t* m = new fn_msg_t([] {});
+        rv = b->post_msg(m, nullptr);
+        if (rv != RESULT_SUCCESS)
+            m->release();
+    });
+    EXPECT_EQ(RESULT_NOT_FOUND, rv);
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::post_msg_i has been not found"));
+    EXPECT_FALSE(a->is_available(b));
+
+    // send_msg returns after the target ran the message; never to itself.
+    ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
+    EXPECT_TRUE(a->is_available(b));
+    bool ran = false;
+    run_on(a, [&] {
+        rv = b->send_msg(new fn_msg_t([&] { ran = true; }), nullptr, -1);
+        EXPECT_TRUE(ran);
+        fn_msg_t* self_msg = new fn_msg_t([] {});
+        EXPECT_EQ(RESULT_REFUSED, a->send_msg(self_msg, nullptr, -1));
+        self_msg->release();
+    });
+    EXPECT_EQ(RESULT_SUCCESS, rv);
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::send_msg cannot send event to self"));
+
+    // Release unbinds both ends (each keeps its channel to the timer
+    // driver); a second release finds nothing.
+    EXPECT_EQ(2u, a->channel_count());
+    EXPECT_EQ(RESULT_SUCCESS, b->release_channel(a));
+    EXPECT_EQ(1u, a->channel_count());
+    EXPECT_EQ(1u, b->channel_count());
+    EXPECT_EQ(RESULT_NOT_FOUND, b->release_channel(a));
+}
+
+TEST_F(Threads, StopIsSynchronousOnceAndRefusesLaterPosts) {
+    thread_wrapper_t* a = spawn_event();
+    thread_wrapper_t* b = spawn_event();
+    ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
+    a->increment();
+    const unsigned int a_id = a->get_id();
+    EXPECT_EQ(RESULT_SUCCESS, a->stop());
+    // stop_i ran before stop returned: the channel is gone at this end, and
+    // the other end lets go when its loop runs the release.
+    EXPECT_TRUE(a->is_stopped());
+    EXPECT_EQ(0u, a->channel_count());
+    util_test::wait_until([&] { return b->channel_count() == 1; });
+    EXPECT_EQ(nullptr, m_mgr->find_by_id(a_id));
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, a->stop());
+    fn_msg_t* late = new fn_msg_t([] {});
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, a->post_msg(late, nullptr));
+    EXPECT_TRUE(m_log.contains("assert: file[thread], line = [632]"));
+    EXPECT_EQ(RESULT_INVALID_ARG, a->send_ctrl_msg(late, nullptr, -1));
+    EXPECT_TRUE(m_log.contains("assert: file[thread], line = [740]"));
+    late->release();
+    a->decrement();
+
+    // From inside one of its own messages a thread stops at once.
+    std::atomic<bool> stopped_inside(false);
+    b->post_ctrl_msg(new fn_msg_t([&] {
+                         b->stop();
+                         stopped_inside = b->is_stopped();
+                     }),
+                     nullptr);
+    util_test::wait_until([&] { return stopped_inside.load() && m_mgr->find_by_type(100) == nullptr; });
+}
+
+TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
+    thread_wrapper_t* writer = spawn_event();
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 32, 32));
+    std::vector<int> order;
+    int rv = -1;
+    run_on(writer, [&] {
+        for (int i = 0; i < 31; ++i)
+            m_main->post_msg(new fn_msg_t([&order] { order.push_back(0); }), nullptr);
+        thread_wrapper_t* self = thread_wrapper_t::self();
+        EXPECT_EQ(RESULT_SUCCESS, self->pend(new fn_msg_t([&order] { order.push_back(1); }), m_main));
+        EXPECT_TRUE(self->is_pending());
+        // Still no room: a newer post is refused rather than overtaking.
+        fn_msg_t* newer = new fn_msg_t([&order] { order.push_back(2); });
+        rv = m_main->post_msg(newer, nullptr);
+        if (rv != RESULT_SUCCESS)
+            newer->release();
+    });
+    EXPECT_EQ(RESULT_QUEUE_FULL, rv);
+    m_main->process_msg(WAIT_INFINITE_MS);
+    run_on(writer, [&] {
+        EXPECT_EQ(RESULT_SUCCESS, m_main->post_msg(new fn_msg_t([&order] { order.push_back(2); }), nullptr));
+        EXPECT_FALSE(thread_wrapper_t::self()->is_pending());
+    });
+    m_main->process_msg(WAIT_INFINITE_MS);
+    ASSERT_EQ(33u, order.size());
+    EXPECT_EQ(1, order[31]);
+    EXPECT_EQ(2, order[32]);
+}
+
+TEST_F(Threads, TimerPrecisionRange) {
+    EXPECT_EQ(RESULT_INVALID_ARG, m_main->adjust_timer_precision(9));
+    EXPECT_EQ(RESULT_INVALID_ARG, m_main->adjust_timer_precision(1001));
+    EXPECT_TRUE(m_log.contains("assert: msg[thread_wrapper_t::adjust_timer_precision should in scope"
+                               "[ticks_helper::MIN_INTERVAL, 1000ms]] file[thread], line = [1620]"));
+    EXPECT_EQ(RESULT_SUCCESS, m_main->adjust_timer_precision(10));
+    EXPECT_EQ(RESULT_SUCCESS, m_mgr->adjust_timer_precision(1000));
+    EXPECT_EQ(1000u, m_mgr->find_by_type(THREAD_TYPE_TIMER)->get_timer_precision());
+    EXPECT_EQ(0u, m_main->start(nullptr, nullptr, 0, 0));
+}
+
+}  // namespace
