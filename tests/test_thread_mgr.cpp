@@ -1,0 +1,198 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+
+#include "notifier.h"
+#include "test_log_support.h"
+#include "test_support.h"
+#include "thread_event.h"
+#include "thread_mgr.h"
+#include "timer.h"
+#include "util.h"
+
+using namespace ssb;
+
+namespace {
+
+class fn_msg_t : public msg_it {
+public:
+    explicit fn_msg_t(std::function<void()> fn) : m_fn(std::move(fn)) {}
+    void on_message() override { m_fn(); }
+
+private:
+    std::function<void()> m_fn;
+};
+
+void run_on(thread_wrapper_t* thr, std::function<void()> fn) {
+    ASSERT_EQ(RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
+}
+
+class ThreadMgr : public ::testing::Test {
+protected:
+    void SetUp() override {
+        thread_mgr_t::reset();
+        util_init(1, nullptr, nullptr, nullptr, 0, 0);
+        util_test::capture_util_log(&m_log);
+        m_mgr = thread_mgr_t::instance();
+        ASSERT_NE(nullptr, m_mgr);
+    }
+    void TearDown() override {
+        util_uninit(1);
+        util_test::restore_log_routing();
+    }
+
+    util_test::text_capture_t m_log;
+    thread_mgr_t* m_mgr = nullptr;
+};
+
+TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
+    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+    ASSERT_NE(nullptr, main_thr);
+    EXPECT_EQ(get_cur_tid(), main_thr->get_id());
+    EXPECT_EQ(main_thr, thread_wrapper_t::self());
+    EXPECT_EQ(main_thr, m_mgr->find_by_id(get_cur_tid()));
+    thread_wrapper_t* timer = m_mgr->find_by_type(THREAD_TYPE_TIMER);
+    ASSERT_NE(nullptr, timer);
+    EXPECT_EQ("orca.timer.do", timer->name());
+    EXPECT_NE(timer->get_id(), main_thr->get_id());
+    // The driver keeps the cached clocks while it runs.
+    EXPECT_TRUE(ticks_drv_t::s_start.load());
+    EXPECT_TRUE(times_drv_t::s_start.load());
+    // Every thread is bound to the timer driver.
+    EXPECT_TRUE(main_thr->is_available(timer));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, thread_mgr_t::reset());
+
+    // Spawning rules: one timer driver, one wrapper per thread, a mode.
+    EXPECT_EQ(timer, m_mgr->spawn(THREAD_MODE_EVENT, 64, THREAD_TYPE_TIMER, false, nullptr, 0));
+    EXPECT_EQ(main_thr, m_mgr->spawn(THREAD_MODE_WRAP, 64, 7, false, nullptr, 0));
+    EXPECT_EQ(nullptr, m_mgr->spawn(0, 64, 7, false, nullptr, 0));
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, m_mgr->attach(main_thr, nullptr, 0));
+
+    const unsigned int before = m_mgr->count();
+    main_thr->increment();
+    thread_mgr_t::destroy();
+    EXPECT_EQ(nullptr, thread_mgr_t::instance());
+    EXPECT_FALSE(ticks_drv_t::s_start.load());
+    EXPECT_TRUE(main_thr->is_stopped());
+    main_thr->decrement();
+    EXPECT_EQ(nullptr, thread_wrapper_t::self());
+
+    EXPECT_EQ(RESULT_SUCCESS, thread_mgr_t::reset());
+    thread_mgr_t* fresh = thread_mgr_t::instance();
+    ASSERT_NE(nullptr, fresh);
+    EXPECT_EQ(before, fresh->count());
+    thread_wrapper_t* new_main = fresh->find_by_type(THREAD_TYPE_MAIN);
+    ASSERT_NE(nullptr, new_main);
+    EXPECT_TRUE(new_main->is_running());
+    EXPECT_EQ(new_main, thread_wrapper_t::self());
+    ASSERT_NE(nullptr, fresh->find_by_type(THREAD_TYPE_TIMER));
+    EXPECT_TRUE(fresh->find_by_type(THREAD_TYPE_TIMER)->is_running());
+    m_mgr = fresh;
+}
+
+TEST_F(ThreadMgr, MainHeartbeatRunsTheMainQueueOnTheMainThreadOnly) {
+    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+    std::atomic<int> ran(0);
+    int from_worker = -1;
+    // A thread the manager does not know posts to the control queue.
+    std::thread worker([&] {
+        for (int i = 0; i < 3; ++i)
+            main_thr->post_msg(new fn_msg_t([&] { ++ran; }), nullptr);
+        from_worker = main_heartbeat();
+    });
+    worker.join();
+    EXPECT_EQ(RESULT_REFUSED, from_worker);
+    EXPECT_EQ(0, ran.load());
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
+    EXPECT_EQ(3, ran.load());
+    // Cached now: a worker is refused with the message form.
+    std::thread([&] { from_worker = main_heartbeat(); }).join();
+    EXPECT_EQ(RESULT_REFUSED, from_worker);
+    EXPECT_TRUE(m_log.contains("assert: msg[main_heartbeat should in main thread, main_thr->get_id() = "));
+    EXPECT_TRUE(m_log.contains("file[util], line = [224]"));
+}
+
+TEST(MainHeartbeat, BeforeInitOrWithoutAManagerReturns9) {
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, main_heartbeat());
+    thread_mgr_t::reset();
+    util_init(1, nullptr, nullptr, nullptr, 0, 0);
+    thread_mgr_t::destroy();
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, main_heartbeat());
+    util_uninit(1);
+}
+
+// Records the thread a readable socket was reported on, and consumes it.
+class reader_t : public io_handler_it {
+public:
+    explicit reader_t(notifier_sock_t* sock) : m_sock(sock) {}
+    void on_ready(io_handle_t, uint32_t events) override {
+        if (events & IO_READ)
+            m_sock->wait(0, false);
+        m_tid = get_cur_tid();
+        ++m_calls;
+    }
+    notifier_sock_t* m_sock;
+    std::atomic<unsigned int> m_tid{0};
+    std::atomic<int> m_calls{0};
+};
+
+TEST_F(ThreadMgr, AnIoThreadCallsItsSocketHandlerOnItsOwnThread) {
+    thread_wrapper_t* thr = m_mgr->spawn(THREAD_MODE_IO, 64, 50, false, nullptr, 0);
+    ASSERT_NE(nullptr, thr);
+    thread_io_t* io = dynamic_cast<thread_io_t*>(thr);
+    ASSERT_NE(nullptr, io);
+    notifier_sock_t sock;
+    ASSERT_TRUE(sock.is_active());
+    reader_t reader(&sock);
+    int rv = -1;
+    run_on(io, [&] { rv = io->repo()->add_fd(sock.get_id(), IO_READ, &reader); });
+    ASSERT_EQ(RESULT_SUCCESS, rv);
+    sock.signal();
+    util_test::wait_until([&] { return reader.m_calls.load() >= 1; });
+    EXPECT_EQ(io->get_id(), reader.m_tid.load());
+    // Messages still flow between the waits.
+    run_on(io, [&] { rv = io->repo()->remove_fd(sock.get_id()); });
+    EXPECT_EQ(RESULT_SUCCESS, rv);
+
+    const unsigned int id = io->get_id();
+    EXPECT_EQ(1, m_mgr->stop_threads_by_type(50));
+    EXPECT_EQ(nullptr, m_mgr->find_by_type(50));
+    EXPECT_EQ(0, m_mgr->stop_thread_by_id(id));
+}
+
+TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
+    thread_wrapper_t* thr = m_mgr->spawn(THREAD_MODE_EVENT, 64, 51, false, nullptr, 0);
+    ASSERT_NE(nullptr, thr);
+    thr->increment();
+    EXPECT_EQ(RESULT_SUCCESS, thr->stop());
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, thr->stop());
+    EXPECT_TRUE(m_log.contains("assert: file[thread_event], line = [132]"));
+    thr->decrement();
+
+    // An I/O thread without mode bit 1 ends at once, refusing later stops.
+    thread_io_t* io = new thread_io_t(0x10, 52, 64, nullptr, 1, false, nullptr);
+    io->increment();
+    io->open_notifier(1);
+    ASSERT_NE(0u, io->start(nullptr, nullptr, 0, 0));
+    util_test::wait_until([&] { return io->has_ended(); });
+    EXPECT_TRUE(m_log.contains("has been not supported"));
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, io->stop());
+    io->decrement();
+}
+
+TEST_F(ThreadMgr, LightThreadsAreNotRegistered) {
+    std::atomic<int> ran(0);
+    const unsigned int before = m_mgr->count();
+    thread_base_t* light = m_mgr->spawn_light([](void* p) { ++*static_cast<std::atomic<int>*>(p); }, &ran, 0, 0);
+    ASSERT_NE(nullptr, light);
+    EXPECT_EQ(before, m_mgr->count());
+    EXPECT_EQ(RESULT_SUCCESS, light->stop());
+    EXPECT_EQ(1, ran.load());
+    delete light;
+    EXPECT_EQ(nullptr, m_mgr->spawn_light(nullptr, nullptr, 0, 0));
+}
+
+}  // namespace
