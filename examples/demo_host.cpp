@@ -1,19 +1,21 @@
 // A host program using util the way a client does: two modules initialise
 // the library, the host registers its own log module and writes through it,
-// reads back the memory log, and the last module stops everything.
+// reads back the memory log, runs two message-loop threads joined by a
+// channel while driving its main thread with main_heartbeat, and the last
+// module stops everything.
 //
 // Usage: demo_host [log folder]   (default: the per-user application-data
 // folder, OrcaDecks/logs)
 #include <stdio.h>
 #include <string.h>
 
-#include <atomic>
+#include <chrono>
+#include <functional>
 #include <thread>
 
 #include "log.h"
 #include "memlog.h"
-#include "msg_queue.h"
-#include "notifier.h"
+#include "thread_mgr.h"
 #include "util.h"
 
 namespace {
@@ -32,50 +34,102 @@ int SSB_STDCALL print_memory_log(void* context, signed char* text, unsigned int 
     return 0;
 }
 
-// A media-stats sample handed from the capture thread to a worker.
+// Runs a function on the thread that receives it.
+class call_msg_t : public ssb::msg_it {
+public:
+    explicit call_msg_t(std::function<void()> fn) : m_fn(std::move(fn)) {}
+    void on_message() override { m_fn(); }
+
+private:
+    std::function<void()> m_fn;
+};
+
+// A media-stats sample handed from the capture thread to the encoder; the
+// last one tells the main thread.
 class stats_msg_t : public ssb::msg_it {
 public:
-    stats_msg_t(unsigned int seq, std::atomic<unsigned long long>* sum) : m_seq(seq), m_sum(sum) {}
-    void on_message() override { m_sum->fetch_add(m_seq, std::memory_order_relaxed); }
+    stats_msg_t(unsigned int seq, unsigned long long* sum, std::function<void()>* on_last)
+        : m_seq(seq), m_sum(sum), m_on_last(on_last) {}
+    void on_message() override {
+        *m_sum += m_seq;
+        if (m_on_last)
+            (*m_on_last)();
+    }
 
 private:
     unsigned int m_seq;
-    std::atomic<unsigned long long>* m_sum;
+    unsigned long long* m_sum;  // touched on the encoder's thread only
+    std::function<void()>* m_on_last;
 };
 
-// Posts `count` messages to a worker thread through a bounded queue; a full
-// queue is retried, never blocked on. Returns true when every message ran.
-bool run_queue_demo(unsigned int count) {
-    ssb::notifier_event_t wake;
-    ssb::msg_queue_t* queue = new ssb::msg_queue_t(&wake, nullptr, 256, ssb::MSG_QUEUE_SIGNAL_WHEN_EMPTY);
-    queue->increment();
-    std::atomic<unsigned long long> sum(0);
-    unsigned int full = 0;
-    std::thread worker([&] {
-        for (unsigned int done = 0; done < count;) {
-            ssb::msg_it* msg = nullptr;
-            if (queue->pop_msg(msg) != ssb::RESULT_SUCCESS) {
-                wake.wait(-1, false);  // the writer wakes it when it posts into an empty queue
-                continue;
+// Lives on the capture thread: posts `count` samples to the encoder over
+// their channel. A full channel is not waited on: the queue calls back here,
+// on the capture thread, once the encoder has made room.
+class capture_t : public ssb::msg_queue_sink_it {
+public:
+    capture_t(ssb::thread_wrapper_t* encoder, unsigned int count, unsigned long long* sum,
+              std::function<void()>* on_last)
+        : m_encoder(encoder), m_count(count), m_sum(sum), m_on_last(on_last) {}
+
+    void produce() {
+        while (m_next <= m_count) {
+            if (!m_held)
+                m_held = new stats_msg_t(m_next, m_sum, m_next == m_count ? m_on_last : nullptr);
+            if (m_encoder->post_msg(m_held, this) == ssb::RESULT_QUEUE_FULL) {
+                ++m_full;
+                return;
             }
-            msg->on_message();
-            msg->release();
-            ++done;
-        }
-    });
-    for (unsigned int i = 1; i <= count; ++i) {
-        stats_msg_t* msg = new stats_msg_t(i, &sum);
-        while (queue->post_msg(msg, nullptr) == ssb::RESULT_QUEUE_FULL) {
-            ++full;  // the message is still ours: try again
-            std::this_thread::yield();
+            m_held = nullptr;
+            ++m_next;
         }
     }
-    worker.join();
-    queue->decrement();
+    void on_queue_room(int) override { produce(); }
+    unsigned int full() const { return m_full; }
+
+private:
+    ssb::thread_wrapper_t* m_encoder;
+    unsigned int m_count;
+    unsigned long long* m_sum;
+    std::function<void()>* m_on_last;
+    unsigned int m_next = 1;
+    unsigned int m_full = 0;
+    ssb::msg_it* m_held = nullptr;
+};
+
+// Two message-loop threads joined by a 256-slot channel; the main thread is
+// driven by main_heartbeat, as a host's window loop would. Returns true when
+// every sample ran once.
+bool run_thread_demo(unsigned int count) {
+    ssb::thread_mgr_t* mgr = ssb::thread_mgr_t::instance();
+    if (!mgr)
+        return false;
+    ssb::thread_wrapper_t* main_thr = mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
+    ssb::thread_wrapper_t* capture_thr =
+        mgr->spawn(ssb::THREAD_MODE_EVENT, 256, 100, false, reinterpret_cast<const signed char*>("capture"), 0);
+    ssb::thread_wrapper_t* encoder_thr =
+        mgr->spawn(ssb::THREAD_MODE_EVENT, 256, 101, false, reinterpret_cast<const signed char*>("encoder"), 0);
+    if (!main_thr || !capture_thr || !encoder_thr)
+        return false;
+    capture_thr->create_channel(encoder_thr, 256, 256);
+    encoder_thr->create_channel(main_thr, 32, 32);
+
+    unsigned long long sum = 0;
+    bool done = false;  // set on the main thread, by the encoder's message
+    // On the encoder, after the last sample: over its channel to main.
+    std::function<void()> on_last = [&] { main_thr->post_msg(new call_msg_t([&] { done = true; }), nullptr); };
+    capture_t capture(encoder_thr, count, &sum, &on_last);
+    capture_thr->post_ctrl_msg(new call_msg_t([&] { capture.produce(); }), nullptr);
+    unsigned int beats = 0;
+    while (!done) {
+        main_heartbeat();
+        ++beats;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
     const unsigned long long expected = 1ULL * count * (count + 1) / 2;
-    printf("queue: %u messages to a worker thread through a 255-slot queue, %u full answers, sum %llu (%s)\n",
-           count, full, sum.load(), sum.load() == expected ? "all ran once" : "MISMATCH");
-    return sum.load() == expected;
+    printf("threads: %u samples from \"capture\" to \"encoder\" over a 255-slot channel, %u full answers, "
+           "sum %llu (%s), main thread woke %u times\n",
+           count, capture.full(), sum, sum == expected ? "all ran once" : "MISMATCH", beats);
+    return sum == expected;
 }
 
 }  // namespace
@@ -111,7 +165,7 @@ int main(int argc, char** argv) {
     if (memory)
         memory->dump(&lines, print_memory_log);
 
-    const bool queue_ok = run_queue_demo(100000);
+    const bool queue_ok = run_thread_demo(100000);
 
     util_uninit(200);
     printf("module 200 released the library; services still running\n");

@@ -32,6 +32,9 @@ public:
     static thread_mgr_t* instance();
     // The existing manager or null; never creates.
     static thread_mgr_t* peek();
+    // The manager that holds the threads now: the instance, or the one
+    // being destroyed (whose threads detach while it stops them).
+    static thread_mgr_t* holder();
     static void destroy();
     // 0 when the manager was released (the next instance() makes a new
     // one); 10 when it was not.

@@ -367,7 +367,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
         cleanup_tls();
     // The manager that made this thread may be gone (a wrapped thread that
     // ran a requested stop late): ask for the current one.
-    thread_mgr_t* mgr = thread_mgr_t::peek();
+    thread_mgr_t* mgr = thread_mgr_t::holder();
     if (!mgr)
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i could not get thread manager instance, this = " << ptr(this));
     else

@@ -18,6 +18,9 @@ const unsigned int INVALID_TLS_KEY = 0xFFFFFFFFu;
 
 std::atomic<thread_mgr_t*> s_thread_mgr_instance(nullptr);
 std::atomic<bool> s_mgr_release(false);
+// The manager being destroyed: its threads still detach from it while it
+// stops them, though instance() no longer hands it out.
+std::atomic<thread_mgr_t*> s_closing(nullptr);
 // The current manager's key; read by every thread without a lock.
 std::atomic<unsigned int> s_tls_key(INVALID_TLS_KEY);
 
@@ -39,6 +42,11 @@ bool loop_answers(thread_wrapper_t* thr) {
 }  // namespace
 
 thread_mgr_t* thread_mgr_t::peek() { return s_thread_mgr_instance.load(std::memory_order_acquire); }
+
+thread_mgr_t* thread_mgr_t::holder() {
+    thread_mgr_t* mgr = peek();
+    return mgr ? mgr : s_closing.load(std::memory_order_acquire);
+}
 
 thread_mgr_t* thread_mgr_t::instance() {
     thread_mgr_t* mgr = s_thread_mgr_instance.load(std::memory_order_acquire);
@@ -62,10 +70,12 @@ void thread_mgr_t::destroy() {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
         mgr = s_thread_mgr_instance.exchange(nullptr, std::memory_order_acq_rel);
         s_mgr_release.store(true, std::memory_order_release);
+        s_closing.store(mgr, std::memory_order_release);
     }
     // Deleted outside the lock: stopping threads detach themselves, which
     // takes the lock on their own threads.
     delete mgr;
+    s_closing.store(nullptr, std::memory_order_release);
 }
 
 int thread_mgr_t::reset() {

@@ -1,0 +1,976 @@
+// Message-loop threads: two event threads bound by a channel against the
+// threads a user would write instead, a boost::asio::io_context run by one
+// thread each, and a std::mutex + std::condition_variable mailbox whose
+// worker drains everything queued per wake-up.
+//
+// loop_to_loop_throughput: a batch of small heap-allocated messages from one
+// thread to another, time per message. Ours posts from a message running on
+// thread A and, on a full channel, keeps the message and resumes from the
+// sink call-back; the peers' queues are unbounded, so they run once per
+// channel capacity only to give each capacity its own group.
+// ping_pong: one message in flight between two sleeping threads, time per
+// round trip. send_round_trip: send_msg from A to B against a condvar
+// request/response pair, time per call.
+//
+// Every side allocates one small object per message (our message, asio's
+// handler operation, the mailbox's task) and counts it on the receiving
+// thread. Times are manual: measured on the threads themselves from the
+// first post of a batch to the last receipt, so the benchmark thread's own
+// wake-ups are not counted.
+//
+// Before the benchmarks the process CPU time is measured with nothing to do
+// (asio with 8 threads in run(), util_init alone, util_init with 8 event
+// threads) for UTIL_BENCH_IDLE_SECONDS (or --idle_seconds=N; default 10,
+// 0 skips). The library's log goes to a temporary folder, at WARNING and
+// above unless UTIL_BENCH_LOG_LEVEL says otherwise; UTIL_BENCH_KEEP_LOGS=1
+// keeps the folder.
+//
+// util-bench-peers: boost
+#include <dirent.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <boost/asio/executor_work_guard.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/post.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "bench_support.h"
+#include "log.h"
+#include "msg.h"
+#include "msg_queue.h"
+#include "thread.h"
+#include "thread_mgr.h"
+#include "util.h"
+
+namespace {
+
+using bench_clock = std::chrono::steady_clock;
+
+const int THROUGHPUT_BATCH = 20000;
+const int ROUND_TRIP_BATCH = 200;
+const unsigned int BENCH_THREAD_TYPE = 100;
+const unsigned int IDLE_THREAD_TYPE = 101;
+const unsigned int CTRL_QUEUE_SIZE = 1024;
+const unsigned int PING_CAPACITY = 1024;
+const int IDLE_THREADS = 8;
+// A batch takes milliseconds; this long means the loop is stuck.
+const std::chrono::seconds WATCHDOG(30);
+const size_t MAX_SAMPLES = 1 << 16;
+
+double seconds_between(bench_clock::time_point from, bench_clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
+
+double us_between(bench_clock::time_point from, bench_clock::time_point to) {
+    return std::chrono::duration<double, std::micro>(to - from).count();
+}
+
+void add_percentiles(benchmark::State& state, std::vector<double>& samples) {
+    if (samples.empty())
+        return;
+    std::sort(samples.begin(), samples.end());
+    state.counters["p50_us"] = samples[samples.size() / 2];
+    state.counters["p99_us"] = samples[samples.size() * 99 / 100];
+}
+
+// The benchmark thread waits here for the end of a batch.
+class latch_t {
+public:
+    void arm() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_open = false;
+    }
+    void open() {
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_open = true;
+        }
+        m_cv.notify_one();
+    }
+    bool wait() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, WATCHDOG, [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_open = false;
+};
+
+// The receiving side of a throughput batch; touched by the receiving thread
+// only while a batch runs.
+struct counter_t {
+    explicit counter_t(latch_t* done) : m_done(done) {}
+    void arm(uint64_t target) {
+        m_count = 0;
+        m_target = target;
+    }
+    void hit() {
+        if (++m_count == m_target) {
+            m_end = bench_clock::now();
+            m_done->open();
+        }
+    }
+    latch_t* m_done;
+    uint64_t m_count = 0;
+    uint64_t m_target = 0;
+    bench_clock::time_point m_end;
+};
+
+// The initiator's side of a round-trip batch: one sample per round, taken
+// on the initiating thread.
+struct rounds_t {
+    explicit rounds_t(latch_t* done) : m_done(done) { m_samples.reserve(MAX_SAMPLES); }
+    void arm(int rounds) { m_left = rounds; }
+    void begin() {
+        m_start = bench_clock::now();
+        m_t0 = m_start;
+    }
+    // A round ended; true when another one is due.
+    bool lap() {
+        bench_clock::time_point now = bench_clock::now();
+        if (m_samples.size() < MAX_SAMPLES)
+            m_samples.push_back(us_between(m_t0, now));
+        m_t0 = now;
+        if (--m_left > 0)
+            return true;
+        m_end = now;
+        m_done->open();
+        return false;
+    }
+    void fail(int rv) {
+        m_error = rv;
+        m_done->open();
+    }
+    latch_t* m_done;
+    int m_left = 0;
+    int m_error = 0;
+    bench_clock::time_point m_start;
+    bench_clock::time_point m_t0;
+    bench_clock::time_point m_end;
+    std::vector<double> m_samples;
+};
+
+// ---- ours ---------------------------------------------------------------------------
+
+template <class F>
+class fn_msg_t : public ssb::msg_it {
+public:
+    explicit fn_msg_t(F f) : m_f(std::move(f)) {}
+    void on_message() override { m_f(); }
+
+private:
+    F m_f;
+};
+
+template <class F>
+ssb::msg_it* make_msg(F f) {
+    return new fn_msg_t<F>(std::move(f));
+}
+
+class count_msg_t : public ssb::msg_it {
+public:
+    explicit count_msg_t(counter_t* counter) : m_counter(counter) {}
+    void on_message() override { m_counter->hit(); }
+
+private:
+    counter_t* m_counter;
+};
+
+// Two event threads bound by a channel; stopped (and left to the manager
+// to release) by stop() or the destructor.
+class loop_pair_t {
+public:
+    explicit loop_pair_t(unsigned int capacity) {
+        m_mgr = ssb::thread_mgr_t::peek();
+        if (!m_mgr) {
+            m_error = "no thread manager: util_init has not run";
+            return;
+        }
+        m_a = m_mgr->spawn(ssb::THREAD_MODE_EVENT, CTRL_QUEUE_SIZE, BENCH_THREAD_TYPE, false, nullptr, 0xFFFFFFFFu);
+        m_b = m_mgr->spawn(ssb::THREAD_MODE_EVENT, CTRL_QUEUE_SIZE, BENCH_THREAD_TYPE, false, nullptr, 0xFFFFFFFFu);
+        if (!m_a || !m_b) {
+            m_error = "thread_mgr_t::spawn returned null";
+            return;
+        }
+        int rv = m_a->create_channel(m_b, capacity, capacity);
+        if (rv != ssb::RESULT_SUCCESS)
+            m_error = "create_channel returned " + std::to_string(rv);
+    }
+    ~loop_pair_t() { stop(); }
+
+    void stop() {
+        stop_one(m_a);
+        stop_one(m_b);
+    }
+    bool ok() const { return m_error.empty(); }
+    const std::string& error() const { return m_error; }
+    ssb::thread_wrapper_t* a() const { return m_a; }
+    ssb::thread_wrapper_t* b() const { return m_b; }
+
+private:
+    void stop_one(ssb::thread_wrapper_t*& thr) {
+        if (!thr)
+            return;
+        unsigned int id = thr->get_id();
+        thr = nullptr;
+        if (m_mgr->stop_thread_by_id(id) != 1)
+            std::fprintf(stderr, "bench_thread: stop_thread_by_id(%u) did not find the thread\n", id);
+    }
+
+    ssb::thread_mgr_t* m_mgr = nullptr;
+    ssb::thread_wrapper_t* m_a = nullptr;
+    ssb::thread_wrapper_t* m_b = nullptr;
+    std::string m_error;
+};
+
+// Runs on A: posts to B until the channel is full, then resumes from the
+// sink call-back, which comes on A once B has made room.
+class producer_t : public ssb::msg_queue_sink_it {
+public:
+    producer_t(ssb::thread_wrapper_t* target, counter_t* counter) : m_target(target), m_counter(counter) {}
+    ~producer_t() override {
+        if (m_held)
+            m_held->release();
+    }
+
+    void arm(int n) { m_left = n; }
+    void begin() {
+        m_start = bench_clock::now();
+        pump();
+    }
+    void on_queue_room(int) override {
+        ++m_resumes;
+        pump();
+    }
+
+    int m_left = 0;
+    int m_error = 0;
+    uint64_t m_fulls = 0;
+    uint64_t m_resumes = 0;
+    ssb::msg_it* m_held = nullptr;
+    bench_clock::time_point m_start;
+
+private:
+    void pump() {
+        while (m_left > 0) {
+            ssb::msg_it* msg = m_held ? m_held : new count_msg_t(m_counter);
+            m_held = nullptr;
+            int rv = m_target->post_msg(msg, this);
+            if (rv == ssb::RESULT_QUEUE_FULL) {
+                m_held = msg;
+                ++m_fulls;
+                return;
+            }
+            if (rv != ssb::RESULT_SUCCESS) {
+                msg->release();
+                m_error = rv;
+                m_counter->m_done->open();
+                return;
+            }
+            --m_left;
+        }
+    }
+
+    ssb::thread_wrapper_t* m_target;
+    counter_t* m_counter;
+};
+
+void throughput_ours(benchmark::State& state) {
+    loop_pair_t pair(static_cast<unsigned int>(state.range(0)));
+    if (!pair.ok()) {
+        state.SkipWithError(pair.error().c_str());
+        return;
+    }
+    latch_t done;
+    counter_t counter(&done);
+    producer_t producer(pair.b(), &counter);
+    int64_t batches = 0;
+    std::string failure;
+    while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
+        done.arm();
+        counter.arm(THROUGHPUT_BATCH);
+        producer.arm(THROUGHPUT_BATCH);
+        ssb::msg_it* kick = make_msg([&producer] { producer.begin(); });
+        int rv = pair.a()->post_ctrl_msg(kick, nullptr);
+        if (rv != ssb::RESULT_SUCCESS) {
+            kick->release();
+            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
+            break;
+        }
+        bool finished = done.wait();
+        if (!finished || producer.m_error) {
+            // Stopped first: afterwards nothing touches the batch's state.
+            pair.stop();
+            char buf[256];
+            std::snprintf(buf, sizeof buf,
+                          "%s: post_msg error %d; B ran %llu of %d, A left %d to post, held %d, "
+                          "queue full %llu times, sink called %llu times",
+                          finished ? "failed" : "no progress for 30 s", producer.m_error,
+                          static_cast<unsigned long long>(counter.m_count), THROUGHPUT_BATCH, producer.m_left,
+                          producer.m_held ? 1 : 0, static_cast<unsigned long long>(producer.m_fulls),
+                          static_cast<unsigned long long>(producer.m_resumes));
+            failure = buf;
+            break;
+        }
+        state.SetIterationTime(seconds_between(producer.m_start, counter.m_end));
+        ++batches;
+    }
+    pair.stop();
+    if (!failure.empty()) {
+        std::fprintf(stderr, "bench_thread: loop_to_loop_throughput/ours/%lld: %s\n",
+                     static_cast<long long>(state.range(0)), failure.c_str());
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    state.SetItemsProcessed(state.iterations());
+    if (batches > 0) {
+        state.counters["full_per_batch"] = static_cast<double>(producer.m_fulls) / static_cast<double>(batches);
+        state.counters["sink_per_batch"] = static_cast<double>(producer.m_resumes) / static_cast<double>(batches);
+    }
+}
+
+class ping_msg_t;
+
+class pong_msg_t : public ssb::msg_it {
+public:
+    pong_msg_t(rounds_t* rounds, ssb::thread_wrapper_t* b) : m_rounds(rounds), m_b(b) {}
+    void on_message() override;
+
+private:
+    rounds_t* m_rounds;
+    ssb::thread_wrapper_t* m_b;
+};
+
+class ping_msg_t : public ssb::msg_it {
+public:
+    ping_msg_t(rounds_t* rounds, ssb::thread_wrapper_t* a, ssb::thread_wrapper_t* b)
+        : m_rounds(rounds), m_a(a), m_b(b) {}
+    // On B.
+    void on_message() override {
+        ssb::msg_it* pong = new pong_msg_t(m_rounds, m_b);
+        int rv = m_a->post_msg(pong, nullptr);
+        if (rv != ssb::RESULT_SUCCESS) {
+            pong->release();
+            m_rounds->fail(rv);
+        }
+    }
+
+private:
+    rounds_t* m_rounds;
+    ssb::thread_wrapper_t* m_a;
+    ssb::thread_wrapper_t* m_b;
+};
+
+// On A (the current thread, so self() names it).
+void send_ping(rounds_t* rounds, ssb::thread_wrapper_t* b) {
+    ssb::msg_it* ping = new ping_msg_t(rounds, ssb::thread_wrapper_t::self(), b);
+    int rv = b->post_msg(ping, nullptr);
+    if (rv != ssb::RESULT_SUCCESS) {
+        ping->release();
+        rounds->fail(rv);
+    }
+}
+
+void pong_msg_t::on_message() {
+    if (m_rounds->lap())
+        send_ping(m_rounds, m_b);
+}
+
+void ping_pong_ours(benchmark::State& state) {
+    loop_pair_t pair(PING_CAPACITY);
+    if (!pair.ok()) {
+        state.SkipWithError(pair.error().c_str());
+        return;
+    }
+    latch_t done;
+    rounds_t rounds(&done);
+    ssb::thread_wrapper_t* b = pair.b();
+    std::string failure;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        ssb::msg_it* kick = make_msg([&rounds, b] {
+            rounds.begin();
+            send_ping(&rounds, b);
+        });
+        int rv = pair.a()->post_ctrl_msg(kick, nullptr);
+        if (rv != ssb::RESULT_SUCCESS) {
+            kick->release();
+            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
+            break;
+        }
+        bool finished = done.wait();
+        if (!finished || rounds.m_error) {
+            pair.stop();
+            failure = (finished ? "post_msg returned " + std::to_string(rounds.m_error)
+                                : std::string("no progress for 30 s")) +
+                      ", rounds left " + std::to_string(rounds.m_left);
+            break;
+        }
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    pair.stop();
+    if (!failure.empty()) {
+        std::fprintf(stderr, "bench_thread: ping_pong/ours: %s\n", failure.c_str());
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    add_percentiles(state, rounds.m_samples);
+}
+
+class noop_msg_t : public ssb::msg_it {
+public:
+    explicit noop_msg_t(uint64_t* count) : m_count(count) {}
+    void on_message() override { ++*m_count; }
+
+private:
+    uint64_t* m_count;
+};
+
+void send_round_trip_ours(benchmark::State& state) {
+    loop_pair_t pair(PING_CAPACITY);
+    if (!pair.ok()) {
+        state.SkipWithError(pair.error().c_str());
+        return;
+    }
+    latch_t done;
+    rounds_t rounds(&done);
+    // Counted on B; read here only after the threads stopped.
+    uint64_t ran = 0;
+    uint64_t sent = 0;
+    ssb::thread_wrapper_t* b = pair.b();
+    std::string failure;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        ssb::msg_it* kick = make_msg([&rounds, &ran, b] {
+            rounds.begin();
+            for (;;) {
+                ssb::msg_it* msg = new noop_msg_t(&ran);
+                int rv = b->send_msg(msg, nullptr, -1);
+                if (rv != ssb::RESULT_SUCCESS) {
+                    // On failure the message stays the sender's.
+                    msg->release();
+                    rounds.fail(rv);
+                    return;
+                }
+                if (!rounds.lap())
+                    return;
+            }
+        });
+        int rv = pair.a()->post_ctrl_msg(kick, nullptr);
+        if (rv != ssb::RESULT_SUCCESS) {
+            kick->release();
+            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
+            break;
+        }
+        bool finished = done.wait();
+        if (!finished || rounds.m_error) {
+            pair.stop();
+            failure = (finished ? "send_msg returned " + std::to_string(rounds.m_error)
+                                : std::string("no progress for 30 s")) +
+                      ", calls left " + std::to_string(rounds.m_left);
+            break;
+        }
+        sent += ROUND_TRIP_BATCH;
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    pair.stop();
+    if (failure.empty() && ran != sent)
+        failure = "B ran " + std::to_string(ran) + " messages of " + std::to_string(sent) + " sent";
+    if (!failure.empty()) {
+        std::fprintf(stderr, "bench_thread: send_round_trip/ours: %s\n", failure.c_str());
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    add_percentiles(state, rounds.m_samples);
+}
+
+// ---- boost::asio ------------------------------------------------------------------------
+
+class asio_loop_t {
+public:
+    asio_loop_t() : m_guard(boost::asio::make_work_guard(m_ctx)), m_thread([this] { m_ctx.run(); }) {}
+    ~asio_loop_t() {
+        m_guard.reset();
+        m_thread.join();
+    }
+    boost::asio::io_context& ctx() { return m_ctx; }
+
+private:
+    boost::asio::io_context m_ctx;
+    boost::asio::executor_work_guard<boost::asio::io_context::executor_type> m_guard;
+    std::thread m_thread;
+};
+
+void throughput_asio(benchmark::State& state) {
+    asio_loop_t worker;
+    latch_t done;
+    counter_t counter(&done);
+    counter_t* c = &counter;
+    std::string failure;
+    while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
+        done.arm();
+        counter.arm(THROUGHPUT_BATCH);
+        bench_clock::time_point start = bench_clock::now();
+        for (int i = 0; i < THROUGHPUT_BATCH; ++i)
+            boost::asio::post(worker.ctx(), [c] { c->hit(); });
+        if (!done.wait()) {
+            failure = "no progress for 30 s";
+            break;
+        }
+        state.SetIterationTime(seconds_between(start, counter.m_end));
+    }
+    if (!failure.empty()) {
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+// Handlers of A and B post to each other.
+struct asio_ping_pong_t {
+    asio_loop_t a;
+    asio_loop_t b;
+    rounds_t* rounds;
+
+    void ping() {
+        boost::asio::post(b.ctx(), [this] { boost::asio::post(a.ctx(), [this] { pong(); }); });
+    }
+    void pong() {
+        if (rounds->lap())
+            ping();
+    }
+};
+
+void ping_pong_asio(benchmark::State& state) {
+    latch_t done;
+    rounds_t rounds(&done);
+    asio_ping_pong_t pp;
+    pp.rounds = &rounds;
+    std::string failure;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        boost::asio::post(pp.a.ctx(), [&pp] {
+            pp.rounds->begin();
+            pp.ping();
+        });
+        if (!done.wait()) {
+            failure = "no progress for 30 s";
+            break;
+        }
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    if (!failure.empty()) {
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    add_percentiles(state, rounds.m_samples);
+}
+
+// ---- std::mutex + std::condition_variable --------------------------------------------------
+
+class task_t {
+public:
+    virtual ~task_t() {}
+    virtual void run() = 0;
+};
+
+template <class F>
+class fn_task_t : public task_t {
+public:
+    explicit fn_task_t(F f) : m_f(std::move(f)) {}
+    void run() override { m_f(); }
+
+private:
+    F m_f;
+};
+
+template <class F>
+task_t* make_task(F f) {
+    return new fn_task_t<F>(std::move(f));
+}
+
+class count_task_t : public task_t {
+public:
+    explicit count_task_t(counter_t* counter) : m_counter(counter) {}
+    void run() override { m_counter->hit(); }
+
+private:
+    counter_t* m_counter;
+};
+
+// One worker thread; writers notify only a queue they found empty, and the
+// worker takes everything queued per wake-up.
+class mailbox_t {
+public:
+    mailbox_t() : m_thread([this] { loop(); }) {}
+    ~mailbox_t() {
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_stop = true;
+        }
+        m_cv.notify_one();
+        m_thread.join();
+        for (task_t* t : m_queue)
+            delete t;
+    }
+    void post(task_t* task) {
+        bool was_empty;
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            was_empty = m_queue.empty();
+            m_queue.push_back(task);
+        }
+        if (was_empty)
+            m_cv.notify_one();
+    }
+
+private:
+    void loop() {
+        std::deque<task_t*> taken;
+        for (;;) {
+            {
+                std::unique_lock<std::mutex> lock(m_mutex);
+                m_cv.wait(lock, [this] { return m_stop || !m_queue.empty(); });
+                if (m_stop)
+                    return;
+                taken.swap(m_queue);
+            }
+            for (task_t* t : taken) {
+                t->run();
+                delete t;
+            }
+            taken.clear();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    std::deque<task_t*> m_queue;
+    bool m_stop = false;
+    std::thread m_thread;
+};
+
+void throughput_condvar(benchmark::State& state) {
+    mailbox_t worker;
+    latch_t done;
+    counter_t counter(&done);
+    std::string failure;
+    while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
+        done.arm();
+        counter.arm(THROUGHPUT_BATCH);
+        bench_clock::time_point start = bench_clock::now();
+        for (int i = 0; i < THROUGHPUT_BATCH; ++i)
+            worker.post(new count_task_t(&counter));
+        if (!done.wait()) {
+            failure = "no progress for 30 s";
+            break;
+        }
+        state.SetIterationTime(seconds_between(start, counter.m_end));
+    }
+    if (!failure.empty()) {
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+
+struct condvar_ping_pong_t {
+    mailbox_t a;
+    mailbox_t b;
+    rounds_t* rounds = nullptr;
+
+    void ping() {
+        b.post(make_task([this] { a.post(make_task([this] { pong(); })); }));
+    }
+    void pong() {
+        if (rounds->lap())
+            ping();
+    }
+};
+
+void ping_pong_condvar(benchmark::State& state) {
+    latch_t done;
+    rounds_t rounds(&done);
+    condvar_ping_pong_t pp;
+    pp.rounds = &rounds;
+    std::string failure;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        pp.a.post(make_task([&pp] {
+            pp.rounds->begin();
+            pp.ping();
+        }));
+        if (!done.wait()) {
+            failure = "no progress for 30 s";
+            break;
+        }
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    if (!failure.empty()) {
+        state.SkipWithError(failure.c_str());
+        return;
+    }
+    add_percentiles(state, rounds.m_samples);
+}
+
+// The requester's half of a synchronous call: the worker sets `done` and
+// wakes it once the request ran.
+struct reply_slot_t {
+    std::mutex mutex;
+    std::condition_variable cv;
+    bool done = false;
+};
+
+void send_round_trip_condvar(benchmark::State& state) {
+    mailbox_t b;
+    latch_t done;
+    rounds_t rounds(&done);
+    reply_slot_t slot;
+    uint64_t ran = 0;
+    uint64_t* ran_p = &ran;
+    reply_slot_t* slot_p = &slot;
+    // The requester is a thread of its own, as A is for ours.
+    mailbox_t a;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        a.post(make_task([&] {
+            rounds.begin();
+            do {
+                {
+                    std::lock_guard<std::mutex> guard(slot.mutex);
+                    slot.done = false;
+                }
+                b.post(make_task([ran_p, slot_p] {
+                    ++*ran_p;
+                    {
+                        std::lock_guard<std::mutex> guard(slot_p->mutex);
+                        slot_p->done = true;
+                    }
+                    slot_p->cv.notify_one();
+                }));
+                std::unique_lock<std::mutex> lock(slot.mutex);
+                slot.cv.wait(lock, [&] { return slot.done; });
+            } while (rounds.lap());
+        }));
+        if (!done.wait()) {
+            state.SkipWithError("no progress for 30 s");
+            return;
+        }
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    add_percentiles(state, rounds.m_samples);
+}
+
+#define THROUGHPUT_ARGS ->ArgName("capacity")->Arg(1024)->Arg(16384)->UseManualTime()
+BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
+BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
+BENCHMARK(throughput_condvar)->Name("loop_to_loop_throughput/condvar") THROUGHPUT_ARGS;
+
+BENCHMARK(ping_pong_ours)->Name("ping_pong/ours")->UseManualTime();
+BENCHMARK(ping_pong_asio)->Name("ping_pong/asio")->UseManualTime();
+BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar")->UseManualTime();
+
+BENCHMARK(send_round_trip_ours)->Name("send_round_trip/ours")->UseManualTime();
+BENCHMARK(send_round_trip_condvar)->Name("send_round_trip/condvar")->UseManualTime();
+
+// ---- idle CPU ---------------------------------------------------------------------------
+
+struct usage_t {
+    double cpu_s;
+    long switches;
+    bench_clock::time_point wall;
+};
+
+usage_t usage_now() {
+    struct rusage ru;
+    std::memset(&ru, 0, sizeof ru);
+    getrusage(RUSAGE_SELF, &ru);
+    double cpu = static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+                 static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    return usage_t{cpu, ru.ru_nvcsw + ru.ru_nivcsw, bench_clock::now()};
+}
+
+// Sleeps for `seconds` and reports what the process spent meanwhile.
+std::string measure_idle(const char* label, double seconds) {
+    // Start-up work of the threads just made is not idle time.
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    usage_t before = usage_now();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+    usage_t after = usage_now();
+    double wall = seconds_between(before.wall, after.wall);
+    double cpu_ms_per_s = (after.cpu_s - before.cpu_s) * 1000 / wall;
+    double switches_per_s = static_cast<double>(after.switches - before.switches) / wall;
+    char buf[256];
+    std::snprintf(buf, sizeof buf, "idle CPU  %-44s %8.2f CPU ms/s  %6.2f%% of one core  %8.0f context switches/s  (%.1f s)",
+                  label, cpu_ms_per_s, cpu_ms_per_s / 10, switches_per_s, wall);
+    std::printf("%s\n", buf);
+    std::fflush(stdout);
+    return buf;
+}
+
+std::vector<std::string> measure_idle_before_init(double seconds) {
+    std::vector<std::string> lines;
+    boost::asio::io_context ctx;
+    auto guard = boost::asio::make_work_guard(ctx);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < IDLE_THREADS; ++i)
+        threads.emplace_back([&ctx] { ctx.run(); });
+    lines.push_back(measure_idle("asio io_context, 8 threads in run()", seconds));
+    guard.reset();
+    for (std::thread& t : threads)
+        t.join();
+    return lines;
+}
+
+std::vector<std::string> measure_idle_library(double seconds) {
+    std::vector<std::string> lines;
+    lines.push_back(measure_idle("util_init only (main + timer thread)", seconds));
+    ssb::thread_mgr_t* mgr = ssb::thread_mgr_t::peek();
+    int spawned = 0;
+    for (int i = 0; i < IDLE_THREADS; ++i)
+        if (mgr && mgr->spawn(ssb::THREAD_MODE_EVENT, CTRL_QUEUE_SIZE, IDLE_THREAD_TYPE, false, nullptr, 0xFFFFFFFFu))
+            ++spawned;
+    if (spawned != IDLE_THREADS)
+        std::fprintf(stderr, "bench_thread: spawned only %d of %d idle event threads\n", spawned, IDLE_THREADS);
+    lines.push_back(measure_idle("util_init + 8 idle event threads", seconds));
+    int stopped = mgr ? mgr->stop_threads_by_type(IDLE_THREAD_TYPE) : 0;
+    if (stopped != spawned)
+        std::fprintf(stderr, "bench_thread: stopped %d of %d idle event threads\n", stopped, spawned);
+    return lines;
+}
+
+// ---- the program --------------------------------------------------------------------------
+
+double idle_seconds(int& argc, char** argv) {
+    double seconds = 10;
+    if (const char* env = std::getenv("UTIL_BENCH_IDLE_SECONDS"))
+        seconds = std::atof(env);
+    static const char flag[] = "--idle_seconds=";
+    int kept = 1;
+    for (int i = 1; i < argc; ++i) {
+        if (std::strncmp(argv[i], flag, sizeof flag - 1) == 0)
+            seconds = std::atof(argv[i] + sizeof flag - 1);
+        else
+            argv[kept++] = argv[i];
+    }
+    argc = kept;
+    return seconds < 0 ? 0 : seconds;
+}
+
+int count_threads() {
+    int n = 0;
+    if (DIR* dir = opendir("/proc/self/task")) {
+        while (struct dirent* e = readdir(dir))
+            if (e->d_name[0] != '.')
+                ++n;
+        closedir(dir);
+    }
+    return n;
+}
+
+// Lines of the log files at WARNING or worse: a healthy run has none.
+void report_log(const std::string& folder) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    size_t lines = 0, bad = 0;
+    std::vector<std::string> shown;
+    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!it->is_regular_file(ec))
+            continue;
+        std::ifstream in(it->path());
+        std::string line;
+        while (std::getline(in, line)) {
+            ++lines;
+            if (line.find("WARNING") != std::string::npos || line.find("ERROR") != std::string::npos ||
+                line.find("FATAL") != std::string::npos) {
+                ++bad;
+                if (shown.size() < 10)
+                    shown.push_back(line);
+            }
+        }
+    }
+    std::printf("library log: %zu lines, %zu at WARNING or worse\n", lines, bad);
+    for (const std::string& s : shown)
+        std::printf("  %s\n", s.c_str());
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    double idle = idle_seconds(argc, argv);
+
+    // The library's log and anything it keeps under $XDG_DATA_HOME stay in
+    // a folder of this run.
+    char folder_template[] = "/tmp/util-bench-thread-XXXXXX";
+    const char* folder = mkdtemp(folder_template);
+    if (!folder) {
+        std::perror("bench_thread: mkdtemp");
+        return 1;
+    }
+    setenv("XDG_DATA_HOME", folder, 1);
+    std::string log_dir = std::string(folder) + "/logs";
+
+    std::vector<std::string> idle_lines;
+    if (idle > 0)
+        idle_lines = measure_idle_before_init(idle);
+
+    util_init(1, log_dir.c_str(), "bench", "log", 0x100000, 2);
+    // The hot paths log at INFO and DEBUG (every pass over 100 messages,
+    // every sink call-back); a file line per pass would be what is measured.
+    unsigned int level = ssb::LOG_WARNING;
+    if (const char* env = std::getenv("UTIL_BENCH_LOG_LEVEL"))
+        level = static_cast<unsigned int>(std::atoi(env));
+    register_logger(ssb::UTIL_MODULE_ID, "UTIL", level, nullptr, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
+
+    if (idle > 0) {
+        std::vector<std::string> more = measure_idle_library(idle);
+        idle_lines.insert(idle_lines.end(), more.begin(), more.end());
+    }
+
+    int rc = util_bench::run_main(argc, argv);
+
+    util_uninit(1);
+    int left = count_threads();
+
+    if (!idle_lines.empty()) {
+        std::printf("\nIdle CPU of the whole process (getrusage RUSAGE_SELF; timer precision %u ms):\n",
+                    ssb::MIN_TIMER_PRECISION_MS);
+        for (const std::string& s : idle_lines)
+            std::printf("%s\n", s.c_str());
+    }
+    std::printf("threads after util_uninit: %d%s\n", left, left == 1 ? "" : " (expected 1)");
+    report_log(folder);
+    const char* keep = std::getenv("UTIL_BENCH_KEEP_LOGS");
+    if (keep && *keep && std::strcmp(keep, "0") != 0) {
+        std::printf("library log kept in %s\n", folder);
+    } else {
+        std::error_code ec;
+        std::filesystem::remove_all(folder, ec);
+    }
+    std::fflush(stdout);
+    return rc != 0 ? rc : (left == 1 ? 0 : 1);
+}
