@@ -85,7 +85,7 @@ public:
     // Whether no thread will run this loop again, so that the last
     // reference may be dropped from any thread. A wrapped thread holds a
     // reference of its own while inside thread_run.
-    virtual bool has_ended() const { return true; }
+    virtual bool has_ended() const { return is_stopped(); }
 
     // Runs one pass over the queues, handling a load of at most
     // min(max, 100) in the data rounds; the load handled.

@@ -55,6 +55,10 @@ public:
     int attach(thread_wrapper_t* thr, thread_wrapper_t* owner, unsigned int flags);
     // Takes a wrapper off the list. 0, 2 for null, 5 when not registered.
     int detach(thread_wrapper_t* thr);
+    // The same, run later by `on`'s loop (the calling thread's when null),
+    // for a caller inside a pass that must not change the list under it:
+    // deferred_msg_op_t::launch's result.
+    int detach_deferred(thread_wrapper_t* thr, thread_wrapper_t* on);
     // The first registered wrapper of that type or id, or null. No
     // reference is taken.
     thread_wrapper_t* find_by_type(unsigned int type);

@@ -295,6 +295,30 @@ int thread_mgr_t::detach(thread_wrapper_t* thr) {
     return RESULT_SUCCESS;
 }
 
+namespace {
+
+// Detaches a thread from the manager alive when it runs.
+class detach_oper_t : public deferred_op_it {
+public:
+    explicit detach_oper_t(thread_wrapper_t* thr) : m_thr(thr) { m_thr->increment(); }
+    ~detach_oper_t() override { m_thr->decrement(); }
+    void execute() override {
+        if (thread_mgr_t* mgr = thread_mgr_t::holder())
+            mgr->detach(m_thr);
+    }
+
+private:
+    thread_wrapper_t* m_thr;
+};
+
+}  // namespace
+
+int thread_mgr_t::detach_deferred(thread_wrapper_t* thr, thread_wrapper_t* on) {
+    if (!thr)
+        return RESULT_INVALID_ARG;
+    return deferred_msg_op_t::launch(on, new detach_oper_t(thr));
+}
+
 void thread_mgr_t::reap(bool all) {
     std::vector<thread_wrapper_t*> done;
     {
@@ -317,8 +341,19 @@ void thread_mgr_t::reap(bool all) {
             m_stopped.clear();
         }
     }
-    for (thread_wrapper_t* thr : done)
+    for (thread_wrapper_t* thr : done) {
+        // Detached while still running: stop it first, or its release
+        // would wait for a thread that never ends.
+        if (all && thr->is_running()) {
+            if (!loop_answers(thr)) {
+                thr->request_stop();
+                orphans().push_back(thr);
+                continue;
+            }
+            thr->stop();
+        }
         thr->decrement();
+    }
 }
 
 // ---- finding -------------------------------------------------------------------------

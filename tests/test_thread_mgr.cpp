@@ -71,6 +71,16 @@ TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
     EXPECT_EQ(nullptr, m_mgr->spawn(0, 64, 7, false, nullptr, 0));
     EXPECT_EQ(RESULT_ALREADY_EXISTS, m_mgr->attach(main_thr, nullptr, 0));
 
+    // A deferred detach happens when the chosen loop runs it.
+    thread_wrapper_t* extra = m_mgr->spawn(THREAD_MODE_EVENT, 64, 9, false, nullptr, 0);
+    ASSERT_EQ(RESULT_SUCCESS, m_mgr->detach_deferred(extra, nullptr));
+    EXPECT_EQ(extra, m_mgr->find_by_type(9));
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
+    EXPECT_EQ(nullptr, m_mgr->find_by_type(9));
+    EXPECT_EQ(RESULT_NOT_FOUND, m_mgr->detach(extra));
+    EXPECT_TRUE(m_log.contains("has not been in the queue"));
+    // Still running: the manager stops it when it goes.
+
     const unsigned int before = m_mgr->count();
     main_thr->increment();
     thread_mgr_t::destroy();
