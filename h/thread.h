@@ -178,6 +178,12 @@ private:
         w_msg_queue_it* write;
     };
 
+    // The wrapper of the calling thread: its slot, else the manager's
+    // lookup by id; null for a thread the manager does not know.
+    static thread_wrapper_t* calling_thread();
+    // The write queue of this (the calling) thread's channel to `target`,
+    // or null after logging why.
+    w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);
     // Runs or drops one popped message; the load it counts.
     unsigned int run_msg(msg_it* msg, bool control);
     void drain(r_msg_queue_it* queue);

@@ -313,15 +313,11 @@ int thread_wrapper_t::stop() {
     // Only the first caller goes on: a second stop() returns 9.
     if (!m_status.compare_exchange_strong(expected, THREAD_STOPPING, std::memory_order_acq_rel))
         return RESULT_NOTHING_TO_DO;
-    thread_wrapper_t* caller = thread_mgr_t::tls_value();
-    if (caller == this || on_own_thread()) {
+    if (on_own_thread()) {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop() same thread with id " << get_id() << ", this = " << ptr(this));
         return stop_i(this);
     }
-    if (!caller) {
-        if (thread_mgr_t* mgr = thread_mgr_t::peek())
-            caller = mgr->find_by_id(get_cur_tid());
-    }
+    thread_wrapper_t* caller = calling_thread();
     msg_it* msg = new stop_thread_msg_t(caller, this);
     // The wrapper (and the channel ends it holds) cannot go while the stop
     // runs; the caller's own end to it is dropped here, on its thread.
@@ -615,11 +611,7 @@ int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
         UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
-    thread_wrapper_t* caller = thread_mgr_t::tls_value();
-    if (!caller) {
-        if (thread_mgr_t* mgr = thread_mgr_t::peek())
-            caller = mgr->find_by_id(get_cur_tid());
-    }
+    thread_wrapper_t* caller = calling_thread();
     // A parked message goes before anything newer from the same thread.
     if (caller && caller->is_pending()) {
         const int rv = caller->try_pending_msg();
@@ -636,11 +628,7 @@ int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout
         UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
-    thread_wrapper_t* caller = thread_mgr_t::tls_value();
-    if (!caller) {
-        if (thread_mgr_t* mgr = thread_mgr_t::peek())
-            caller = mgr->find_by_id(get_cur_tid());
-    }
+    thread_wrapper_t* caller = calling_thread();
     if (caller == this || (!caller && on_own_thread())) {
         UTIL_LOG(LOG_ERROR, "thread_wrapper_t::send_msg cannot send event to self, this = " << ptr(this));
         return RESULT_REFUSED;
@@ -650,34 +638,43 @@ int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout
     return caller->send_msg_i(this, msg, sink, timeout);
 }
 
-int thread_wrapper_t::post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink) {
+thread_wrapper_t* thread_wrapper_t::calling_thread() {
+    thread_wrapper_t* caller = thread_mgr_t::tls_value();
+    if (!caller) {
+        if (thread_mgr_t* mgr = thread_mgr_t::peek())
+            caller = mgr->find_by_id(get_cur_tid());
+    }
+    return caller;
+}
+
+w_msg_queue_it* thread_wrapper_t::route_to(thread_wrapper_t* target, const char* name) {
     if (!target || !target->is_running()) {
         UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << ptr(target) << ", this = " << ptr(this));
-        return RESULT_NOTHING_TO_DO;
+        return nullptr;
     }
     // The calling thread reads its own list without the lock: only it
     // changes the list.
     channel_t* c = find_channel(target);
     if (!c) {
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::post_msg_i has been not found , post_thr = " << ptr(target)
-                                                                                            << ", this = " << ptr(this));
-        return RESULT_NOT_FOUND;
+        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::" << name << " has been not found , post_thr = " << ptr(target)
+                                                 << ", this = " << ptr(this));
+        return nullptr;
     }
-    return c->write->post_msg(msg, sink);
+    return c->write;
+}
+
+int thread_wrapper_t::post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink) {
+    w_msg_queue_it* queue = route_to(target, "post_msg_i");
+    if (!queue)
+        return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
+    return queue->post_msg(msg, sink);
 }
 
 int thread_wrapper_t::send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink, int timeout) {
-    if (!target || !target->is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << ptr(target) << ", this = " << ptr(this));
-        return RESULT_NOTHING_TO_DO;
-    }
-    channel_t* c = find_channel(target);
-    if (!c) {
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::send_msg_i has been not found , post_thr = " << ptr(target)
-                                                                                            << ", this = " << ptr(this));
-        return RESULT_NOT_FOUND;
-    }
-    return c->write->send_msg(msg, sink, timeout);
+    w_msg_queue_it* queue = route_to(target, "send_msg_i");
+    if (!queue)
+        return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
+    return queue->send_msg(msg, sink, timeout);
 }
 
 int thread_wrapper_t::post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink) {

@@ -7,6 +7,7 @@
 
 #include "test_log_support.h"
 #include "test_support.h"
+#include "test_thread_support.h"
 #include "thread.h"
 #include "thread_mgr.h"
 #include "timer.h"
@@ -28,53 +29,14 @@ const int MESSAGES_EACH_WAY = 1000000;
 const int MESSAGES_EACH_WAY = 1000000;
 #endif
 
-std::atomic<int> g_live(0);
+using util_test::fn_msg_t;
+using util_test::run_on;
 
-// Runs a function on the receiving thread.
-class fn_msg_t : public msg_it {
-public:
-    explicit fn_msg_t(std::function<void()> fn, unsigned int timeout = MSG_TIMEOUT_NEVER)
-        : msg_it(MSG_TYPE_PLAIN, 1, timeout), m_fn(std::move(fn)) {
-        ++g_live;
-    }
-    void on_message() override { m_fn(); }
-
+class Threads : public util_test::thread_test_t {
 protected:
-    ~fn_msg_t() override { --g_live; }
-
-private:
-    std::function<void()> m_fn;
-};
-
-// Runs fn on `thr` and waits for it. The test's thread is the main thread,
-// bound to nobody: it goes through the control queue.
-void run_on(thread_wrapper_t* thr, std::function<void()> fn) {
-    ASSERT_EQ(RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
-}
-
-class Threads : public ::testing::Test {
-protected:
-    void SetUp() override {
-        thread_mgr_t::reset();
-        util_init(1, nullptr, nullptr, nullptr, 0, 0);
-        util_test::capture_util_log(&m_log);
-        m_mgr = thread_mgr_t::instance();
-        ASSERT_NE(nullptr, m_mgr);
-        m_main = m_mgr->find_by_type(THREAD_TYPE_MAIN);
-        ASSERT_NE(nullptr, m_main);
-    }
-    void TearDown() override {
-        util_uninit(1);
-        util_test::restore_log_routing();
-        EXPECT_EQ(0, g_live.load());
-    }
     thread_wrapper_t* spawn_event(unsigned int type = 100) {
         return m_mgr->spawn(THREAD_MODE_EVENT, 256, type, false, nullptr, 0xFFFFFFFFu);
     }
-
-    util_test::text_capture_t m_log;
-    thread_mgr_t* m_mgr = nullptr;
-    thread_wrapper_t* m_main = nullptr;
 };
 
 // Sends `total` numbered messages to `to` from its own thread, taking the

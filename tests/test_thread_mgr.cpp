@@ -8,6 +8,7 @@
 #include "notifier.h"
 #include "test_log_support.h"
 #include "test_support.h"
+#include "test_thread_support.h"
 #include "thread_event.h"
 #include "thread_mgr.h"
 #include "timer.h"
@@ -17,36 +18,10 @@ using namespace ssb;
 
 namespace {
 
-class fn_msg_t : public msg_it {
-public:
-    explicit fn_msg_t(std::function<void()> fn) : m_fn(std::move(fn)) {}
-    void on_message() override { m_fn(); }
+using util_test::fn_msg_t;
+using util_test::run_on;
 
-private:
-    std::function<void()> m_fn;
-};
-
-void run_on(thread_wrapper_t* thr, std::function<void()> fn) {
-    ASSERT_EQ(RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
-}
-
-class ThreadMgr : public ::testing::Test {
-protected:
-    void SetUp() override {
-        thread_mgr_t::reset();
-        util_init(1, nullptr, nullptr, nullptr, 0, 0);
-        util_test::capture_util_log(&m_log);
-        m_mgr = thread_mgr_t::instance();
-        ASSERT_NE(nullptr, m_mgr);
-    }
-    void TearDown() override {
-        util_uninit(1);
-        util_test::restore_log_routing();
-    }
-
-    util_test::text_capture_t m_log;
-    thread_mgr_t* m_mgr = nullptr;
-};
+class ThreadMgr : public util_test::thread_test_t {};
 
 TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
     thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);

@@ -1,0 +1,71 @@
+// Messages that run a function, for the thread tests.
+#ifndef UTIL_TEST_THREAD_SUPPORT_H
+#define UTIL_TEST_THREAD_SUPPORT_H
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+
+#include "test_log_support.h"
+#include "thread.h"
+#include "thread_mgr.h"
+#include "util.h"
+
+namespace util_test {
+
+// fn_msg_t objects alive now.
+inline std::atomic<int>& live_fn_msgs() {
+    static std::atomic<int> s_live(0);
+    return s_live;
+}
+
+// Runs a function on the receiving thread.
+class fn_msg_t : public ssb::msg_it {
+public:
+    explicit fn_msg_t(std::function<void()> fn, unsigned int timeout = ssb::MSG_TIMEOUT_NEVER)
+        : ssb::msg_it(ssb::MSG_TYPE_PLAIN, 1, timeout), m_fn(std::move(fn)) {
+        ++live_fn_msgs();
+    }
+    void on_message() override { m_fn(); }
+
+protected:
+    ~fn_msg_t() override { --live_fn_msgs(); }
+
+private:
+    std::function<void()> m_fn;
+};
+
+// Runs fn on `thr` and waits for it, through the control queue (any thread
+// may write it, bound or not).
+inline void run_on(ssb::thread_wrapper_t* thr, std::function<void()> fn) {
+    ASSERT_EQ(ssb::RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
+}
+
+// The library started with a fresh thread manager (the test's thread is
+// the main thread) and its log captured; every fn_msg_t gone at the end.
+class thread_test_t : public ::testing::Test {
+protected:
+    void SetUp() override {
+        ssb::thread_mgr_t::reset();
+        util_init(1, nullptr, nullptr, nullptr, 0, 0);
+        capture_util_log(&m_log);
+        m_mgr = ssb::thread_mgr_t::instance();
+        ASSERT_NE(nullptr, m_mgr);
+        m_main = m_mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
+        ASSERT_NE(nullptr, m_main);
+    }
+    void TearDown() override {
+        util_uninit(1);
+        restore_log_routing();
+        EXPECT_EQ(0, live_fn_msgs().load());
+    }
+
+    text_capture_t m_log;
+    ssb::thread_mgr_t* m_mgr = nullptr;
+    ssb::thread_wrapper_t* m_main = nullptr;
+};
+
+}  // namespace util_test
+
+#endif
