@@ -129,11 +129,18 @@ public:
         return RESULT_SUCCESS;
     }
 
+    // The read cursor is loaded first: it never passes the write cursor, so
+    // a later write cursor can only make the answer conservative ("not
+    // empty", "full" just as the reader frees a node). Loaded the other way
+    // round, a reader catching up with a fresh push would show an empty
+    // queue as full.
     bool is_empty() const {
-        return m_read.load(std::memory_order_acquire) == m_write.load(std::memory_order_acquire);
+        node_t* r = m_read.load(std::memory_order_acquire);
+        return r == m_write.load(std::memory_order_acquire);
     }
     bool is_full() const {
-        return m_write.load(std::memory_order_acquire)->m_next == m_read.load(std::memory_order_acquire);
+        node_t* r = m_read.load(std::memory_order_acquire);
+        return m_write.load(std::memory_order_acquire)->m_next == r;
     }
 
     // The recorded (clamped) capacity; the room is the requested count - 1.

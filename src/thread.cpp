@@ -301,6 +301,7 @@ int thread_wrapper_t::request_stop() {
     msg_it* msg = new stop_thread_msg_t(nullptr, this);
     if (m_ctrl_queue->post_msg(msg, nullptr) != RESULT_SUCCESS) {
         msg->release();
+        m_status.store(THREAD_RUNNING, std::memory_order_release);
         return RESULT_QUEUE_FULL;
     }
     return RESULT_SUCCESS;
@@ -323,8 +324,11 @@ int thread_wrapper_t::stop() {
     // runs; the caller's own end to it is dropped here, on its thread.
     increment();
     int rv = m_ctrl_queue->send_msg(msg, nullptr, -1);
-    if (rv == RESULT_QUEUE_FULL)
+    if (rv == RESULT_QUEUE_FULL) {
+        // Not delivered: the thread runs on, and a later stop may retry.
         msg->release();
+        m_status.store(THREAD_RUNNING, std::memory_order_release);
+    }
     if (caller && caller->on_own_thread() && caller->find_channel(this))
         caller->detach_queue(this);
     decrement();

@@ -35,7 +35,11 @@ thread_loop_base_t::~thread_loop_base_t() {
 }
 
 unsigned int thread_loop_base_t::start(void (*)(void*), void*, unsigned int stack_size, unsigned int priority) {
-    m_running.store(true, std::memory_order_release);
+    if (m_running.exchange(true, std::memory_order_acq_rel)) {
+        // One OS thread per object: the running one keeps it.
+        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+        return 0;
+    }
     const unsigned int id = thread_base_t::start(&thread_loop_base_t::routine, this, stack_size, priority);
     if (id == 0)
         m_running.store(false, std::memory_order_release);

@@ -138,3 +138,33 @@ TEST(RingQueueThreads, EveryValueOnceInEachWritersOrder) {
 }
 
 }  // namespace
+
+TEST(RingQueueThreads, ANearlyEmptyRingIsNeverSeenFull) {
+    // A writer and a reader hand one value at a time through the ring, so it
+    // never holds more than one; a third thread takes snapshots meanwhile.
+    ring_queue_t<int> ring(32);
+    std::atomic<bool> done(false);
+    std::atomic<int> false_full(0);
+    std::thread observer([&] {
+        while (!done.load())
+            if (ring.is_full())
+                ++false_full;
+    });
+    std::thread reader([&] {
+        int value = 0, expected = 0;
+        while (expected < 200000) {
+            if (ring.pop(value) == RESULT_SUCCESS) {
+                EXPECT_EQ(expected++, value);
+            }
+        }
+    });
+    for (int i = 0; i < 200000; ++i) {
+        while (!ring.is_empty())
+            std::this_thread::yield();
+        ASSERT_EQ(RESULT_SUCCESS, ring.push(i));
+    }
+    reader.join();
+    done = true;
+    observer.join();
+    EXPECT_EQ(0, false_full.load());
+}

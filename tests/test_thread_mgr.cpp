@@ -152,6 +152,8 @@ TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
     thread_wrapper_t* thr = m_mgr->spawn(THREAD_MODE_EVENT, 64, 51, false, nullptr, 0);
     ASSERT_NE(nullptr, thr);
     thr->increment();
+    EXPECT_EQ(0u, thr->start(nullptr, nullptr, 0, 0));
+    EXPECT_TRUE(thr->is_running());
     EXPECT_EQ(RESULT_SUCCESS, thr->stop());
     EXPECT_EQ(RESULT_NOTHING_TO_DO, thr->stop());
     EXPECT_TRUE(m_log.contains("assert: file[thread_event], line = [132]"));
