@@ -106,6 +106,9 @@ protected:
     int after_pop(int rv, unsigned int mode, thread_wrapper_t* writer);
     // Pushes and signals as the mode says: 0 or 3.
     virtual int push_signalled(msg_it* msg) = 0;
+    // A snapshot of the ring, and the thread sinks are called back on.
+    virtual bool ring_full() const = 0;
+    virtual thread_wrapper_t* sink_thread() const = 0;
     // The synchronous hand-over of send_msg once the queue had room.
     int send_through(const char* name, msg_it* msg, int timeout);
 
@@ -142,6 +145,8 @@ public:
 protected:
     ~o2o_msg_queue_t() override;
     int push_signalled(msg_it* msg) override;
+    bool ring_full() const override { return m_ring.is_full(); }
+    thread_wrapper_t* sink_thread() const override { return m_writer; }
 
 private:
     thread_wrapper_t* m_writer;
@@ -166,6 +171,8 @@ public:
 protected:
     ~msg_queue_t() override;
     int push_signalled(msg_it* msg) override;
+    bool ring_full() const override { return m_ring.is_full(); }
+    thread_wrapper_t* sink_thread() const override { return m_writer; }
 
 private:
     thread_wrapper_t* m_writer;

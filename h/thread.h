@@ -158,8 +158,9 @@ protected:
     // The caller's half of post_msg/send_msg: this is the calling thread.
     int post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink);
     int send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink, int timeout);
-    // The pass shared by thread_run and the I/O threads' loops.
-    unsigned int run_pass();
+    // The pass shared by thread_run and the I/O threads' loops: true when
+    // work is left, so the next pass must not wait.
+    bool run_pass();
     // On the loop's thread when it ends without having been stopped: marks
     // it stopped and drops what is queued, waking synchronous senders.
     void abandon();
@@ -206,6 +207,8 @@ private:
     // Set when the channel list changes during a pass.
     bool m_in_pass;
     bool m_bind_changed;
+    // The last pass ended early on a channel change.
+    bool m_cut_short;
     std::atomic<unsigned int> m_timer_precision;
     std::string m_name;
     // Changed on this thread only, under m_lock; this thread reads it

@@ -31,8 +31,8 @@ protected:
     void loop() override;
 
 private:
-    // The wait for one pass: 0 when the pass was busy, else a tenth of the
-    // working thread's precision, at least 1 ms.
+    // The wait for one pass: 0 when the pass left work (a load of 100 or
+    // more), else a tenth of the working thread's precision, at least 1 ms.
     int wait_time(int process_result) const;
 
     thread_event_t* const m_working;

@@ -240,8 +240,16 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     // Mode 0 signals even when the push failed; otherwise only a write into
     // an empty queue does.
     bool wake = rv == RESULT_SUCCESS ? note_pushed(mode) : mode == MSG_QUEUE_SIGNAL_ALWAYS;
-    if (rv == RESULT_QUEUE_FULL)
+    if (rv == RESULT_QUEUE_FULL) {
         mark_full();
+        // The reader may have emptied the ring between the refused push and
+        // the mark, and then sleep without another pop to see it: whoever
+        // comes second of this check and the reader's empty pop hands the
+        // wake-up over (the fences order each side's store before its load).
+        std::atomic_thread_fence(std::memory_order_seq_cst);
+        if (!ring_full())
+            lanuch_on_sink(sink_thread());
+    }
     if (wake)
         signal_reader();
     return rv;
@@ -250,6 +258,8 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
 int msg_queue_base_t::after_pop(int rv, unsigned int mode, thread_wrapper_t* writer) {
     if (rv == RESULT_SUCCESS)
         note_popped(mode);
+    else
+        std::atomic_thread_fence(std::memory_order_seq_cst);  // pairs with after_push
     // Successful or not, a pop after a full post hands the wake-up over.
     if (status() == MSG_QUEUE_STATUS_FULL)
         lanuch_on_sink(writer);

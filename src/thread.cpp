@@ -115,6 +115,7 @@ thread_wrapper_t::thread_wrapper_t(unsigned int mode, unsigned int type, unsigne
       m_interact_timer(interact_timer),
       m_in_pass(false),
       m_bind_changed(false),
+      m_cut_short(false),
       m_timer_precision(MIN_TIMER_PRECISION_MS),
       m_name(name ? reinterpret_cast<const char*>(name) : "orca.user"),
       m_pending(nullptr),
@@ -183,15 +184,17 @@ int thread_wrapper_t::wait(unsigned int timeout_ms) {
     return m_notifier->wait(timeout_ms == WAIT_INFINITE_MS ? -1 : static_cast<int>(timeout_ms), false);
 }
 
-unsigned int thread_wrapper_t::run_pass() {
+bool thread_wrapper_t::run_pass() {
     if (is_pending()) {
         const int rv = try_pending_msg();
         if (rv != RESULT_SUCCESS && rv != RESULT_QUEUE_FULL)
             UTIL_LOG(LOG_ERROR, "thread_wrapper_t::thread_run failed to pending message, this = " << ptr(this));
     }
     const unsigned int load = process_msg(WAIT_INFINITE_MS);
-    m_idle = load < THREAD_PASS_LOAD;
-    return load;
+    // A pass cut short by a channel change may have left messages behind
+    // that no writer will signal again.
+    m_idle = load < THREAD_PASS_LOAD && !m_cut_short;
+    return !m_idle;
 }
 
 void thread_wrapper_t::abandon() {
@@ -257,6 +260,7 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     unsigned int total = 0;
     m_in_pass = true;
     m_bind_changed = false;
+    m_cut_short = false;
     // One message per peer per round, so no busy peer starves the others.
     bool took = true;
     while (took && total < bound) {
@@ -275,6 +279,7 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
                                        << ptr(this));
                 m_bind_changed = false;
                 m_in_pass = false;
+                m_cut_short = true;
                 return total;
             }
         }

@@ -59,12 +59,12 @@ void thread_loop_base_t::routine(void* arg) {
 }
 
 int thread_loop_base_t::on_process() {
-    const unsigned int load = run_pass();
+    const bool busy = run_pass();
     if (thread_wrapper_t::is_stopped()) {
         repo()->stop();
         return 0;
     }
-    return load >= THREAD_PASS_LOAD ? 0 : -1;
+    return busy ? 0 : -1;
 }
 
 void thread_loop_base_t::serve(io_repo_t* repo) {

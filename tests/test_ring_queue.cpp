@@ -142,7 +142,9 @@ TEST(RingQueueThreads, EveryValueOnceInEachWritersOrder) {
 TEST(RingQueueThreads, ANearlyEmptyRingIsNeverSeenFull) {
     // A writer and a reader hand one value at a time through the ring, so it
     // never holds more than one; a third thread takes snapshots meanwhile.
-    ring_queue_t<int> ring(32);
+    // The ring is large: a snapshot may lag, but not by a whole lap.
+    const int ROUNDS = 100000 / util_test::ROUNDS_SCALE;
+    ring_queue_t<int> ring(RING_QUEUE_MAX_CAPACITY);
     std::atomic<bool> done(false);
     std::atomic<int> false_full(0);
     std::thread observer([&] {
@@ -152,13 +154,13 @@ TEST(RingQueueThreads, ANearlyEmptyRingIsNeverSeenFull) {
     });
     std::thread reader([&] {
         int value = 0, expected = 0;
-        while (expected < 200000) {
+        while (expected < ROUNDS) {
             if (ring.pop(value) == RESULT_SUCCESS) {
                 EXPECT_EQ(expected++, value);
             }
         }
     });
-    for (int i = 0; i < 200000; ++i) {
+    for (int i = 0; i < ROUNDS; ++i) {
         while (!ring.is_empty())
             std::this_thread::yield();
         ASSERT_EQ(RESULT_SUCCESS, ring.push(i));

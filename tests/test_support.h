@@ -9,6 +9,20 @@
 
 namespace util_test {
 
+// Sanitized builds run long loops an order of magnitude slower: tests that
+// repeat a race scale their rounds by this.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+const int ROUNDS_SCALE = 10;
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+const int ROUNDS_SCALE = 10;
+#else
+const int ROUNDS_SCALE = 1;
+#endif
+#else
+const int ROUNDS_SCALE = 1;
+#endif
+
 // Runs fn(i) on n threads and joins them.
 inline void run_threads(int n, const std::function<void(int)>& fn) {
     std::vector<std::thread> threads;

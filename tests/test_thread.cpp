@@ -17,17 +17,7 @@ using namespace ssb;
 
 namespace {
 
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-const int MESSAGES_EACH_WAY = 100000;
-#elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
-const int MESSAGES_EACH_WAY = 100000;
-#else
-const int MESSAGES_EACH_WAY = 1000000;
-#endif
-#else
-const int MESSAGES_EACH_WAY = 1000000;
-#endif
+const int MESSAGES_EACH_WAY = 1000000 / util_test::ROUNDS_SCALE;
 
 using util_test::fn_msg_t;
 using util_test::run_on;
