@@ -16,7 +16,9 @@
 // handler operation, the mailbox's task) and counts it on the receiving
 // thread. Times are manual: measured on the threads themselves from the
 // first post of a batch to the last receipt, so the benchmark thread's own
-// wake-ups are not counted.
+// wake-ups are not counted. A batch that makes no progress for 10 s fails
+// its run with what the threads and the channel looked like; such runs are
+// listed again at the end.
 //
 // Before the benchmarks the process CPU time is measured with nothing to do
 // (asio with 8 threads in run(), util_init alone, util_init with 8 event
@@ -28,14 +30,12 @@
 // util-bench-peers: boost
 #include <dirent.h>
 #include <sys/resource.h>
-#include <unistd.h>
 
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
@@ -44,7 +44,6 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -70,8 +69,13 @@ const unsigned int IDLE_THREAD_TYPE = 101;
 const unsigned int CTRL_QUEUE_SIZE = 1024;
 const unsigned int PING_CAPACITY = 1024;
 const int IDLE_THREADS = 8;
+// Batches per run. The count is fixed rather than found by Google
+// Benchmark: a run that fails part-way must report the same iteration count
+// as the other repetitions, or the statistics of 1.7 abort the program.
+const int THROUGHPUT_BATCHES = 100;
+const int ROUND_TRIP_BATCHES = 150;
 // A batch takes milliseconds; this long means the loop is stuck.
-const std::chrono::seconds WATCHDOG(30);
+const std::chrono::seconds WATCHDOG(10);
 const size_t MAX_SAMPLES = 1 << 16;
 
 double seconds_between(bench_clock::time_point from, bench_clock::time_point to) {
@@ -88,6 +92,22 @@ void add_percentiles(benchmark::State& state, std::vector<double>& samples) {
     std::sort(samples.begin(), samples.end());
     state.counters["p50_us"] = samples[samples.size() / 2];
     state.counters["p99_us"] = samples[samples.size() * 99 / 100];
+}
+
+// Failures seen during the run, repeated after the ratio table.
+std::vector<std::string>& problems() {
+    static std::vector<std::string> s_problems;
+    return s_problems;
+}
+
+// Reports a failed run. Called inside the timing loop, which then ends on
+// its next test: a run skipped that way keeps the iteration count Google
+// Benchmark expects of every repetition.
+void fail_run(benchmark::State& state, const char* name, const std::string& text) {
+    std::string line = std::string(name) + ": " + text;
+    std::fprintf(stderr, "bench_thread: %s\n", line.c_str());
+    problems().push_back(line);
+    state.SkipWithError(text.c_str());
 }
 
 // The benchmark thread waits here for the end of a batch.
@@ -270,23 +290,30 @@ public:
     bench_clock::time_point m_start;
 
 private:
+    // Nothing here is touched after the batch's last post succeeded: B may
+    // finish the batch at once and the benchmark thread arm the next one.
     void pump() {
         while (m_left > 0) {
             ssb::msg_it* msg = m_held ? m_held : new count_msg_t(m_counter);
             m_held = nullptr;
+            const bool last = m_left == 1;
+            --m_left;
             int rv = m_target->post_msg(msg, this);
             if (rv == ssb::RESULT_QUEUE_FULL) {
+                ++m_left;
                 m_held = msg;
                 ++m_fulls;
                 return;
             }
             if (rv != ssb::RESULT_SUCCESS) {
+                ++m_left;
                 msg->release();
                 m_error = rv;
                 m_counter->m_done->open();
                 return;
             }
-            --m_left;
+            if (last)
+                return;
         }
     }
 
@@ -294,17 +321,29 @@ private:
     counter_t* m_counter;
 };
 
+// What the channel A -> B looks like from outside, for a stalled batch.
+std::string channel_state(ssb::thread_wrapper_t* a, ssb::thread_wrapper_t* b, ssb::msg_queue_sink_it* sink) {
+    ssb::w_msg_queue_it* w = a->get_write_msgq(b);
+    if (!w)
+        return "channel A -> B not bound";
+    ssb::msg_queue_base_t* base = dynamic_cast<ssb::msg_queue_base_t*>(w);
+    char buf[192];
+    std::snprintf(buf, sizeof buf, "channel A -> B: full %d, status %u (2 = a writer found it full), sink listed %d",
+                  w->is_full() ? 1 : 0, base ? base->status() : 0u,
+                  w->unregister_sink(sink) == ssb::RESULT_ALREADY_EXISTS ? 1 : 0);
+    return buf;
+}
+
 void throughput_ours(benchmark::State& state) {
     loop_pair_t pair(static_cast<unsigned int>(state.range(0)));
     if (!pair.ok()) {
-        state.SkipWithError(pair.error().c_str());
+        fail_run(state, "loop_to_loop_throughput/ours", pair.error());
         return;
     }
     latch_t done;
     counter_t counter(&done);
     producer_t producer(pair.b(), &counter);
     int64_t batches = 0;
-    std::string failure;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
@@ -313,34 +352,31 @@ void throughput_ours(benchmark::State& state) {
         int rv = pair.a()->post_ctrl_msg(kick, nullptr);
         if (rv != ssb::RESULT_SUCCESS) {
             kick->release();
-            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
-            break;
+            fail_run(state, "loop_to_loop_throughput/ours", "post_ctrl_msg to A returned " + std::to_string(rv));
+            continue;
         }
         bool finished = done.wait();
         if (!finished || producer.m_error) {
+            std::string queue = finished ? "" : "; " + channel_state(pair.a(), pair.b(), &producer);
             // Stopped first: afterwards nothing touches the batch's state.
             pair.stop();
-            char buf[256];
+            char buf[320];
             std::snprintf(buf, sizeof buf,
-                          "%s: post_msg error %d; B ran %llu of %d, A left %d to post, held %d, "
-                          "queue full %llu times, sink called %llu times",
-                          finished ? "failed" : "no progress for 30 s", producer.m_error,
+                          "%s: B ran %llu of %d messages, A has %d left to post and holds %d refused by "
+                          "RESULT_QUEUE_FULL; the queue was full %llu times this run, the sink was called "
+                          "%llu times",
+                          finished ? ("post_msg returned " + std::to_string(producer.m_error)).c_str()
+                                   : "no progress for 10 s",
                           static_cast<unsigned long long>(counter.m_count), THROUGHPUT_BATCH, producer.m_left,
                           producer.m_held ? 1 : 0, static_cast<unsigned long long>(producer.m_fulls),
                           static_cast<unsigned long long>(producer.m_resumes));
-            failure = buf;
-            break;
+            fail_run(state, "loop_to_loop_throughput/ours", buf + queue);
+            continue;
         }
         state.SetIterationTime(seconds_between(producer.m_start, counter.m_end));
         ++batches;
     }
     pair.stop();
-    if (!failure.empty()) {
-        std::fprintf(stderr, "bench_thread: loop_to_loop_throughput/ours/%lld: %s\n",
-                     static_cast<long long>(state.range(0)), failure.c_str());
-        state.SkipWithError(failure.c_str());
-        return;
-    }
     state.SetItemsProcessed(state.iterations());
     if (batches > 0) {
         state.counters["full_per_batch"] = static_cast<double>(producer.m_fulls) / static_cast<double>(batches);
@@ -398,13 +434,12 @@ void pong_msg_t::on_message() {
 void ping_pong_ours(benchmark::State& state) {
     loop_pair_t pair(PING_CAPACITY);
     if (!pair.ok()) {
-        state.SkipWithError(pair.error().c_str());
+        fail_run(state, "ping_pong/ours", pair.error());
         return;
     }
     latch_t done;
     rounds_t rounds(&done);
     ssb::thread_wrapper_t* b = pair.b();
-    std::string failure;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -415,25 +450,20 @@ void ping_pong_ours(benchmark::State& state) {
         int rv = pair.a()->post_ctrl_msg(kick, nullptr);
         if (rv != ssb::RESULT_SUCCESS) {
             kick->release();
-            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
-            break;
+            fail_run(state, "ping_pong/ours", "post_ctrl_msg to A returned " + std::to_string(rv));
+            continue;
         }
         bool finished = done.wait();
         if (!finished || rounds.m_error) {
             pair.stop();
-            failure = (finished ? "post_msg returned " + std::to_string(rounds.m_error)
-                                : std::string("no progress for 30 s")) +
-                      ", rounds left " + std::to_string(rounds.m_left);
-            break;
+            fail_run(state, "ping_pong/ours", (finished ? "post_msg returned " + std::to_string(rounds.m_error)
+                                : std::string("no progress for 10 s")) +
+                      ", rounds left " + std::to_string(rounds.m_left));
+            continue;
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
     pair.stop();
-    if (!failure.empty()) {
-        std::fprintf(stderr, "bench_thread: ping_pong/ours: %s\n", failure.c_str());
-        state.SkipWithError(failure.c_str());
-        return;
-    }
     add_percentiles(state, rounds.m_samples);
 }
 
@@ -449,7 +479,7 @@ private:
 void send_round_trip_ours(benchmark::State& state) {
     loop_pair_t pair(PING_CAPACITY);
     if (!pair.ok()) {
-        state.SkipWithError(pair.error().c_str());
+        fail_run(state, "send_round_trip/ours", pair.error());
         return;
     }
     latch_t done;
@@ -458,7 +488,6 @@ void send_round_trip_ours(benchmark::State& state) {
     uint64_t ran = 0;
     uint64_t sent = 0;
     ssb::thread_wrapper_t* b = pair.b();
-    std::string failure;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -480,28 +509,25 @@ void send_round_trip_ours(benchmark::State& state) {
         int rv = pair.a()->post_ctrl_msg(kick, nullptr);
         if (rv != ssb::RESULT_SUCCESS) {
             kick->release();
-            failure = "post_ctrl_msg to A returned " + std::to_string(rv);
-            break;
+            fail_run(state, "send_round_trip/ours", "post_ctrl_msg to A returned " + std::to_string(rv));
+            continue;
         }
         bool finished = done.wait();
         if (!finished || rounds.m_error) {
             pair.stop();
-            failure = (finished ? "send_msg returned " + std::to_string(rounds.m_error)
-                                : std::string("no progress for 30 s")) +
-                      ", calls left " + std::to_string(rounds.m_left);
-            break;
+            fail_run(state, "send_round_trip/ours", (finished ? "send_msg returned " + std::to_string(rounds.m_error)
+                                : std::string("no progress for 10 s")) +
+                      ", calls left " + std::to_string(rounds.m_left));
+            continue;
         }
         sent += ROUND_TRIP_BATCH;
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
     pair.stop();
-    if (failure.empty() && ran != sent)
-        failure = "B ran " + std::to_string(ran) + " messages of " + std::to_string(sent) + " sent";
-    if (!failure.empty()) {
-        std::fprintf(stderr, "bench_thread: send_round_trip/ours: %s\n", failure.c_str());
-        state.SkipWithError(failure.c_str());
-        return;
-    }
+    // A run already skipped stopped its threads mid-batch.
+    if (!state.error_occurred() && ran != sent)
+        fail_run(state, "send_round_trip/ours",
+                 "B ran " + std::to_string(ran) + " messages of " + std::to_string(sent) + " sent with result 0");
     add_percentiles(state, rounds.m_samples);
 }
 
@@ -523,11 +549,10 @@ private:
 };
 
 void throughput_asio(benchmark::State& state) {
-    asio_loop_t worker;
     latch_t done;
     counter_t counter(&done);
+    asio_loop_t worker;
     counter_t* c = &counter;
-    std::string failure;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
@@ -535,14 +560,10 @@ void throughput_asio(benchmark::State& state) {
         for (int i = 0; i < THROUGHPUT_BATCH; ++i)
             boost::asio::post(worker.ctx(), [c] { c->hit(); });
         if (!done.wait()) {
-            failure = "no progress for 30 s";
-            break;
+            fail_run(state, "loop_to_loop_throughput/asio", "no progress for 10 s");
+            continue;
         }
         state.SetIterationTime(seconds_between(start, counter.m_end));
-    }
-    if (!failure.empty()) {
-        state.SkipWithError(failure.c_str());
-        return;
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -567,7 +588,6 @@ void ping_pong_asio(benchmark::State& state) {
     rounds_t rounds(&done);
     asio_ping_pong_t pp;
     pp.rounds = &rounds;
-    std::string failure;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -576,14 +596,10 @@ void ping_pong_asio(benchmark::State& state) {
             pp.ping();
         });
         if (!done.wait()) {
-            failure = "no progress for 30 s";
-            break;
+            fail_run(state, "ping_pong/asio", "no progress for 10 s");
+            continue;
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
-    }
-    if (!failure.empty()) {
-        state.SkipWithError(failure.c_str());
-        return;
     }
     add_percentiles(state, rounds.m_samples);
 }
@@ -673,10 +689,9 @@ private:
 };
 
 void throughput_condvar(benchmark::State& state) {
-    mailbox_t worker;
     latch_t done;
     counter_t counter(&done);
-    std::string failure;
+    mailbox_t worker;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
@@ -684,14 +699,10 @@ void throughput_condvar(benchmark::State& state) {
         for (int i = 0; i < THROUGHPUT_BATCH; ++i)
             worker.post(new count_task_t(&counter));
         if (!done.wait()) {
-            failure = "no progress for 30 s";
-            break;
+            fail_run(state, "loop_to_loop_throughput/condvar", "no progress for 10 s");
+            continue;
         }
         state.SetIterationTime(seconds_between(start, counter.m_end));
-    }
-    if (!failure.empty()) {
-        state.SkipWithError(failure.c_str());
-        return;
     }
     state.SetItemsProcessed(state.iterations());
 }
@@ -715,7 +726,6 @@ void ping_pong_condvar(benchmark::State& state) {
     rounds_t rounds(&done);
     condvar_ping_pong_t pp;
     pp.rounds = &rounds;
-    std::string failure;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -724,14 +734,10 @@ void ping_pong_condvar(benchmark::State& state) {
             pp.ping();
         }));
         if (!done.wait()) {
-            failure = "no progress for 30 s";
-            break;
+            fail_run(state, "ping_pong/condvar", "no progress for 10 s");
+            continue;
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
-    }
-    if (!failure.empty()) {
-        state.SkipWithError(failure.c_str());
-        return;
     }
     add_percentiles(state, rounds.m_samples);
 }
@@ -745,13 +751,13 @@ struct reply_slot_t {
 };
 
 void send_round_trip_condvar(benchmark::State& state) {
-    mailbox_t b;
     latch_t done;
     rounds_t rounds(&done);
     reply_slot_t slot;
     uint64_t ran = 0;
     uint64_t* ran_p = &ran;
     reply_slot_t* slot_p = &slot;
+    mailbox_t b;
     // The requester is a thread of its own, as A is for ours.
     mailbox_t a;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
@@ -777,25 +783,27 @@ void send_round_trip_condvar(benchmark::State& state) {
             } while (rounds.lap());
         }));
         if (!done.wait()) {
-            state.SkipWithError("no progress for 30 s");
-            return;
+            fail_run(state, "send_round_trip/condvar", "no progress for 10 s");
+            continue;
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
     add_percentiles(state, rounds.m_samples);
 }
 
-#define THROUGHPUT_ARGS ->ArgName("capacity")->Arg(1024)->Arg(16384)->UseManualTime()
+#define THROUGHPUT_ARGS \
+    ->ArgName("capacity")->Arg(1024)->Arg(16384)->Iterations(THROUGHPUT_BATCHES * THROUGHPUT_BATCH)->UseManualTime()
 BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
 BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
 BENCHMARK(throughput_condvar)->Name("loop_to_loop_throughput/condvar") THROUGHPUT_ARGS;
 
-BENCHMARK(ping_pong_ours)->Name("ping_pong/ours")->UseManualTime();
-BENCHMARK(ping_pong_asio)->Name("ping_pong/asio")->UseManualTime();
-BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar")->UseManualTime();
+#define ROUND_TRIP_ARGS ->Iterations(ROUND_TRIP_BATCHES * ROUND_TRIP_BATCH)->UseManualTime()
+BENCHMARK(ping_pong_ours)->Name("ping_pong/ours") ROUND_TRIP_ARGS;
+BENCHMARK(ping_pong_asio)->Name("ping_pong/asio") ROUND_TRIP_ARGS;
+BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar") ROUND_TRIP_ARGS;
 
-BENCHMARK(send_round_trip_ours)->Name("send_round_trip/ours")->UseManualTime();
-BENCHMARK(send_round_trip_condvar)->Name("send_round_trip/condvar")->UseManualTime();
+BENCHMARK(send_round_trip_ours)->Name("send_round_trip/ours") ROUND_TRIP_ARGS;
+BENCHMARK(send_round_trip_condvar)->Name("send_round_trip/condvar") ROUND_TRIP_ARGS;
 
 // ---- idle CPU ---------------------------------------------------------------------------
 
@@ -962,6 +970,11 @@ int main(int argc, char** argv) {
                     ssb::MIN_TIMER_PRECISION_MS / 10, ssb::MIN_TIMER_PRECISION_MS);
         for (const std::string& s : idle_lines)
             std::printf("%s\n", s.c_str());
+    }
+    if (!problems().empty()) {
+        std::printf("\nFailed runs (skipped above):\n");
+        for (const std::string& p : problems())
+            std::printf("  %s\n", p.c_str());
     }
     std::printf("threads after util_uninit: %d\n", left);
     if (left != 1)

@@ -94,7 +94,8 @@ protected:
     int find_sink(msg_queue_sink_it* sink) { return sink_op(sink, false); }
     int sink_op(msg_queue_sink_it* sink, bool add);
     void signal_reader();
-    void mark_full() { m_status.store(MSG_QUEUE_STATUS_FULL, std::memory_order_relaxed); }
+    // A read-modify-write, so that it orders against the reader's empty pop.
+    void mark_full() { m_status.exchange(MSG_QUEUE_STATUS_FULL, std::memory_order_acq_rel); }
     // Counts a value in or out; true when the reader must be signalled.
     bool note_pushed(unsigned int mode);
     void note_popped(unsigned int mode);

@@ -243,10 +243,10 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     if (rv == RESULT_QUEUE_FULL) {
         mark_full();
         // The reader may have emptied the ring between the refused push and
-        // the mark, and then sleep without another pop to see it: whoever
-        // comes second of this check and the reader's empty pop hands the
-        // wake-up over (the fences order each side's store before its load).
-        std::atomic_thread_fence(std::memory_order_seq_cst);
+        // the mark, and then sleep without another pop to see it. Its empty
+        // pop and the mark are both read-modify-writes of m_status: if the
+        // mark comes second it synchronises with that pop, so this check
+        // sees the room; if it comes first, that pop sees the mark.
         if (!ring_full())
             lanuch_on_sink(sink_thread());
     }
@@ -256,12 +256,16 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
 }
 
 int msg_queue_base_t::after_pop(int rv, unsigned int mode, thread_wrapper_t* writer) {
-    if (rv == RESULT_SUCCESS)
+    uint32_t status_now;
+    if (rv == RESULT_SUCCESS) {
         note_popped(mode);
-    else
-        std::atomic_thread_fence(std::memory_order_seq_cst);  // pairs with after_push
+        status_now = status();
+    } else {
+        // The empty pop before the reader sleeps: see after_push.
+        status_now = m_status.fetch_or(0, std::memory_order_acq_rel);
+    }
     // Successful or not, a pop after a full post hands the wake-up over.
-    if (status() == MSG_QUEUE_STATUS_FULL)
+    if (status_now == MSG_QUEUE_STATUS_FULL)
         lanuch_on_sink(writer);
     return rv;
 }
