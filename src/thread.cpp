@@ -676,7 +676,11 @@ int thread_wrapper_t::post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
     w_msg_queue_it* queue = route_to(target, "post_msg_i");
     if (!queue)
         return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
-    return queue->post_msg(msg, sink);
+    const int rv = queue->post_msg(msg, sink);
+    if (rv == RESULT_QUEUE_FULL)
+        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_msg_i post_thr = " << ptr(target) << " failed, no room, sink = "
+                                                                       << ptr(sink) << ", this = " << ptr(this));
+    return rv;
 }
 
 int thread_wrapper_t::send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queue_sink_it* sink, int timeout) {

@@ -121,6 +121,7 @@ TEST_F(Threads, AFullChannelCallsTheSinkOnceOnTheWritersThread) {
     });
     EXPECT_EQ(31, accepted);
     EXPECT_EQ(RESULT_QUEUE_FULL, last);
+    EXPECT_TRUE(m_log.contains(" failed, no room, sink = "));
     // The main thread drains its channel; the wake-up travels back.
     EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
     util_test::wait_until([&] { return sink.calls.load() == 1; });
