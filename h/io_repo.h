@@ -179,8 +179,9 @@ private:
 };
 
 // Up to 64 event handles (the limit of WaitForMultipleObjects, kept on every
-// system): WaitForMultipleObjects on Windows, a poll over the events'
-// eventfds elsewhere. Only IO_READ (signalled) is reported. An auto-reset
+// system): WaitForMultipleObjects on Windows, a wait on a condition
+// variable that the events wake elsewhere. Only IO_READ (signalled) is
+// reported. An auto-reset
 // event that is reported has been reset, so it wakes one wait as on
 // Windows; a manual-reset event stays signalled and is reported on every
 // wait until reset. A pulse is not seen by these waits.

@@ -114,6 +114,41 @@ TEST(IoRepo, EventsWaitReportsTheLowestIndexConsumesAutoResetAndDispatches) {
     EXPECT_EQ(1, h.calls.load());
 }
 
+TEST(IoRepo, EachAutoResetSignalWakesExactlyOneOfTwoWaits) {
+    // Both waits sleep on the same event; a signal taken by one must send
+    // the other back to sleep, not out of its wait.
+    event_t shared;
+    std::atomic<int> reports(0), wrong(0);
+    std::atomic<bool> done(false);
+    auto waiter = [&] {
+        events_t repo;
+        recorder_t h;
+        repo.add_event(shared, &h);
+        while (!done.load()) {
+            unsigned int index = 99;
+            if (repo.wait(-1, &index, nullptr) == RESULT_SUCCESS && index == 0)
+                ++reports;
+            else
+                ++wrong;
+        }
+    };
+    std::thread a(waiter), b(waiter);
+    const int SIGNALS = 2000 / util_test::ROUNDS_SCALE;
+    for (int i = 1; i <= SIGNALS; ++i) {
+        shared.signal();
+        util_test::wait_until([&] { return reports.load() >= i; });
+    }
+    done = true;
+    for (int i = 1; i <= 2; ++i) {
+        shared.signal();
+        util_test::wait_until([&] { return reports.load() >= SIGNALS + i; });
+    }
+    a.join();
+    b.join();
+    EXPECT_EQ(SIGNALS + 2, reports.load());
+    EXPECT_EQ(0, wrong.load());
+}
+
 TEST(IoRepo, ReadableAndWritableSocketsCallTheirHandlerOnTheLoopThread) {
     select_t repo;
     notifier_sock_t peer, idle;  // loopback pairs: signal makes get_id() readable

@@ -47,8 +47,9 @@ wait_status_t mutex_lock(mutex_handle_t h, uint32_t timeout_ms);
 int mutex_unlock(mutex_handle_t h);
 
 // ---- events (Win32 semantics: manual/auto reset, pulse) -----------------
-// An event can be waited on together with other handles: on Windows it is
-// an event HANDLE, on POSIX its state is mirrored into an eventfd.
+// An event can be waited on together with other events (event_wait_any):
+// on Windows it is an event HANDLE; on POSIX a mutex and condition variable
+// with a list of the multi-event waits watching it.
 typedef void* event_handle_t;
 event_handle_t event_create(bool manual_reset, bool initially_signalled);
 void event_close(event_handle_t h);

@@ -4,7 +4,6 @@
 #include <semaphore.h>
 #include <stdint.h>
 #include <string.h>
-#include <sys/eventfd.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -95,36 +94,77 @@ int mutex_unlock(mutex_handle_t h) { return pthread_mutex_unlock(static_cast<pth
 
 // ---- event --------------------------------------------------------------------
 //
-// A Win32 event built from a mutex and a condition variable. `signalled` is
-// mirrored into an eventfd (readable while signalled) so the event can be
-// polled together with other descriptors. A pulse bumps `generation`, which
-// releases the threads already waiting without leaving the event set.
+// A Win32 event built from a mutex and a condition variable. A pulse bumps
+// `generation`, which releases the threads already waiting without leaving
+// the event set. A wait on several events (event_wait_any) links a watcher
+// into each of them; a signal wakes the watchers through their own condition
+// variable, so a sleeping thread is woken with one futex call rather than a
+// descriptor write, poll and read.
 
 namespace {
+
+struct watcher_t {
+    pthread_mutex_t mutex;
+    pthread_cond_t cond;
+    bool fired;
+};
+
+// One watcher's link in one event's list; lives on the waiting stack.
+struct watch_link_t {
+    watcher_t* watcher;
+    watch_link_t* prev;
+    watch_link_t* next;
+};
 
 struct posix_event_t {
     pthread_mutex_t mutex;
     pthread_cond_t cond;
-    int fd;
     bool manual;
     bool signalled;
     uint32_t generation;
     uint32_t waiters;
+    watch_link_t* watchers;
 };
 
-void set_state(posix_event_t* e, bool signalled) {
-    if (e->signalled == signalled)
-        return;
-    e->signalled = signalled;
-    if (signalled) {
-        uint64_t one = 1;
-        ssize_t n = write(e->fd, &one, sizeof(one));
-        (void)n;
-    } else {
-        uint64_t value;
-        ssize_t n = read(e->fd, &value, sizeof(value));
-        (void)n;
+void init_monotonic_cond(pthread_cond_t* cond) {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(cond, &attr);
+    pthread_condattr_destroy(&attr);
+}
+
+// Under the event's lock. The watcher's lock is only ever taken inside an
+// event's, never the other way round. The condition is signalled after the
+// watcher's lock is released, so the woken thread does not block on it at
+// once; the watcher stays alive meanwhile, as it cannot unlink itself from
+// this event while its lock is held here.
+void wake_watchers(posix_event_t* e) {
+    for (watch_link_t* link = e->watchers; link; link = link->next) {
+        watcher_t* w = link->watcher;
+        pthread_mutex_lock(&w->mutex);
+        const bool was_fired = w->fired;
+        w->fired = true;
+        pthread_mutex_unlock(&w->mutex);
+        if (!was_fired)
+            pthread_cond_signal(&w->cond);
     }
+}
+
+void set_state(posix_event_t* e, bool signalled) {
+    e->signalled = signalled;
+    if (signalled)
+        wake_watchers(e);
+}
+
+// Under the event's lock: takes a signal if there is one (an auto-reset
+// event resets, so it wakes one wait, as on Windows).
+bool take_signal(posix_event_t* e) {
+    if (!e->signalled)
+        return false;
+    if (!e->manual)
+        e->signalled = false;
+    return true;
 }
 
 }  // namespace
@@ -133,28 +173,18 @@ event_handle_t event_create(bool manual_reset, bool initially_signalled) {
     posix_event_t* e = new (std::nothrow) posix_event_t;
     if (!e)
         return nullptr;
-    e->fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    if (e->fd < 0) {
-        delete e;
-        return nullptr;
-    }
     pthread_mutex_init(&e->mutex, nullptr);
-    pthread_condattr_t attr;
-    pthread_condattr_init(&attr);
-    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-    pthread_cond_init(&e->cond, &attr);
-    pthread_condattr_destroy(&attr);
+    init_monotonic_cond(&e->cond);
     e->manual = manual_reset;
-    e->signalled = false;
+    e->signalled = initially_signalled;
     e->generation = 0;
     e->waiters = 0;
-    set_state(e, initially_signalled);
+    e->watchers = nullptr;
     return e;
 }
 
 void event_close(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
-    close(e->fd);
     pthread_cond_destroy(&e->cond);
     pthread_mutex_destroy(&e->mutex);
     delete e;
@@ -177,15 +207,17 @@ int event_signal(event_handle_t h) {
 int event_pulse(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
     pthread_mutex_lock(&e->mutex);
+    // Only the threads inside event_wait meet a pulse; watchers are not
+    // woken by it.
     if (e->waiters == 0) {
-        set_state(e, false);
+        e->signalled = false;
     } else if (e->manual) {
         ++e->generation;
-        set_state(e, false);
+        e->signalled = false;
         pthread_cond_broadcast(&e->cond);
     } else {
         // The one waiter that wakes takes the signal and resets the event.
-        set_state(e, true);
+        e->signalled = true;
         pthread_cond_signal(&e->cond);
     }
     pthread_mutex_unlock(&e->mutex);
@@ -219,9 +251,7 @@ wait_status_t event_wait(event_handle_t h, uint32_t timeout_ms) {
     }
     --e->waiters;
     wait_status_t status = WAIT_TIMED_OUT;
-    if (e->signalled) {
-        if (!e->manual)
-            set_state(e, false);
+    if (take_signal(e)) {
         status = WAIT_SIGNALLED;
     } else if (e->generation != generation) {
         status = WAIT_SIGNALLED;
@@ -369,25 +399,100 @@ int semaphore_value(semaphore_handle_t h, int* value) {
 }  // namespace plat
 }  // namespace ssb
 
-// ---- events in readiness waits ----------------------------------------------------
-//
-// For posix/readiness.cpp only: the eventfd is readable while the event is
-// signalled, and a poll that saw it readable takes the signal here, under the
-// event's lock, because another waiter may have taken it first.
+// ---- waiting on several events ----------------------------------------------------
 
 namespace ssb {
 namespace plat {
 
-int event_fd_of(event_handle_t h) { return static_cast<posix_event_t*>(h)->fd; }
+namespace {
 
-bool event_take_signal(event_handle_t h) {
-    posix_event_t* e = static_cast<posix_event_t*>(h);
+void unlink_watch(posix_event_t* e, watch_link_t* link) {
     pthread_mutex_lock(&e->mutex);
-    const bool signalled = e->signalled;
-    if (signalled && !e->manual)
-        set_state(e, false);
+    if (link->prev)
+        link->prev->next = link->next;
+    else
+        e->watchers = link->next;
+    if (link->next)
+        link->next->prev = link->prev;
     pthread_mutex_unlock(&e->mutex);
-    return signalled;
+}
+
+// Takes the lowest signalled event; with `links`, watches every event up to
+// the one found. The number of events linked, and *found (or count).
+size_t scan_events(const event_handle_t* events, size_t count, watch_link_t* links, size_t* found) {
+    *found = count;
+    size_t linked = 0;
+    for (size_t i = 0; i < count; ++i) {
+        posix_event_t* e = static_cast<posix_event_t*>(events[i]);
+        pthread_mutex_lock(&e->mutex);
+        const bool taken = take_signal(e);
+        if (!taken && links) {
+            links[i].prev = nullptr;
+            links[i].next = e->watchers;
+            if (e->watchers)
+                e->watchers->prev = &links[i];
+            e->watchers = &links[i];
+            ++linked;
+        }
+        pthread_mutex_unlock(&e->mutex);
+        if (taken) {
+            *found = i;
+            break;
+        }
+    }
+    return linked;
+}
+
+}  // namespace
+
+wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_t timeout_ms, size_t* index,
+                             int* error) {
+    if (count == 0 || count > EVENT_WAIT_MAX) {
+        *error = EINVAL;
+        return WAIT_ERROR;
+    }
+    struct timespec deadline;
+    if (timeout_ms != WAIT_FOREVER && timeout_ms != 0)
+        deadline = deadline_after(timeout_ms);
+    watcher_t w;
+    pthread_mutex_init(&w.mutex, nullptr);
+    init_monotonic_cond(&w.cond);
+    w.fired = false;
+    watch_link_t links[EVENT_WAIT_MAX];
+    for (size_t i = 0; i < count; ++i)
+        links[i].watcher = &w;
+    wait_status_t status = WAIT_TIMED_OUT;
+    bool timed_out = false;
+    for (;;) {
+        size_t found = count;
+        const size_t linked = scan_events(events, count, timeout_ms == 0 ? nullptr : links, &found);
+        if (found == count && timeout_ms != 0) {
+            pthread_mutex_lock(&w.mutex);
+            while (!w.fired && !timed_out) {
+                if (timeout_ms == WAIT_FOREVER)
+                    pthread_cond_wait(&w.cond, &w.mutex);
+                else
+                    timed_out = pthread_cond_timedwait(&w.cond, &w.mutex, &deadline) == ETIMEDOUT;
+            }
+            w.fired = false;
+            pthread_mutex_unlock(&w.mutex);
+        }
+        for (size_t i = 0; i < linked; ++i)
+            unlink_watch(static_cast<posix_event_t*>(events[i]), &links[i]);
+        if (found == count)
+            scan_events(events, count, nullptr, &found);
+        if (found != count) {
+            *index = found;
+            status = WAIT_SIGNALLED;
+            break;
+        }
+        // Woken for a signal another wait took first: watch again.
+        if (timed_out || timeout_ms == 0)
+            break;
+    }
+    pthread_cond_destroy(&w.cond);
+    pthread_mutex_destroy(&w.mutex);
+    return status;
 }
 
 }  // namespace plat
