@@ -1,12 +1,14 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
 #include <semaphore.h>
 #include <stdint.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 
@@ -107,6 +109,9 @@ struct watcher_t {
     pthread_mutex_t mutex;
     pthread_cond_t cond;
     bool fired;
+    // Signallers between leaving the event's lock and signalling `cond`:
+    // the waiting thread keeps the watcher until they are done.
+    std::atomic<int> signallers;
 };
 
 // One watcher's link in one event's list; lives on the waiting stack.
@@ -134,27 +139,41 @@ void init_monotonic_cond(pthread_cond_t* cond) {
     pthread_condattr_destroy(&attr);
 }
 
-// Under the event's lock. The watcher's lock is only ever taken inside an
-// event's, never the other way round. The condition is signalled after the
-// watcher's lock is released, so the woken thread does not block on it at
-// once; the watcher stays alive meanwhile, as it cannot unlink itself from
-// this event while its lock is held here.
-void wake_watchers(posix_event_t* e) {
+// The watchers woken by one signal; more than this are signalled under the
+// event's lock.
+const size_t WAKE_BATCH = 8;
+
+// Under the event's lock: marks the watchers fired and returns up to
+// WAKE_BATCH of them for wake_after_unlock. The watcher's lock is only ever
+// taken inside an event's, never the other way round.
+size_t fire_watchers(posix_event_t* e, watcher_t** batch) {
+    size_t n = 0;
     for (watch_link_t* link = e->watchers; link; link = link->next) {
         watcher_t* w = link->watcher;
         pthread_mutex_lock(&w->mutex);
         const bool was_fired = w->fired;
         w->fired = true;
         pthread_mutex_unlock(&w->mutex);
-        if (!was_fired)
+        if (was_fired)
+            continue;
+        if (n < WAKE_BATCH) {
+            w->signallers.fetch_add(1, std::memory_order_relaxed);
+            batch[n++] = w;
+        } else {
             pthread_cond_signal(&w->cond);
+        }
     }
+    return n;
 }
 
-void set_state(posix_event_t* e, bool signalled) {
-    e->signalled = signalled;
-    if (signalled)
-        wake_watchers(e);
+// After the event's lock is released, so that the woken thread, which
+// takes that lock to unlink itself, does not block on it at once and cost
+// a second wake-up.
+void wake_after_unlock(watcher_t** batch, size_t n) {
+    for (size_t i = 0; i < n; ++i) {
+        pthread_cond_signal(&batch[i]->cond);
+        batch[i]->signallers.fetch_sub(1, std::memory_order_release);
+    }
 }
 
 // Under the event's lock: takes a signal if there is one (an auto-reset
@@ -192,8 +211,10 @@ void event_close(event_handle_t h) {
 
 int event_signal(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
+    watcher_t* batch[WAKE_BATCH];
     pthread_mutex_lock(&e->mutex);
-    set_state(e, true);
+    e->signalled = true;
+    const size_t n = fire_watchers(e, batch);
     if (e->waiters) {
         if (e->manual)
             pthread_cond_broadcast(&e->cond);
@@ -201,6 +222,7 @@ int event_signal(event_handle_t h) {
             pthread_cond_signal(&e->cond);
     }
     pthread_mutex_unlock(&e->mutex);
+    wake_after_unlock(batch, n);
     return 0;
 }
 
@@ -227,7 +249,7 @@ int event_pulse(event_handle_t h) {
 int event_reset(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
     pthread_mutex_lock(&e->mutex);
-    set_state(e, false);
+    e->signalled = false;
     pthread_mutex_unlock(&e->mutex);
     return 0;
 }
@@ -458,6 +480,7 @@ wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_
     pthread_mutex_init(&w.mutex, nullptr);
     init_monotonic_cond(&w.cond);
     w.fired = false;
+    w.signallers.store(0, std::memory_order_relaxed);
     watch_link_t links[EVENT_WAIT_MAX];
     for (size_t i = 0; i < count; ++i)
         links[i].watcher = &w;
@@ -490,6 +513,8 @@ wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_
         if (timed_out || timeout_ms == 0)
             break;
     }
+    while (w.signallers.load(std::memory_order_acquire) != 0)
+        sched_yield();
     pthread_cond_destroy(&w.cond);
     pthread_mutex_destroy(&w.mutex);
     return status;
