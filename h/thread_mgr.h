@@ -86,6 +86,9 @@ private:
     thread_mgr_t(const thread_mgr_t&);
     thread_mgr_t& operator=(const thread_mgr_t&);
 
+    // Stores `value` in the calling thread's slot; the assertion `refusal`
+    // and 12 without a key.
+    static int set_tls(thread_wrapper_t* thr, thread_wrapper_t* value, const char* refusal);
     // Registers and binds `thr` (the list's reference is the caller's).
     void enlist(thread_wrapper_t* thr);
     // Binds `thr` with the timer driver, or a new timer driver with every

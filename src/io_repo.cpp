@@ -18,9 +18,6 @@ uint32_t wait_ms_of(int timeout_ms) {
     return timeout_ms < 0 ? plat::WAIT_FOREVER : static_cast<uint32_t>(timeout_ms);
 }
 
-// Handles are logged signed, so a closed one reads -1 on every system.
-long long printable(io_handle_t h) { return static_cast<long long>(static_cast<intptr_t>(h)); }
-
 }  // namespace
 
 // ---- io_repo_t ------------------------------------------------------------------
@@ -43,7 +40,7 @@ int io_repo_t::add_fd(io_handle_t handle, uint32_t mask, io_handler_it* handler)
                 return RESULT_ALREADY_EXISTS;
         if (m_entries.size() >= m_capacity) {
             UTIL_LOG(LOG_ERROR, m_name << "::add_fd register already full"
-                                       << ", handle = " << printable(handle) << ", count = " << m_entries.size()
+                                       << ", handle = " << log_handle(handle) << ", count = " << m_entries.size()
                                        << ", this = " << this);
             return RESULT_OUT_OF_LIMIT;
         }
@@ -339,8 +336,8 @@ int notifier_handler_t::detach() {
 void notifier_handler_t::on_ready(io_handle_t handle, uint32_t events) {
     if (events & IO_ERROR) {
         // A broken pair stays ready for ever; keeping it would spin the loop.
-        UTIL_LOG(LOG_ERROR, "notifier_handler_t::on_ready() the notifier failed, handle = "
-                                << printable(handle) << ", this = " << this);
+        UTIL_LOG(LOG_ERROR, "notifier_handler_t::on_ready() the notifier failed, handle = " << log_handle(handle)
+                                                                                            << ", this = " << this);
         m_repo->remove_fd(handle);
         return;
     }

@@ -29,9 +29,6 @@ const uint32_t MAX_ACCEPT_MS = 200;
 
 const unsigned char SIGNAL_BYTE = 'n';
 
-// Handles are logged signed, so a closed one reads -1 on every system.
-long long printable(notifier_handle_t h) { return static_cast<long long>(static_cast<intptr_t>(h)); }
-
 }  // namespace
 
 // ---- socket layer -------------------------------------------------------------
@@ -93,8 +90,8 @@ notifier_handle_t notifier_sock_t::get_id() const { return m_handle[0].load(std:
 
 void notifier_sock_t::close() {
     UTIL_LOG(LOG_INFO, "notifier_sock_t::close()"
-                           << ", m_handle[0] = " << printable(m_handle[0].load(std::memory_order_relaxed))
-                           << ", m_handle[1] = " << printable(m_handle[1].load(std::memory_order_relaxed))
+                           << ", m_handle[0] = " << log_handle(m_handle[0].load(std::memory_order_relaxed))
+                           << ", m_handle[1] = " << log_handle(m_handle[1].load(std::memory_order_relaxed))
                            << ", this =" << this);
     for (std::atomic<notifier_handle_t>& handle : m_handle) {
         notifier_handle_t h = handle.exchange(INVALID_NOTIFIER_HANDLE, std::memory_order_relaxed);
@@ -130,19 +127,19 @@ int notifier_sock_t::open_pair(notifier_handle_t& listener, uint32_t start_tick)
     error = plat::socket_bind_loopback(listener, 0);
     if (error != 0) {
         UTIL_LOG(LOG_ERROR,
-                 " notifier_sock_t::open() bind failed,handle = " << printable(listener) << ",  errno = " << error);
+                 " notifier_sock_t::open() bind failed,handle = " << log_handle(listener) << ",  errno = " << error);
         return RESULT_FAILURE;
     }
     error = plat::socket_listen(listener, LISTEN_BACKLOG);
     if (error != 0) {
         UTIL_LOG(LOG_ERROR,
-                 " notifier_sock_t::open() listen failed, handle = " << printable(listener) << ", errno = " << error);
+                 " notifier_sock_t::open() listen failed, handle = " << log_handle(listener) << ", errno = " << error);
         return RESULT_FAILURE;
     }
     uint16_t port = 0;
     error = plat::socket_local_port(listener, &port);
     if (error != 0) {
-        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() getsockname failed, handle = " << printable(listener)
+        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() getsockname failed, handle = " << log_handle(listener)
                                                                                      << ", errno = " << error);
         return RESULT_FAILURE;
     }
@@ -150,8 +147,8 @@ int notifier_sock_t::open_pair(notifier_handle_t& listener, uint32_t start_tick)
     notifier_handle_t read_end = INVALID_NOTIFIER_HANDLE;
     error = plat::socket_open_tcp4(&read_end);
     if (error != 0) {
-        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() socket_open failed, handle = " << printable(read_end)
-                                                                                    << ", errno = " << error);
+        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() socket_open failed, handle = " << log_handle(read_end)
+                                                                                     << ", errno = " << error);
         return RESULT_FAILURE;
     }
     m_handle[0].store(read_end, std::memory_order_relaxed);
@@ -160,7 +157,7 @@ int notifier_sock_t::open_pair(notifier_handle_t& listener, uint32_t start_tick)
     error = plat::socket_connect_loopback(read_end, port);
     if (error != 0 && !plat::socket_connect_pending(error)) {
         UTIL_LOG(LOG_ERROR,
-                 " notifier_sock_t::open() connect failed, handle = " << printable(read_end) << ", errno = " << error);
+                 " notifier_sock_t::open() connect failed, handle = " << log_handle(read_end) << ", errno = " << error);
         return RESULT_FAILURE;
     }
 
@@ -178,8 +175,8 @@ int notifier_sock_t::open_pair(notifier_handle_t& listener, uint32_t start_tick)
         thread_yield();
     }
     if (error != 0) {
-        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() accept failed and skip it, handle = "
-                                << printable(listener) << ", errno = " << error);
+        UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() accept failed and skip it, handle = " << log_handle(listener)
+                                                                                            << ", errno = " << error);
         return RESULT_FAILURE;
     }
     m_handle[1].store(write_end, std::memory_order_relaxed);
@@ -191,10 +188,11 @@ int notifier_sock_t::open_pair(notifier_handle_t& listener, uint32_t start_tick)
     // for the peer's delayed ACK; a failure only costs latency.
     plat::socket_set_nodelay(write_end);
     UTIL_LOG(LOG_INFO, " notifier_sock_t::open() successful, read handle = "
-                           << printable(read_end) << ", write handle = " << printable(write_end) << ", "
-                           << "accept_times" << " = " << accept_times << ", "
-                           << "accept_tick.elapsed()" << " = " << (tick_strategy::now() - start_tick) << ", this ="
-                           << this);
+                           << log_handle(read_end) << ", write handle = " << log_handle(write_end) << ", "
+                           << "accept_times"
+                           << " = " << accept_times << ", "
+                           << "accept_tick.elapsed()"
+                           << " = " << (tick_strategy::now() - start_tick) << ", this =" << this);
     return RESULT_SUCCESS;
 }
 
@@ -202,8 +200,8 @@ bool notifier_sock_t::set_nonblocking(notifier_handle_t s) {
     int error = plat::socket_set_nonblocking(s);
     if (error == 0)
         return true;
-    UTIL_LOG(LOG_ERROR, " notifier_sock_t::open() ioctlsocket failed, handle = " << printable(s) << ", errno = "
-                                                                                << error);
+    UTIL_LOG(LOG_ERROR,
+             " notifier_sock_t::open() ioctlsocket failed, handle = " << log_handle(s) << ", errno = " << error);
     return false;
 }
 
@@ -308,8 +306,8 @@ int notifier_sock_t::wait_readable(notifier_handle_t read_end, int timeout_ms, b
             m_set.store(0, std::memory_order_seq_cst);
             return RESULT_SUCCESS;
         }
-        UTIL_LOG(LOG_ERROR, "notifier_sock_t::wait fd =" << printable(read_end) << ", errno =" << error
-                                                         << ", this =" << this);
+        UTIL_LOG(LOG_ERROR,
+                 "notifier_sock_t::wait fd =" << log_handle(read_end) << ", errno =" << error << ", this =" << this);
         return RESULT_FAILURE;
     }
     default:
@@ -431,15 +429,15 @@ int notifier_pipe_t::open() {
     }
     m_set.store(0, std::memory_order_relaxed);
     UTIL_LOG(LOG_INFO, " notifier_pipe_t::open() successful, read handle = "
-                           << printable(m_pipe.read_handle()) << ", write handle = "
-                           << printable(m_pipe.write_handle()) << ", this =" << this);
+                           << log_handle(m_pipe.read_handle())
+                           << ", write handle = " << log_handle(m_pipe.write_handle()) << ", this =" << this);
     return RESULT_SUCCESS;
 }
 
 void notifier_pipe_t::close() {
     UTIL_LOG(LOG_INFO, "notifier_pipe_t::close()"
-                           << ", read handle = " << printable(m_pipe.read_handle())
-                           << ", write handle = " << printable(m_pipe.write_handle()) << ", this =" << this);
+                           << ", read handle = " << log_handle(m_pipe.read_handle())
+                           << ", write handle = " << log_handle(m_pipe.write_handle()) << ", this =" << this);
     m_pipe.close();
 }
 
@@ -512,7 +510,7 @@ int notifier_pipe_t::wait(int timeout_ms, bool peek) {
     rv = m_pipe.read(&byte, 1, &done, &error);
     if (done == 1)
         return RESULT_SUCCESS;
-    UTIL_LOG(LOG_ERROR, "notifier_pipe_t::wait fd =" << printable(m_pipe.read_handle()) << ", errno =" << error
+    UTIL_LOG(LOG_ERROR, "notifier_pipe_t::wait fd =" << log_handle(m_pipe.read_handle()) << ", errno =" << error
                                                      << ", this =" << this);
     return RESULT_FAILURE;
 }

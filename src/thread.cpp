@@ -12,8 +12,6 @@ namespace {
 
 const char SOURCE_PATH[] = "thread";
 
-void* ptr(const void* p) { return const_cast<void*>(p); }
-
 // Stops a loop on its own thread; sent by stop() from another thread.
 class stop_thread_msg_t : public msg_it {
 public:
@@ -21,10 +19,10 @@ public:
         : msg_it(MSG_TYPE_STOP_THREAD, 1, MSG_TIMEOUT_NEVER, false), m_from(from), m_to(to) {}
 
     void on_message() override {
-        UTIL_LOG(LOG_INFO, "stop_thread_msg_t::on_message, from = " << ptr(m_from) << ", to = " << ptr(m_to)
-                                                                    << ", this = " << ptr(this));
+        UTIL_LOG(LOG_INFO, "stop_thread_msg_t::on_message, from = " << log_ptr(m_from) << ", to = " << log_ptr(m_to)
+                                                                    << ", this = " << log_ptr(this));
         if (!m_to) {
-            UTIL_ASSERT_LINE(SOURCE_PATH, 888, ", this = " << ptr(this));
+            UTIL_ASSERT_LINE(SOURCE_PATH, 888, ", this = " << log_ptr(this));
             return;
         }
         m_to->stop_i(m_from);
@@ -41,16 +39,20 @@ class create_ch_msg_t : public msg_it {
 public:
     create_ch_msg_t(thread_wrapper_t* from, thread_wrapper_t* to, r_msg_queue_it* r, w_msg_queue_it* w, int* result)
         : msg_it(MSG_TYPE_CREATE_CHANNEL, 1, MSG_TIMEOUT_NEVER, false),
-          m_from(from), m_to(to), m_read(r), m_write(w), m_result(result) {
+          m_from(from),
+          m_to(to),
+          m_read(r),
+          m_write(w),
+          m_result(result) {
         m_read->increment();
         m_write->increment();
     }
 
     void on_message() override {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::create_ch_msg_t::on_message from = "
-                               << ptr(m_from) << ", to = " << ptr(m_to) << ", this = " << ptr(this));
+                               << log_ptr(m_from) << ", to = " << log_ptr(m_to) << ", this = " << log_ptr(this));
         if (!m_from || !m_to) {
-            UTIL_ASSERT_LINE(SOURCE_PATH, 572, ", from = " << ptr(m_from) << ", to = " << ptr(m_to));
+            UTIL_ASSERT_LINE(SOURCE_PATH, 572, ", from = " << log_ptr(m_from) << ", to = " << log_ptr(m_to));
             return;
         }
         const int rv = m_to->bind_queue(m_from, m_read, m_write);
@@ -83,7 +85,7 @@ public:
 
     void on_message() override {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::release_ch_msg_t::on_message from = "
-                               << ptr(m_from) << ", to = " << ptr(m_to) << ", this = " << ptr(this));
+                               << log_ptr(m_from) << ", to = " << log_ptr(m_to) << ", this = " << log_ptr(this));
         const int rv = m_to->detach_queue(m_from);
         if (m_result)
             *m_result = rv;
@@ -121,17 +123,16 @@ thread_wrapper_t::thread_wrapper_t(unsigned int mode, unsigned int type, unsigne
       m_pending(nullptr),
       m_pending_for(nullptr) {
     UTIL_LOG(LOG_INFO, "thread_wrapper_t::thread_wrapper_t, mode = "
-                           << mode << ", id = " << get_id() << ", type = " << type
-                           << ", thr_manager = " << ptr(thr_manager) << ", waits = " << waits
-                           << ", interact_timer = " << interact_timer << ", m_timer_precision = "
-                           << get_timer_precision() << ", this = " << ptr(this));
+                           << mode << ", id = " << get_id() << ", type = " << type << ", thr_manager = "
+                           << log_ptr(thr_manager) << ", waits = " << waits << ", interact_timer = " << interact_timer
+                           << ", m_timer_precision = " << get_timer_precision() << ", this = " << log_ptr(this));
     // Any thread may write the control queue; its reader is this loop.
     m_ctrl_queue = new msg_queue_t(nullptr, nullptr, queue_size, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
     m_ctrl_queue->increment();
 }
 
 thread_wrapper_t::~thread_wrapper_t() {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::~thread_wrapper_t, id = " << get_id() << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::~thread_wrapper_t, id = " << get_id() << ", this = " << log_ptr(this));
     // Normally empty by now: stop_i released the channels. A wrapper that
     // never stopped lets go of its peers here.
     for (channel_t& c : m_channels) {
@@ -154,16 +155,18 @@ thread_wrapper_t::~thread_wrapper_t() {
 }
 
 unsigned int thread_wrapper_t::start(void (*)(void*), void*, unsigned int, unsigned int) {
-    UTIL_ASSERT_LINE(SOURCE_PATH, 1814, ", this = " << ptr(this));
+    UTIL_ASSERT_LINE(SOURCE_PATH, 1814, ", this = " << log_ptr(this));
     return 0;
 }
 
-notifier_it* thread_wrapper_t::make_notifier(unsigned int waits) { return new notifier_event_t(waits != 0, false, false); }
+notifier_it* thread_wrapper_t::make_notifier(unsigned int waits) {
+    return new notifier_event_t(waits != 0, false, false);
+}
 
 int thread_wrapper_t::open_notifier(unsigned int waits) {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::open_notifier, waits = " << waits << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::open_notifier, waits = " << waits << ", this = " << log_ptr(this));
     if (m_notifier) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 1751, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 1751, ", this = " << log_ptr(this));
         return RESULT_ALREADY_EXISTS;
     }
     m_notifier = make_notifier(waits);
@@ -177,7 +180,7 @@ int thread_wrapper_t::wait(unsigned int timeout_ms) {
     if (!m_idle)
         return RESULT_SUCCESS;
     if (!m_notifier) {
-        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::wait notifier is empty, this = " << ptr(this));
+        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::wait notifier is empty, this = " << log_ptr(this));
         plat::sleep_ms(timeout_ms == WAIT_INFINITE_MS ? 0 : timeout_ms);
         return RESULT_SUCCESS;
     }
@@ -188,7 +191,7 @@ bool thread_wrapper_t::run_pass() {
     if (is_pending()) {
         const int rv = try_pending_msg();
         if (rv != RESULT_SUCCESS && rv != RESULT_QUEUE_FULL)
-            UTIL_LOG(LOG_ERROR, "thread_wrapper_t::thread_run failed to pending message, this = " << ptr(this));
+            UTIL_LOG(LOG_ERROR, "thread_wrapper_t::thread_run failed to pending message, this = " << log_ptr(this));
     }
     const unsigned int load = process_msg(WAIT_INFINITE_MS);
     // A pass cut short by a channel change may have left messages behind
@@ -200,7 +203,7 @@ bool thread_wrapper_t::run_pass() {
 void thread_wrapper_t::abandon() {
     unsigned int status = m_status.exchange(THREAD_STOPPED, std::memory_order_acq_rel);
     if (status != THREAD_STOPPED)
-        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::abandon() the loop ended without stop, this = " << ptr(this));
+        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::abandon() the loop ended without stop, this = " << log_ptr(this));
     drain_all();
 }
 
@@ -218,13 +221,15 @@ void thread_wrapper_t::thread_run(void*) {
 unsigned int thread_wrapper_t::run_msg(msg_it* msg, bool control) {
     if (msg->overtime()) {
         if (control)
-            UTIL_LOG(LOG_WARNING, "thread_wrapper_t::process_msg() the control msg already overtime, "
-                                  "(uint32_t)msg->get_type() = "
-                                      << static_cast<uint32_t>(msg->get_type()) << ", this = " << ptr(this));
+            UTIL_LOG(LOG_WARNING,
+                     "thread_wrapper_t::process_msg() the control msg already overtime, "
+                     "(uint32_t)msg->get_type() = "
+                         << static_cast<uint32_t>(msg->get_type()) << ", this = " << log_ptr(this));
         else
-            UTIL_LOG(LOG_WARNING, "thread_wrapper_t::process_msg() the msg already overtime, "
-                                  "(uint32_t)msg->get_type() = "
-                                      << static_cast<uint32_t>(msg->get_type()) << ", this = " << ptr(this));
+            UTIL_LOG(LOG_WARNING,
+                     "thread_wrapper_t::process_msg() the msg already overtime, "
+                     "(uint32_t)msg->get_type() = "
+                         << static_cast<uint32_t>(msg->get_type()) << ", this = " << log_ptr(this));
         msg->release();
         return 0;
     }
@@ -248,12 +253,12 @@ void thread_wrapper_t::drain_all() {
 
 unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     if (is_stopped()) {
-        UTIL_LOG(LOG_INFO, "thread_wrapper_t::process_msg already has been stopped, this = " << ptr(this));
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::process_msg already has been stopped, this = " << log_ptr(this));
         return 0;
     }
     if (!m_ctrl_queue) {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::process_msg waiting for control message has been created, this = "
-                               << ptr(this));
+                               << log_ptr(this));
         return 0;
     }
     const unsigned int bound = max < THREAD_PASS_LOAD ? max : THREAD_PASS_LOAD;
@@ -274,9 +279,10 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
             if (m_bind_changed) {
                 // The list may have moved under the index; the control
                 // queue waits for the next pass.
-                UTIL_LOG(LOG_INFO, "thread_wrapper_t::process_msg the thread bind list has been changed by event in "
-                                   "message queue, this = "
-                                       << ptr(this));
+                UTIL_LOG(LOG_INFO,
+                         "thread_wrapper_t::process_msg the thread bind list has been changed by event in "
+                         "message queue, this = "
+                             << log_ptr(this));
                 m_bind_changed = false;
                 m_in_pass = false;
                 m_cut_short = true;
@@ -286,7 +292,7 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     }
     m_in_pass = false;
     if (total >= THREAD_PASS_LOAD)
-        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::process_msg, loads = " << total << ", this = " << ptr(this));
+        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::process_msg, loads = " << total << ", this = " << log_ptr(this));
     msg_it* msg = nullptr;
     while (!is_stopped() && m_ctrl_queue->pop_msg(msg) == RESULT_SUCCESS)
         total += run_msg(msg, true);
@@ -314,13 +320,14 @@ int thread_wrapper_t::request_stop() {
 
 int thread_wrapper_t::stop() {
     UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop(), m_status = " << m_status.load() << ", m_type = " << m_type
-                                                               << ", id = " << get_id() << ", this = " << ptr(this));
+                                                               << ", id = " << get_id()
+                                                               << ", this = " << log_ptr(this));
     unsigned int expected = THREAD_RUNNING;
     // Only the first caller goes on: a second stop() returns 9.
     if (!m_status.compare_exchange_strong(expected, THREAD_STOPPING, std::memory_order_acq_rel))
         return RESULT_NOTHING_TO_DO;
     if (on_own_thread()) {
-        UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop() same thread with id " << get_id() << ", this = " << ptr(this));
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop() same thread with id " << get_id() << ", this = " << log_ptr(this));
         return stop_i(this);
     }
     thread_wrapper_t* caller = calling_thread();
@@ -342,14 +349,13 @@ int thread_wrapper_t::stop() {
 
 int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
     m_status.store(THREAD_STOPPED, std::memory_order_release);
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i, running = " << is_running() << ", sef_id = " << get_id()
-                                                              << ", from = " << ptr(from)
-                                                              << ", from_id = " << (from ? from->get_id() : 0)
-                                                              << ", queue_size = " << m_queue_size
-                                                              << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i, running = "
+                           << is_running() << ", sef_id = " << get_id() << ", from = " << log_ptr(from)
+                           << ", from_id = " << (from ? from->get_id() : 0) << ", queue_size = " << m_queue_size
+                           << ", this = " << log_ptr(this));
     if (!on_own_thread()) {
         UTIL_ASSERT_MSG("thread_wrapper_t::stop_i MUST IN SAME THREAD!", SOURCE_PATH, __LINE__,
-                        ", this = " << ptr(this));
+                        ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
     {
@@ -374,7 +380,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
     // ran a requested stop late): ask for the current one.
     thread_mgr_t* mgr = thread_mgr_t::holder();
     if (!mgr)
-        UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i could not get thread manager instance, this = " << ptr(this));
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i could not get thread manager instance, this = " << log_ptr(this));
     else
         mgr->detach(this);
     return RESULT_SUCCESS;
@@ -387,22 +393,22 @@ void thread_wrapper_t::init_tls() {
     if (m_mode != THREAD_MODE_WRAP || get_id() == 0)
         m_id.store(tid, std::memory_order_relaxed);
     if (get_id() != tid) {
-        UTIL_ASSERT_MSG("thread_wrapper_t::init_tls() should be in same thread, id = " << get_id()
-                                                                                       << ", current id = " << tid,
-                        SOURCE_PATH, 1657, ", this = " << ptr(this));
+        UTIL_ASSERT_MSG(
+            "thread_wrapper_t::init_tls() should be in same thread, id = " << get_id() << ", current id = " << tid,
+            SOURCE_PATH, 1657, ", this = " << log_ptr(this));
         return;
     }
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::init_tls(), m_thread_manager = " << ptr(m_thread_manager)
-                                                                           << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::init_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
+                                                                           << ", this = " << log_ptr(this));
     thread_mgr_t::register_tls(this);
 }
 
 void thread_wrapper_t::cleanup_tls() {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::cleanup_tls(), m_thread_manager = " << ptr(m_thread_manager)
-                                                                              << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::cleanup_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
+                                                                              << ", this = " << log_ptr(this));
     if (!on_own_thread()) {
         UTIL_ASSERT_MSG("thread_wrapper_t::cleanup_tls() should be in same thread, current tid = " << get_cur_tid(),
-                        SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return;
     }
     thread_mgr_t::unregister_tls(this);
@@ -414,11 +420,12 @@ thread_wrapper_t* thread_wrapper_t::self() { return thread_mgr_t::tls_value(); }
 int thread_wrapper_t::adjust_timer_precision(unsigned int ms) {
     if (ms < MIN_TIMER_PRECISION_MS || ms > MAX_TIMER_PRECISION_MS) {
         UTIL_ASSERT_MSG("thread_wrapper_t::adjust_timer_precision should in scope[ticks_helper::MIN_INTERVAL, 1000ms]",
-                        SOURCE_PATH, 1620, ", ms = " << ms << ", this = " << ptr(this));
+                        SOURCE_PATH, 1620, ", ms = " << ms << ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
     UTIL_LOG(LOG_INFO, "thread_wrapper_t::adjust_timer_precision, m_timer_precision = "
-                           << get_timer_precision() << ", new_timer_precision = " << ms << ", this = " << ptr(this));
+                           << get_timer_precision() << ", new_timer_precision = " << ms
+                           << ", this = " << log_ptr(this));
     m_timer_precision.store(ms, std::memory_order_relaxed);
     return RESULT_SUCCESS;
 }
@@ -432,8 +439,7 @@ thread_wrapper_t::channel_t* thread_wrapper_t::find_channel(thread_wrapper_t* pe
     return nullptr;
 }
 
-int thread_wrapper_t::bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r,
-                               w_msg_queue_it* w) {
+int thread_wrapper_t::bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w) {
     if (end->on_own_thread())
         return end->bind_queue(peer, r, w);
     int result = RESULT_SUCCESS;
@@ -441,8 +447,8 @@ int thread_wrapper_t::bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_
     const int rv = end->send_ctrl_msg(msg, nullptr, -1);
     if (rv != RESULT_SUCCESS) {
         msg->release();
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::create_channel() bind_thr = " << ptr(end) << " failed, rv = " << rv
-                                                                             << ", peer = " << ptr(peer));
+        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::create_channel() bind_thr = " << log_ptr(end) << " failed, rv = " << rv
+                                                                             << ", peer = " << log_ptr(peer));
         return rv;
     }
     return result;
@@ -464,22 +470,21 @@ int thread_wrapper_t::unbind_end(thread_wrapper_t* end, thread_wrapper_t* peer, 
 int thread_wrapper_t::create_channel(thread_wrapper_t* bind_thr, unsigned int read_capacity,
                                      unsigned int write_capacity) {
     if (!bind_thr) {
-        UTIL_ASSERT_MSG("thread_wrapper_t::create_channel bind thread should valid!, bind_thr = " << ptr(bind_thr),
-                        SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+        UTIL_ASSERT_MSG("thread_wrapper_t::create_channel bind thread should valid!, bind_thr = " << log_ptr(bind_thr),
+                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
     if (bind_thr == this) {
         UTIL_ASSERT_MSG("thread_wrapper_t::create_channel bind thread should not be itself", SOURCE_PATH, __LINE__,
-                        ", this = " << ptr(this));
+                        ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::create_channel(), bind_thr = " << ptr(bind_thr) << ", read_capacity = "
-                                                                         << read_capacity << ", write_capacity = "
-                                                                         << write_capacity << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::create_channel(), bind_thr = "
+                           << log_ptr(bind_thr) << ", read_capacity = " << read_capacity
+                           << ", write_capacity = " << write_capacity << ", this = " << log_ptr(this));
     // Writers signal only an empty queue: the reader drains per wake-up.
     o2o_msg_queue_t* r = new o2o_msg_queue_t(m_notifier, bind_thr, read_capacity, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
-    o2o_msg_queue_t* w =
-        new o2o_msg_queue_t(bind_thr->m_notifier, this, write_capacity, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    o2o_msg_queue_t* w = new o2o_msg_queue_t(bind_thr->m_notifier, this, write_capacity, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
     r->increment();
     w->increment();
     int rv = bind_end(bind_thr, this, w, r);
@@ -494,7 +499,8 @@ int thread_wrapper_t::create_channel(thread_wrapper_t* bind_thr, unsigned int re
 }
 
 int thread_wrapper_t::release_channel(thread_wrapper_t* bind_thr) {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::release_channel() bind_thr = " << ptr(bind_thr) << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO,
+             "thread_wrapper_t::release_channel() bind_thr = " << log_ptr(bind_thr) << ", this = " << log_ptr(this));
     if (!bind_thr)
         return RESULT_INVALID_ARG;
     bind_thr->increment();
@@ -507,22 +513,20 @@ int thread_wrapper_t::release_channel(thread_wrapper_t* bind_thr) {
 }
 
 int thread_wrapper_t::bind_queue(thread_wrapper_t* bind_thr, r_msg_queue_it* r_queue, w_msg_queue_it* w_queue) {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::bind_queue, self_id = " << get_id() << ", bind_thr = " << ptr(bind_thr)
-                                                                  << ", r_queue = " << ptr(r_queue)
-                                                                  << ", w_queue = " << ptr(w_queue)
-                                                                  << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::bind_queue, self_id = "
+                           << get_id() << ", bind_thr = " << log_ptr(bind_thr) << ", r_queue = " << log_ptr(r_queue)
+                           << ", w_queue = " << log_ptr(w_queue) << ", this = " << log_ptr(this));
     if (!bind_thr || !r_queue || !w_queue)
         return RESULT_INVALID_ARG;
     if (!on_own_thread()) {
         UTIL_ASSERT_MSG("thread_wrapper_t::bind_queue should be in same thread, current tid = " << get_cur_tid(),
-                        SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
     if (find_channel(bind_thr)) {
-        UTIL_LOG(LOG_INFO, "thread_wrapper_t::bind_queue bind_thr = " << ptr(bind_thr)
-                                                                      << " already be existed, skip it, this = "
-                                                                      << ptr(this));
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::bind_queue bind_thr = "
+                               << log_ptr(bind_thr) << " already be existed, skip it, this = " << log_ptr(this));
         return RESULT_ALREADY_EXISTS;
     }
     bind_thr->increment();
@@ -535,17 +539,18 @@ int thread_wrapper_t::bind_queue(thread_wrapper_t* bind_thr, r_msg_queue_it* r_q
 }
 
 int thread_wrapper_t::detach_queue(thread_wrapper_t* bind_thr) {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::detach_queue bind_thr = " << ptr(bind_thr) << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO,
+             "thread_wrapper_t::detach_queue bind_thr = " << log_ptr(bind_thr) << ", this = " << log_ptr(this));
     if (!on_own_thread()) {
         UTIL_ASSERT_MSG("thread_wrapper_t::detach_queue should be in same thread, current tid = " << get_cur_tid(),
-                        SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
     channel_t* c = find_channel(bind_thr);
     if (!c) {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::detach_queue has not found reader queue for bind_thr = "
-                               << ptr(bind_thr) << ", this = " << ptr(this));
+                               << log_ptr(bind_thr) << ", this = " << log_ptr(this));
         return RESULT_NOT_FOUND;
     }
     channel_t gone = *c;
@@ -554,7 +559,8 @@ int thread_wrapper_t::detach_queue(thread_wrapper_t* bind_thr) {
         m_bind_changed = true;
     if (!gone.read->is_empty())
         UTIL_LOG(LOG_WARNING, "thread_wrapper_t::release_channel, bind_thr = "
-                                  << ptr(bind_thr) << " has pending message, should be release, this = " << ptr(this));
+                                  << log_ptr(bind_thr)
+                                  << " has pending message, should be release, this = " << log_ptr(this));
     drain(gone.read);
     m_retired.push_back(gone.read);
     gone.write->decrement();
@@ -564,8 +570,8 @@ int thread_wrapper_t::detach_queue(thread_wrapper_t* bind_thr) {
 
 r_msg_queue_it* thread_wrapper_t::get_read_msgq(thread_wrapper_t* peer) {
     if (peer == this) {
-        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::get_read_msgq() should return control message queue, this = "
-                                  << ptr(this));
+        UTIL_LOG(LOG_WARNING,
+                 "thread_wrapper_t::get_read_msgq() should return control message queue, this = " << log_ptr(this));
         return m_ctrl_queue;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
@@ -575,8 +581,8 @@ r_msg_queue_it* thread_wrapper_t::get_read_msgq(thread_wrapper_t* peer) {
 
 w_msg_queue_it* thread_wrapper_t::get_write_msgq(thread_wrapper_t* peer) {
     if (peer == this) {
-        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::get_write_msgq() should return control message queue, this = "
-                                  << ptr(this));
+        UTIL_LOG(LOG_WARNING,
+                 "thread_wrapper_t::get_write_msgq() should return control message queue, this = " << log_ptr(this));
         return m_ctrl_queue;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
@@ -593,9 +599,8 @@ bool thread_wrapper_t::is_available(thread_wrapper_t* peer) {
     // A bound peer is alive (the channel holds it), so asking it is safe.
     if (bound && peer->is_running())
         return true;
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::is_available, peer = " << ptr(peer)
-                                                                 << " already has been not availabed, this = "
-                                                                 << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::is_available, peer = "
+                           << log_ptr(peer) << " already has been not availabed, this = " << log_ptr(this));
     return false;
 }
 
@@ -606,18 +611,18 @@ unsigned int thread_wrapper_t::channel_count() {
 
 void thread_wrapper_t::dump_queue() {
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::dump_queue() self_id = [" << get_id() << "], this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::dump_queue() self_id = [" << get_id() << "], this = " << log_ptr(this));
     for (const channel_t& c : m_channels)
-        UTIL_LOG(LOG_INFO, "thread_wrapper_t::dump_queue(), peer_thr = " << ptr(c.peer) << ", readq = "
-                                                                         << ptr(c.read) << ", writeq = "
-                                                                         << ptr(c.write));
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::dump_queue(), peer_thr = " << log_ptr(c.peer)
+                                                                         << ", readq = " << log_ptr(c.read)
+                                                                         << ", writeq = " << log_ptr(c.write));
 }
 
 // ---- delivery -------------------------------------------------------------------
 
 int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     if (!is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();
@@ -634,12 +639,12 @@ int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
 
 int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) {
     if (!is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();
     if (caller == this || (!caller && on_own_thread())) {
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::send_msg cannot send event to self, this = " << ptr(this));
+        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::send_msg cannot send event to self, this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
     if (!caller)
@@ -658,15 +663,15 @@ thread_wrapper_t* thread_wrapper_t::calling_thread() {
 
 w_msg_queue_it* thread_wrapper_t::route_to(thread_wrapper_t* target, const char* name) {
     if (!target || !target->is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << ptr(target) << ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << log_ptr(target) << ", this = " << log_ptr(this));
         return nullptr;
     }
     // The calling thread reads its own list without the lock: only it
     // changes the list.
     channel_t* c = find_channel(target);
     if (!c) {
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::" << name << " has been not found , post_thr = " << ptr(target)
-                                                 << ", this = " << ptr(this));
+        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::" << name << " has been not found , post_thr = " << log_ptr(target)
+                                                 << ", this = " << log_ptr(this));
         return nullptr;
     }
     return c->write;
@@ -678,8 +683,9 @@ int thread_wrapper_t::post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
         return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
     const int rv = queue->post_msg(msg, sink);
     if (rv == RESULT_QUEUE_FULL)
-        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_msg_i post_thr = " << ptr(target) << " failed, no room, sink = "
-                                                                       << ptr(sink) << ", this = " << ptr(this));
+        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_msg_i post_thr = " << log_ptr(target)
+                                                                       << " failed, no room, sink = " << log_ptr(sink)
+                                                                       << ", this = " << log_ptr(this));
     return rv;
 }
 
@@ -691,21 +697,21 @@ int thread_wrapper_t::send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
 }
 
 int thread_wrapper_t::post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink) {
-    UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_ctrl_msg msg = " << ptr(msg) << ", (uint32_t)m_id = " << get_id()
-                                                                << ", this = " << ptr(this));
+    UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_ctrl_msg msg = " << log_ptr(msg) << ", (uint32_t)m_id = " << get_id()
+                                                                 << ", this = " << log_ptr(this));
     if (is_stopped()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
     return m_ctrl_queue->post_msg(msg, sink);
 }
 
 int thread_wrapper_t::send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) {
-    UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::send_ctrl_msg msg = " << ptr(msg) << ", (uint32_t)m_id = " << get_id()
-                                                                << ", timeout = " << timeout
-                                                                << ", this = " << ptr(this));
+    UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::send_ctrl_msg msg = " << log_ptr(msg) << ", (uint32_t)m_id = " << get_id()
+                                                                 << ", timeout = " << timeout
+                                                                 << ", this = " << log_ptr(this));
     if (is_stopped()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 740, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 740, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
     return m_ctrl_queue->send_msg(msg, sink, timeout);
@@ -726,9 +732,10 @@ int thread_wrapper_t::pend(msg_it* msg, thread_wrapper_t* target) {
 
 int thread_wrapper_t::pend_on_msg(msg_it* pending_msg, thread_wrapper_t* pending_for) {
     if (pending_for && !pending_for->is_running()) {
-        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::pend_on_msg, pending_for = "
-                                  << ptr(pending_for)
-                                  << " already has been released, drop the peeding msg for it, this = " << ptr(this));
+        UTIL_LOG(LOG_WARNING,
+                 "thread_wrapper_t::pend_on_msg, pending_for = "
+                     << log_ptr(pending_for)
+                     << " already has been released, drop the peeding msg for it, this = " << log_ptr(this));
         if (pending_msg)
             pending_msg->release();
         return RESULT_INVALID_ARG;
@@ -752,8 +759,8 @@ int thread_wrapper_t::try_pending_msg() {
     m_pending_for = nullptr;
     if (rv != RESULT_SUCCESS) {
         UTIL_LOG(LOG_WARNING, "thread_wrapper_t::try_pending_msg, pend_thr = "
-                                  << ptr(target) << " already has been dropped, release the msg for it, this = "
-                                  << ptr(this));
+                                  << log_ptr(target)
+                                  << " already has been dropped, release the msg for it, this = " << log_ptr(this));
         msg->release();
         rv = RESULT_INVALID_ARG;
     }

@@ -12,15 +12,13 @@ const char EVENT_SOURCE_PATH[] = "thread_event";
 const char THREAD_SOURCE_PATH[] = "thread";
 const unsigned int SELECT_CAPACITY = 1024;
 
-void* ptr(const void* p) { return const_cast<void*>(p); }
-
 }  // namespace
 
 // ---- thread_loop_base_t ------------------------------------------------------------------
 
-thread_loop_base_t::thread_loop_base_t(const char* name, unsigned int mode, unsigned int type,
-                                       unsigned int queue_size, thread_mgr_t* thr_manager, unsigned int waits,
-                                       bool interact_timer, const signed char* thr_name)
+thread_loop_base_t::thread_loop_base_t(const char* name, unsigned int mode, unsigned int type, unsigned int queue_size,
+                                       thread_mgr_t* thr_manager, unsigned int waits, bool interact_timer,
+                                       const signed char* thr_name)
     : thread_base_t(),
       thread_wrapper_t(mode, type, queue_size, thr_manager, waits, interact_timer, thr_name),
       m_running(false),
@@ -37,7 +35,7 @@ thread_loop_base_t::~thread_loop_base_t() {
 unsigned int thread_loop_base_t::start(void (*)(void*), void*, unsigned int stack_size, unsigned int priority) {
     if (m_running.exchange(true, std::memory_order_acq_rel)) {
         // One OS thread per object: the running one keeps it.
-        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, __LINE__, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return 0;
     }
     const unsigned int id = thread_base_t::start(&thread_loop_base_t::routine, this, stack_size, priority);
@@ -72,14 +70,14 @@ void thread_loop_base_t::serve(io_repo_t* repo) {
     repo->set_process(this);
     notifier_handler_t handler(get_notifier(), repo);
     if (handler.attach() != RESULT_SUCCESS)
-        UTIL_LOG(LOG_ERROR, m_class_name << "::thread_run() failed to watch the notifier, this = " << ptr(this));
+        UTIL_LOG(LOG_ERROR, m_class_name << "::thread_run() failed to watch the notifier, this = " << log_ptr(this));
     repo->start();
     handler.detach();
 }
 
 int thread_loop_base_t::stop_loop(const char* source, int line) {
     if (!m_running.load(std::memory_order_acquire)) {
-        UTIL_ASSERT_LINE(source, line, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(source, line, ", this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t::stop();
@@ -94,30 +92,28 @@ int thread_loop_base_t::stop() { return stop_loop(EVENT_SOURCE_PATH, 132); }
 
 // ---- thread_event_t ----------------------------------------------------------------------
 
-thread_event_t::thread_event_t(unsigned int mode, unsigned int type, unsigned int queue_size,
-                               thread_mgr_t* thr_manager, unsigned int waits, bool interact_timer,
-                               const signed char* name)
+thread_event_t::thread_event_t(unsigned int mode, unsigned int type, unsigned int queue_size, thread_mgr_t* thr_manager,
+                               unsigned int waits, bool interact_timer, const signed char* name)
     : thread_loop_base_t("thread_event_t", mode, type, queue_size, thr_manager, waits, interact_timer, name) {
-    UTIL_LOG(LOG_INFO, "thread_event_t::thread_event_t(), mode = " << ORDIX_HEX_LOWER << mode << ORDIX_DEC << ", m_type = " << type
-                                                                    << ", queue_size = " << queue_size
-                                                                    << ", interact_timer = " << interact_timer
-                                                                    << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_event_t::thread_event_t(), mode = "
+                           << ORDIX_HEX_LOWER << mode << ORDIX_DEC << ", m_type = " << type << ", queue_size = "
+                           << queue_size << ", interact_timer = " << interact_timer << ", this = " << log_ptr(this));
 }
 
-thread_event_t::~thread_event_t() { UTIL_LOG(LOG_INFO, "thread_event_t::~thread_event_t(), this = " << ptr(this)); }
+thread_event_t::~thread_event_t() { UTIL_LOG(LOG_INFO, "thread_event_t::~thread_event_t(), this = " << log_ptr(this)); }
 
 void thread_event_t::init_tls() {
-    UTIL_LOG(LOG_INFO, "thread_event_t::init_tls() thread_id = " << get_cur_tid() << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_event_t::init_tls() thread_id = " << get_cur_tid() << ", this = " << log_ptr(this));
     thread_wrapper_t::init_tls();
 }
 
 void thread_event_t::thread_run(void* args) {
     if (repo()) {
-        UTIL_ASSERT_LINE(EVENT_SOURCE_PATH, 38, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(EVENT_SOURCE_PATH, 38, ", this = " << log_ptr(this));
         return;
     }
-    UTIL_LOG(LOG_INFO, "thread_event_t::thread_run(), id = " << get_id() << ", args = " << args
-                                                            << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO,
+             "thread_event_t::thread_run(), id = " << get_id() << ", args = " << args << ", this = " << log_ptr(this));
     io_repo_t* repo = nullptr;
     if (get_type() == THREAD_TYPE_TIMER)
         repo = new timer_drv_t(this);
@@ -128,7 +124,7 @@ void thread_event_t::thread_run(void* args) {
 
 int thread_event_t::stop() {
     UTIL_LOG(LOG_INFO, "thread_event_t::stop() m_runing = " << m_running.load() << ", id = " << get_id()
-                                                            << ", this = " << ptr(this));
+                                                            << ", this = " << log_ptr(this));
     return stop_loop(EVENT_SOURCE_PATH, 132);
 }
 
@@ -137,20 +133,20 @@ int thread_event_t::stop() {
 thread_io_t::thread_io_t(unsigned int mode, unsigned int type, unsigned int queue_size, thread_mgr_t* thr_manager,
                          unsigned int waits, bool interact_timer, const signed char* name)
     : thread_loop_base_t("thread_io_t", mode, type, queue_size, thr_manager, waits, interact_timer, name) {
-    UTIL_LOG(LOG_INFO, "thread_io_t::thread_io_t(), mode = " << ORDIX_HEX_LOWER << mode << ORDIX_DEC << ", type = " << type
-                                                              << ", queue size = " << queue_size
-                                                              << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_io_t::thread_io_t(), mode = " << ORDIX_HEX_LOWER << mode << ORDIX_DEC
+                                                             << ", type = " << type << ", queue size = " << queue_size
+                                                             << ", this = " << log_ptr(this));
 }
 
-thread_io_t::~thread_io_t() { UTIL_LOG(LOG_INFO, "thread_io_t::~thread_io_t(), this = " << ptr(this)); }
+thread_io_t::~thread_io_t() { UTIL_LOG(LOG_INFO, "thread_io_t::~thread_io_t(), this = " << log_ptr(this)); }
 
 void thread_io_t::init_tls() {
-    UTIL_LOG(LOG_INFO, "thread_io_t::init_tls() thread_id = " << get_cur_tid() << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_io_t::init_tls() thread_id = " << get_cur_tid() << ", this = " << log_ptr(this));
     thread_wrapper_t::init_tls();
 }
 
 int thread_io_t::open_notifier(unsigned int waits) {
-    UTIL_LOG(LOG_INFO, "thread_io_t::open_notifier, waits = " << waits << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_io_t::open_notifier, waits = " << waits << ", this = " << log_ptr(this));
     return thread_wrapper_t::open_notifier(waits);
 }
 
@@ -158,32 +154,32 @@ notifier_it* thread_io_t::make_notifier(unsigned int waits) { return new notifie
 
 void thread_io_t::thread_run(void* args) {
     if (repo()) {
-        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 367, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 367, ", this = " << log_ptr(this));
         return;
     }
     if (get_type() == THREAD_TYPE_TIMER) {
-        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 381, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 381, ", this = " << log_ptr(this));
         return;
     }
     if (!(get_mode() & THREAD_MODE_IO)) {
         UTIL_LOG(LOG_ERROR, "thread_io_t::thread_run(), mode = " << get_mode() << " has been not supported, this = "
-                                                                 << ptr(this));
+                                                                 << log_ptr(this));
         return;
     }
-    UTIL_LOG(LOG_INFO, "thread_io_t::thread_run(), id = " << get_id() << ", args = " << args
-                                                         << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO,
+             "thread_io_t::thread_run(), id = " << get_id() << ", args = " << args << ", this = " << log_ptr(this));
     select_t* repo = new select_t(SELECT_CAPACITY, nullptr);
     if (!repo->is_valid())
-        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 409, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(THREAD_SOURCE_PATH, 409, ", this = " << log_ptr(this));
     serve(repo);
 }
 
 int thread_io_t::stop() {
-    UTIL_LOG(LOG_INFO, "thread_io_t::stop() m_runing = " << m_running.load() << ", id = " << get_id()
-                                                         << ", m_type = " << get_type() << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_io_t::stop() m_runing = " << m_running.load() << ", id = " << get_id() << ", m_type = "
+                                                         << get_type() << ", this = " << log_ptr(this));
     if (!m_running.load(std::memory_order_acquire)) {
-        UTIL_LOG(LOG_WARNING, "thread_io_t::stop() already stopped because that m_running is NULL, this = "
-                                  << ptr(this));
+        UTIL_LOG(LOG_WARNING,
+                 "thread_io_t::stop() already stopped because that m_running is NULL, this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
     return stop_loop(THREAD_SOURCE_PATH, __LINE__);

@@ -24,8 +24,6 @@ std::atomic<thread_mgr_t*> s_closing(nullptr);
 // The current manager's key; read by every thread without a lock.
 std::atomic<unsigned int> s_tls_key(INVALID_TLS_KEY);
 
-void* ptr(const void* p) { return const_cast<void*>(p); }
-
 // Wrapped threads whose owners never ran their stop: they stay reachable
 // (their thread's slot may still name them) and are never freed.
 std::vector<thread_wrapper_t*>& orphans() {
@@ -80,7 +78,7 @@ void thread_mgr_t::destroy() {
 
 int thread_mgr_t::reset() {
     UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset(), s_mgr_release = " << s_mgr_release.load()
-                                                                    << ", s_thread_mgr_instance = " << ptr(peek()));
+                                                                    << ", s_thread_mgr_instance = " << log_ptr(peek()));
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
     if (!s_mgr_release.load(std::memory_order_acquire)) {
         UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset() already in creatable status ");
@@ -91,7 +89,7 @@ int thread_mgr_t::reset() {
 }
 
 thread_mgr_t::thread_mgr_t() {
-    UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << log_ptr(this));
     unsigned int key = INVALID_TLS_KEY;
     if (tls_allocate_key(key) != RESULT_SUCCESS)
         key = INVALID_TLS_KEY;
@@ -99,11 +97,11 @@ thread_mgr_t::thread_mgr_t() {
     if (!spawn(THREAD_MODE_MAIN | THREAD_MODE_WRAP, MAIN_QUEUE_SIZE, THREAD_TYPE_MAIN, true, nullptr, 0xFFFFFFFFu) ||
         !spawn(THREAD_MODE_TIMER_DRIVER | THREAD_MODE_EVENT, TIMER_QUEUE_SIZE, THREAD_TYPE_TIMER, false,
                reinterpret_cast<const signed char*>("orca.timer.do"), 0xFFFFFFFFu))
-        UTIL_ASSERT_LINE(SOURCE_PATH, 194, ", this = " << ptr(this));
+        UTIL_ASSERT_LINE(SOURCE_PATH, 194, ", this = " << log_ptr(this));
 }
 
 thread_mgr_t::~thread_mgr_t() {
-    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() begin, this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() begin, this = " << log_ptr(this));
     // Latest first: the spawned threads, then the timer driver, then the
     // main thread, so every stop still finds its peers running.
     for (;;) {
@@ -117,36 +115,35 @@ thread_mgr_t::~thread_mgr_t() {
             thr->increment();
             size = m_threads.size();
         }
-        UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() stop thr = " << ptr(thr) << ", thread_queue.size = " << size);
+        UTIL_LOG(LOG_INFO,
+                 "thread_mgr_t::~thread_mgr_t() stop thr = " << log_ptr(thr) << ", thread_queue.size = " << size);
         stop_and_release(thr, true);
     }
     reap(true);
     const unsigned int key = s_tls_key.exchange(INVALID_TLS_KEY, std::memory_order_acq_rel);
     if (key != INVALID_TLS_KEY)
         tls_deallocate_key(key);
-    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() done, this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() done, this = " << log_ptr(this));
 }
 
 // ---- the thread-local slot ---------------------------------------------------------
 
-int thread_mgr_t::register_tls(thread_wrapper_t* thr) {
+int thread_mgr_t::set_tls(thread_wrapper_t* thr, thread_wrapper_t* value, const char* refusal) {
     const unsigned int key = s_tls_key.load(std::memory_order_acquire);
     if (key == INVALID_TLS_KEY) {
-        UTIL_ASSERT_MSG("thread_mgr_t::register_tls tls is invalid", SOURCE_PATH, __LINE__, ", thr = " << ptr(thr));
+        UTIL_ASSERT_MSG(refusal, SOURCE_PATH, __LINE__, ", thr = " << log_ptr(thr));
         return RESULT_REFUSED;
     }
-    tls_setspecific_value(key, thr, nullptr);
+    tls_setspecific_value(key, value, nullptr);
     return RESULT_SUCCESS;
 }
 
+int thread_mgr_t::register_tls(thread_wrapper_t* thr) {
+    return set_tls(thr, thr, "thread_mgr_t::register_tls tls is invalid");
+}
+
 int thread_mgr_t::unregister_tls(thread_wrapper_t* thr) {
-    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
-    if (key == INVALID_TLS_KEY) {
-        UTIL_ASSERT_MSG("thread_mgr_t::unregister_tls tls is invalid", SOURCE_PATH, __LINE__, ", thr = " << ptr(thr));
-        return RESULT_REFUSED;
-    }
-    tls_setspecific_value(key, nullptr, nullptr);
-    return RESULT_SUCCESS;
+    return set_tls(thr, nullptr, "thread_mgr_t::unregister_tls tls is invalid");
 }
 
 thread_wrapper_t* thread_mgr_t::tls_value() {
@@ -165,12 +162,12 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
                                                       << ", type = " << type << ", interact_timer = " << interact_timer
                                                       << ", thr_name = "
                                                       << (thr_name ? reinterpret_cast<const char*>(thr_name) : "")
-                                                      << ", bind_mask = " << bind_mask << ", this = " << ptr(this));
+                                                      << ", bind_mask = " << bind_mask << ", this = " << log_ptr(this));
     reap(false);
     if (type == THREAD_TYPE_TIMER) {
         if (thread_wrapper_t* timer = find_by_type(THREAD_TYPE_TIMER)) {
-            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn timer driver thread already has been available, thr = "
-                                   << ptr(timer));
+            UTIL_LOG(LOG_INFO,
+                     "thread_mgr_t::spawn timer driver thread already has been available, thr = " << log_ptr(timer));
             return timer;
         }
         mode = (mode & ~THREAD_MODE_WRAP) | THREAD_MODE_EVENT;
@@ -179,9 +176,10 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
     if (mode & THREAD_MODE_WRAP) {
         thread_wrapper_t* existing = current();
         if (existing && existing->is_running()) {
-            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn already has an instance for the thread, return it directly, "
-                               "thread id = "
-                                   << get_cur_tid());
+            UTIL_LOG(LOG_INFO,
+                     "thread_mgr_t::spawn already has an instance for the thread, return it directly, "
+                     "thread id = "
+                         << get_cur_tid());
             return existing;
         }
         thr = new thread_wrapper_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
@@ -189,8 +187,8 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
         thr->open_notifier(1);
         thr->init_tls();
     } else if (!(mode & (THREAD_MODE_IO | THREAD_MODE_EVENT))) {
-        UTIL_ASSERT_MSG("thread_mgr_t::spawn mode should have io or event bit, mode = " << mode, SOURCE_PATH,
-                        __LINE__, ", this = " << ptr(this));
+        UTIL_ASSERT_MSG("thread_mgr_t::spawn mode should have io or event bit, mode = " << mode, SOURCE_PATH, __LINE__,
+                        ", this = " << log_ptr(this));
         return nullptr;
     } else {
         thread_loop_base_t* loop = nullptr;
@@ -202,7 +200,7 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
         // Before the thread starts, so channels made at once can wake it.
         loop->open_notifier(1);
         if (loop->start(nullptr, nullptr, 0, 0) == 0) {
-            UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << ptr(this));
+            UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << log_ptr(this));
             loop->decrement();
             return nullptr;
         }
@@ -219,7 +217,7 @@ thread_base_t* thread_mgr_t::spawn_light(void (*fn)(void*), void* args, unsigned
                                                           << ", priority = " << priority);
     thread_base_t* thr = new thread_base_t;
     if (!fn || thr->start(fn, args, stack_size, priority) == 0) {
-        UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << ptr(this));
+        UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << log_ptr(this));
         delete thr;
         return nullptr;
     }
@@ -246,7 +244,8 @@ void thread_mgr_t::bind_timer(thread_wrapper_t* thr) {
         }
     }
     if (peers.empty() && thr->get_type() != THREAD_TYPE_TIMER)
-        UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn only has control message queue for this thread, thr = " << ptr(thr));
+        UTIL_LOG(LOG_INFO,
+                 "thread_mgr_t::spawn only has control message queue for this thread, thr = " << log_ptr(thr));
     for (thread_wrapper_t* peer : peers) {
         thread_wrapper_t* timer = thr->get_type() == THREAD_TYPE_TIMER ? thr : peer;
         thread_wrapper_t* other = timer == thr ? peer : thr;
@@ -255,22 +254,21 @@ void thread_mgr_t::bind_timer(thread_wrapper_t* thr) {
         if (loop_answers(other) && other->is_running())
             timer->create_channel(other, TIMER_QUEUE_SIZE, TIMER_QUEUE_SIZE);
         else
-            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn has not support timer, thr = " << ptr(other));
+            UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn has not support timer, thr = " << log_ptr(other));
         peer->decrement();
     }
 }
 
 int thread_mgr_t::attach(thread_wrapper_t* thr, thread_wrapper_t* owner, unsigned int flags) {
-    UTIL_LOG(LOG_INFO, "thread_mgr_t::attach handle = " << ptr(thr) << ", thread_id = " << (thr ? thr->get_id() : 0)
-                                                        << ", owner_thr = " << ptr(owner)
-                                                        << ", owner_id = " << (owner ? owner->get_id() : 0)
-                                                        << ", flags = " << flags);
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::attach handle = " << log_ptr(thr) << ", thread_id = " << (thr ? thr->get_id() : 0)
+                                                        << ", owner_thr = " << log_ptr(owner) << ", owner_id = "
+                                                        << (owner ? owner->get_id() : 0) << ", flags = " << flags);
     if (!thr)
         return RESULT_INVALID_ARG;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
         if (std::find(m_threads.begin(), m_threads.end(), thr) != m_threads.end()) {
-            UTIL_LOG(LOG_WARNING, "thread_mgr_t::attach handle = " << ptr(thr) << " already in the queue");
+            UTIL_LOG(LOG_WARNING, "thread_mgr_t::attach handle = " << log_ptr(thr) << " already in the queue");
             return RESULT_ALREADY_EXISTS;
         }
         thr->increment();
@@ -285,8 +283,8 @@ int thread_mgr_t::detach(thread_wrapper_t* thr) {
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
     std::list<thread_wrapper_t*>::iterator it = std::find(m_threads.begin(), m_threads.end(), thr);
     if (it == m_threads.end()) {
-        UTIL_LOG(LOG_WARNING, "thread_mgr_t::detach handle = " << ptr(thr) << " has not been in the queue");
-        UTIL_ASSERT_LINE(SOURCE_PATH, 292, ", thr = " << ptr(thr));
+        UTIL_LOG(LOG_WARNING, "thread_mgr_t::detach handle = " << log_ptr(thr) << " has not been in the queue");
+        UTIL_ASSERT_LINE(SOURCE_PATH, 292, ", thr = " << log_ptr(thr));
         return RESULT_NOT_FOUND;
     }
     m_threads.erase(it);
@@ -396,7 +394,7 @@ void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
         if (!(thr->get_mode() & THREAD_MODE_WRAP)) {
             thread_loop_base_t* loop = static_cast<thread_loop_base_t*>(thr);
             if (loop->join_np(STOP_JOIN_MS) == RESULT_BUSY)
-                UTIL_LOG(LOG_WARNING, "thread_mgr_t::stop_threads_by_id timeout, thr = " << ptr(thr));
+                UTIL_LOG(LOG_WARNING, "thread_mgr_t::stop_threads_by_id timeout, thr = " << log_ptr(thr));
         }
     }
     {
@@ -420,7 +418,7 @@ void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
 }
 
 int thread_mgr_t::stop_thread_by_id(unsigned int id) {
-    UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_thread_by_id, (uint32_t)id = " << id << ", this = " << ptr(this));
+    UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_thread_by_id, (uint32_t)id = " << id << ", this = " << log_ptr(this));
     thread_wrapper_t* thr = nullptr;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
@@ -445,7 +443,7 @@ int thread_mgr_t::stop_threads_by_type(unsigned int type) {
         }
     }
     for (thread_wrapper_t* thr : found) {
-        UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_threads_by_type stop thr = " << ptr(thr) << ", type = " << type);
+        UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_threads_by_type stop thr = " << log_ptr(thr) << ", type = " << type);
         stop_and_release(thr, false);
     }
     return static_cast<int>(found.size());

@@ -28,9 +28,7 @@ timer_drv_t::timer_drv_t(thread_event_t* working)
                                                              << ", this = " << static_cast<void*>(this));
 }
 
-timer_drv_t::~timer_drv_t() {
-    UTIL_LOG(LOG_INFO, "timer_drv_t::~timer_drv_t(), this = " << static_cast<void*>(this));
-}
+timer_drv_t::~timer_drv_t() { UTIL_LOG(LOG_INFO, "timer_drv_t::~timer_drv_t(), this = " << static_cast<void*>(this)); }
 
 int timer_drv_t::wait_time(int process_result) const {
     if (process_result == 0)
@@ -51,10 +49,9 @@ void timer_drv_t::loop() {
     while (!is_stopping()) {
         const uint64_t now_us = time_strategy::now();
         if (now_us >= m_status_us + STATUS_INTERVAL_US) {
-            UTIL_LOG(LOG_INFO, "timer_drv_t::loop (), this = " << static_cast<void*>(this)
-                                                              << ", ticks_drv_t::s_tag = " << ticks_drv_t::s_tag.load()
-                                                              << ", m_ticks.elapsed() = "
-                                                              << (tick_strategy::now() - m_start_ticks));
+            UTIL_LOG(LOG_INFO, "timer_drv_t::loop (), this = "
+                                   << static_cast<void*>(this) << ", ticks_drv_t::s_tag = " << ticks_drv_t::s_tag.load()
+                                   << ", m_ticks.elapsed() = " << (tick_strategy::now() - m_start_ticks));
             m_status_us = now_us;
         } else if (now_us < m_status_us) {
             m_status_us = now_us;

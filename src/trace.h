@@ -2,7 +2,19 @@
 #ifndef SSB_TRACE_H
 #define SSB_TRACE_H
 
+#include <stdint.h>
+
 #include "log.h"
+
+namespace ssb {
+
+// A pointer as log lines show it ("0x" and its digits).
+inline const void* log_ptr(const void* p) { return p; }
+// A socket, pipe end or event handle as a signed number, so an invalid
+// one reads -1.
+inline long long log_handle(uintptr_t h) { return static_cast<long long>(static_cast<intptr_t>(h)); }
+
+}  // namespace ssb
 
 #define UTIL_LOG(level, expr) SSB_LOG(ssb::UTIL_MODULE_ID, (level), expr)
 

@@ -14,13 +14,8 @@ using util_test::wait_until;
 
 namespace {
 
-class socket_environment_t : public ::testing::Environment {
-public:
-    void SetUp() override { ASSERT_EQ(RESULT_SUCCESS, init_socket()); }
-    void TearDown() override { EXPECT_EQ(RESULT_SUCCESS, cleanup_socket()); }
-};
 [[maybe_unused]] const ::testing::Environment* const s_socket_env =
-    ::testing::AddGlobalTestEnvironment(new socket_environment_t);
+    ::testing::AddGlobalTestEnvironment(new util_test::socket_environment_t);
 
 struct hook_t : io_process_it {
     int on_process() override {

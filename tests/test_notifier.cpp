@@ -24,13 +24,8 @@ namespace {
 
 const int WATCHDOG_MS = 10000;
 
-class socket_environment_t : public ::testing::Environment {
-public:
-    void SetUp() override { ASSERT_EQ(RESULT_SUCCESS, init_socket()); }
-    void TearDown() override { EXPECT_EQ(RESULT_SUCCESS, cleanup_socket()); }
-};
 [[maybe_unused]] const ::testing::Environment* const s_socket_env =
-    ::testing::AddGlobalTestEnvironment(new socket_environment_t);
+    ::testing::AddGlobalTestEnvironment(new util_test::socket_environment_t);
 
 void expect_closed(notifier_it& n) {
     EXPECT_FALSE(n.is_active());

@@ -2,10 +2,14 @@
 #ifndef UTIL_TEST_SUPPORT_H
 #define UTIL_TEST_SUPPORT_H
 
+#include <gtest/gtest.h>
+
 #include <atomic>
 #include <functional>
 #include <thread>
 #include <vector>
+
+#include "notifier.h"
 
 namespace util_test {
 
@@ -22,6 +26,14 @@ const int ROUNDS_SCALE = 1;
 #else
 const int ROUNDS_SCALE = 1;
 #endif
+
+// Starts the socket layer for the whole program (Winsock needs it); a test
+// file registers it with ::testing::AddGlobalTestEnvironment.
+class socket_environment_t : public ::testing::Environment {
+public:
+    void SetUp() override { ASSERT_EQ(ssb::RESULT_SUCCESS, ssb::init_socket()); }
+    void TearDown() override { EXPECT_EQ(ssb::RESULT_SUCCESS, ssb::cleanup_socket()); }
+};
 
 // Runs fn(i) on n threads and joins them.
 inline void run_threads(int n, const std::function<void(int)>& fn) {
