@@ -118,12 +118,12 @@ void build_line_fmt(benchmark::State& state) {
             localtime_r(&second, &cached_tm);
             cached_second = second;
         }
-        auto result = fmt::format_to_n(buf, sizeof(buf) - 1,
-                                       "{}/{}/{} {}:{}:{}:{}\t{}\t[{}:{}]\t{}\tcall started, user = {}, id = {}, "
-                                       "rtt = {:.4f}\n",
-                                       cached_tm.tm_mon + 1, cached_tm.tm_mday, cached_tm.tm_year + 1900,
-                                       cached_tm.tm_hour, cached_tm.tm_min, cached_tm.tm_sec, ms % 1000, "BENCH",
-                                       pid, tid, "INFO", USER, id, rtt);
+        auto result =
+            fmt::format_to_n(buf, sizeof(buf) - 1,
+                             "{}/{}/{} {}:{}:{}:{}\t{}\t[{}:{}]\t{}\tcall started, user = {}, id = {}, "
+                             "rtt = {:.4f}\n",
+                             cached_tm.tm_mon + 1, cached_tm.tm_mday, cached_tm.tm_year + 1900, cached_tm.tm_hour,
+                             cached_tm.tm_min, cached_tm.tm_sec, ms % 1000, "BENCH", pid, tid, "INFO", USER, id, rtt);
         *result.out = 0;
         benchmark::DoNotOptimize(buf);
         ++id;

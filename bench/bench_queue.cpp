@@ -135,9 +135,7 @@ void one_to_one(benchmark::State& state) {
         state.SkipWithError("values out of order");
 }
 
-void capacities(benchmark::internal::Benchmark* b) {
-    b->Arg(1024)->Arg(16384)->UseRealTime();
-}
+void capacities(benchmark::internal::Benchmark* b) { b->Arg(1024)->Arg(16384)->UseRealTime(); }
 
 BENCHMARK_TEMPLATE(one_to_one, ours_t)->Name("spsc/ours")->Apply(capacities);
 BENCHMARK_TEMPLATE(one_to_one, boost_spsc_t)->Name("spsc/boost_spsc_queue")->Apply(capacities);

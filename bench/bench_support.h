@@ -129,8 +129,8 @@ private:
             detail::spread_t s = detail::spread_of(v);
             if (v.size() == 1)
                 return detail::format_ns(s.median);
-            return detail::format_ns(s.median) + " (" + detail::format_ns(s.min) + ".." +
-                   detail::format_ns(s.max) + ")";
+            return detail::format_ns(s.median) + " (" + detail::format_ns(s.min) + ".." + detail::format_ns(s.max) +
+                   ")";
         }
     };
 
@@ -203,10 +203,9 @@ private:
     }
 
     static void line(std::ostream& out, size_t group_width, const std::string& group, const std::string& ours,
-                     size_t peer_width, const std::string& peer, const std::string& peer_ns,
-                     const std::string& ratio) {
-        out << pad(group, group_width + 2) << pad(ours, 22) << pad(peer, peer_width + 2) << pad(peer_ns, 22)
-            << ratio << "\n";
+                     size_t peer_width, const std::string& peer, const std::string& peer_ns, const std::string& ratio) {
+        out << pad(group, group_width + 2) << pad(ours, 22) << pad(peer, peer_width + 2) << pad(peer_ns, 22) << ratio
+            << "\n";
     }
 
     static std::string pad(const std::string& s, size_t width) {
@@ -252,6 +251,6 @@ inline int run_main(int argc, char** argv) {
 
 // Defines main() for a benchmark program.
 #define UTIL_BENCH_MAIN() \
-    int main(int argc, char** argv) { return ::util_bench::run_main(argc, argv); }
+  int main(int argc, char** argv) { return ::util_bench::run_main(argc, argv); }
 
 #endif

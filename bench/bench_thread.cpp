@@ -361,15 +361,15 @@ void throughput_ours(benchmark::State& state) {
             // Stopped first: afterwards nothing touches the batch's state.
             pair.stop();
             char buf[320];
-            std::snprintf(buf, sizeof buf,
-                          "%s: B ran %llu of %d messages, A has %d left to post and holds %d refused by "
-                          "RESULT_QUEUE_FULL; the queue was full %llu times this run, the sink was called "
-                          "%llu times",
-                          finished ? ("post_msg returned " + std::to_string(producer.m_error)).c_str()
-                                   : "no progress for 10 s",
-                          static_cast<unsigned long long>(counter.m_count), THROUGHPUT_BATCH, producer.m_left,
-                          producer.m_held ? 1 : 0, static_cast<unsigned long long>(producer.m_fulls),
-                          static_cast<unsigned long long>(producer.m_resumes));
+            std::snprintf(
+                buf, sizeof buf,
+                "%s: B ran %llu of %d messages, A has %d left to post and holds %d refused by "
+                "RESULT_QUEUE_FULL; the queue was full %llu times this run, the sink was called "
+                "%llu times",
+                finished ? ("post_msg returned " + std::to_string(producer.m_error)).c_str() : "no progress for 10 s",
+                static_cast<unsigned long long>(counter.m_count), THROUGHPUT_BATCH, producer.m_left,
+                producer.m_held ? 1 : 0, static_cast<unsigned long long>(producer.m_fulls),
+                static_cast<unsigned long long>(producer.m_resumes));
             fail_run(state, "loop_to_loop_throughput/ours", buf + queue);
             continue;
         }
@@ -456,9 +456,10 @@ void ping_pong_ours(benchmark::State& state) {
         bool finished = done.wait();
         if (!finished || rounds.m_error) {
             pair.stop();
-            fail_run(state, "ping_pong/ours", (finished ? "post_msg returned " + std::to_string(rounds.m_error)
-                                : std::string("no progress for 10 s")) +
-                      ", rounds left " + std::to_string(rounds.m_left));
+            fail_run(state, "ping_pong/ours",
+                     (finished ? "post_msg returned " + std::to_string(rounds.m_error)
+                               : std::string("no progress for 10 s")) +
+                         ", rounds left " + std::to_string(rounds.m_left));
             continue;
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
@@ -515,9 +516,10 @@ void send_round_trip_ours(benchmark::State& state) {
         bool finished = done.wait();
         if (!finished || rounds.m_error) {
             pair.stop();
-            fail_run(state, "send_round_trip/ours", (finished ? "send_msg returned " + std::to_string(rounds.m_error)
-                                : std::string("no progress for 10 s")) +
-                      ", calls left " + std::to_string(rounds.m_left));
+            fail_run(state, "send_round_trip/ours",
+                     (finished ? "send_msg returned " + std::to_string(rounds.m_error)
+                               : std::string("no progress for 10 s")) +
+                         ", calls left " + std::to_string(rounds.m_left));
             continue;
         }
         sent += ROUND_TRIP_BATCH;
@@ -792,12 +794,12 @@ void send_round_trip_condvar(benchmark::State& state) {
 }
 
 #define THROUGHPUT_ARGS \
-    ->ArgName("capacity")->Arg(1024)->Arg(16384)->Iterations(THROUGHPUT_BATCHES * THROUGHPUT_BATCH)->UseManualTime()
+  ->ArgName("capacity")->Arg(1024)->Arg(16384)->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)->UseManualTime()
 BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
 BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
 BENCHMARK(throughput_condvar)->Name("loop_to_loop_throughput/condvar") THROUGHPUT_ARGS;
 
-#define ROUND_TRIP_ARGS ->Iterations(ROUND_TRIP_BATCHES * ROUND_TRIP_BATCH)->UseManualTime()
+#define ROUND_TRIP_ARGS ->Iterations(ROUND_TRIP_BATCHES* ROUND_TRIP_BATCH)->UseManualTime()
 BENCHMARK(ping_pong_ours)->Name("ping_pong/ours") ROUND_TRIP_ARGS;
 BENCHMARK(ping_pong_asio)->Name("ping_pong/asio") ROUND_TRIP_ARGS;
 BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar") ROUND_TRIP_ARGS;
@@ -833,8 +835,9 @@ std::string measure_idle(const char* label, double seconds) {
     double cpu_ms_per_s = (after.cpu_s - before.cpu_s) * 1000 / wall;
     double switches_per_s = static_cast<double>(after.switches - before.switches) / wall;
     char buf[256];
-    std::snprintf(buf, sizeof buf, "idle CPU  %-44s %8.2f CPU ms/s  %6.2f%% of one core  %8.0f context switches/s  (%.1f s)",
-                  label, cpu_ms_per_s, cpu_ms_per_s / 10, switches_per_s, wall);
+    std::snprintf(buf, sizeof buf,
+                  "idle CPU  %-44s %8.2f CPU ms/s  %6.2f%% of one core  %8.0f context switches/s  (%.1f s)", label,
+                  cpu_ms_per_s, cpu_ms_per_s / 10, switches_per_s, wall);
     std::printf("%s\n", buf);
     std::fflush(stdout);
     return buf;
@@ -965,9 +968,10 @@ int main(int argc, char** argv) {
     int left = count_threads();
 
     if (!idle_lines.empty()) {
-        std::printf("\nIdle CPU of the whole process (getrusage RUSAGE_SELF); the timer driver waits %u ms "
-                    "per pass at the default precision of %u ms:\n",
-                    ssb::MIN_TIMER_PRECISION_MS / 10, ssb::MIN_TIMER_PRECISION_MS);
+        std::printf(
+            "\nIdle CPU of the whole process (getrusage RUSAGE_SELF); the timer driver waits %u ms "
+            "per pass at the default precision of %u ms:\n",
+            ssb::MIN_TIMER_PRECISION_MS / 10, ssb::MIN_TIMER_PRECISION_MS);
         for (const std::string& s : idle_lines)
             std::printf("%s\n", s.c_str());
     }

@@ -1,7 +1,7 @@
 # Warnings and sanitizers for the library's own targets.
 
 function(util_own_code target)
-  target_compile_options(${target} PRIVATE -Wall -Wextra)
+  target_compile_options(${target} PRIVATE -Wall -Wextra -Wshadow -Wnon-virtual-dtor)
   if(UTIL_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()

@@ -126,9 +126,10 @@ bool run_thread_demo(unsigned int count) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     const unsigned long long expected = 1ULL * count * (count + 1) / 2;
-    printf("threads: %u samples from \"capture\" to \"encoder\" over a 255-slot channel, %u full answers, "
-           "sum %llu (%s), main thread woke %u times\n",
-           count, capture.full(), sum, sum == expected ? "all ran once" : "MISMATCH", beats);
+    printf(
+        "threads: %u samples from \"capture\" to \"encoder\" over a 255-slot channel, %u full answers, "
+        "sum %llu (%s), main thread woke %u times\n",
+        count, capture.full(), sum, sum == expected ? "all ran once" : "MISMATCH", beats);
     return sum == expected;
 }
 
@@ -158,7 +159,8 @@ int main(int argc, char** argv) {
             control->register_logger(DEMO_MODULE, level, memory);
     for (int i = 0; i < 5; ++i)
         SSB_LOG(DEMO_MODULE, ssb::LOG_INFO, "demo call step, step = " << i << ", jitter_ms = " << 0.25 * i);
-    SSB_LOG(DEMO_MODULE, ssb::LOG_DEBUG, "debug lines are kept too, peer = " << ssb::ORDIX_HEX << 48879u << ssb::ORDIX_DEC << ", done = " << true);
+    SSB_LOG(DEMO_MODULE, ssb::LOG_DEBUG,
+            "debug lines are kept too, peer = " << ssb::ORDIX_HEX << 48879u << ssb::ORDIX_DEC << ", done = " << true);
     SSB_LOG(DEMO_MODULE, ssb::LOG_FUNC, "filtered out: above the module's level");
 
     unsigned int lines = 0;

@@ -67,8 +67,7 @@ public:
 
     // The cheap filter every statement asks first; yields the names. Inline,
     // so a line filtered out costs a few loads and no call.
-    bool trace_enable(unsigned int module_id, signed char*& module_name, unsigned int level,
-                      signed char*& level_name) {
+    bool trace_enable(unsigned int module_id, signed char*& module_name, unsigned int level, signed char*& level_name) {
         if (m_disabled.load(std::memory_order_relaxed) || level > m_max_level.load(std::memory_order_relaxed) ||
             level >= LOG_MAX_LEVELS || module_id >= LOG_MAX_MODULES || module_id >= m_modules.size())
             return false;
@@ -78,8 +77,7 @@ public:
             return false;
         return names_for(r, level, module_name, level_name);
     }
-    int trace_out(unsigned int module_id, unsigned int level, signed char* text, unsigned int length,
-                  log_it* logger);
+    int trace_out(unsigned int module_id, unsigned int level, signed char* text, unsigned int length, log_it* logger);
 
 private:
     struct level_entry_t {
@@ -166,8 +164,7 @@ private:
     void open();
     void close();
     std::string combine_name() const;
-    static std::string make_name(const signed char* directory, const signed char* name,
-                                 std::string& default_directory);
+    static std::string make_name(const signed char* directory, const signed char* name, std::string& default_directory);
 
     std::string m_name;
     std::string m_extension;
@@ -184,8 +181,8 @@ private:
 class UTIL_API logger_file : public logger_file_base_t, public safe_class<logger_file, thread_mutex_recursive> {
 public:
     // The first call creates it with these arguments; later ones are ignored.
-    static logger_file* instance(const signed char* directory, const signed char* name,
-                                 const signed char* extension, unsigned int max_size, unsigned int max_index);
+    static logger_file* instance(const signed char* directory, const signed char* name, const signed char* extension,
+                                 unsigned int max_size, unsigned int max_index);
     static logger_file* peek();
     static void release();
 
@@ -225,8 +222,8 @@ inline void finish_line(log_stream_t& s) {
 
 // Registers a log module; the logger is the given one, else the default
 // handle logger, else the shared rotating file. Arguments are cut to 8 bits.
-SSB_C_API int register_logger(unsigned int module_id, const char* name, unsigned int max_level,
-                              ssb::log_it* logger, unsigned int flags);
+SSB_C_API int register_logger(unsigned int module_id, const char* name, unsigned int max_level, ssb::log_it* logger,
+                              unsigned int flags);
 // Sets the default handle logger and flags and applies them to every level.
 SSB_C_API int register_logger_handle(ssb::log_it* handle, unsigned int flags);
 // 255 switches logging off; other values set the global level limit.
@@ -239,30 +236,32 @@ SSB_C_API int write_monitor(const char* text, ...);
 
 // One log line in `module` at `level`; the line is built only when the
 // level passes: SSB_LOG(100, ssb::LOG_INFO, "connected, peer = " << peer).
-#define SSB_LOG(module, level, expr)                                                                \
-    do {                                                                                            \
-        ssb::log_control_t* ssb_lc_ = ssb::log_control_t::instance();                               \
-        signed char* ssb_module_name_ = nullptr;                                                    \
-        signed char* ssb_level_name_ = nullptr;                                                     \
-        if (ssb_lc_ && ssb_lc_->trace_enable((module), ssb_module_name_, (level), ssb_level_name_)) { \
-            signed char ssb_buf_[ssb::LOG_LINE_BUFFER];                                             \
-            ssb::log_stream_t ssb_line_(ssb_buf_, ssb::LOG_LINE_BUFFER, ssb_level_name_,            \
-                                        ssb_module_name_);                                          \
-            ssb_line_ << expr;                                                                      \
-            ssb::detail::finish_line(ssb_line_);                                                    \
-            ssb_lc_->trace_out((module), (level), ssb_buf_, ssb_line_.length(), nullptr);           \
-        }                                                                                           \
-    } while (0)
+#define SSB_LOG(module, level, expr)                                                                  \
+  do {                                                                                                \
+    ssb::log_control_t* ssb_lc_ = ssb::log_control_t::instance();                                     \
+    signed char* ssb_module_name_ = nullptr;                                                          \
+    signed char* ssb_level_name_ = nullptr;                                                           \
+    if (ssb_lc_ && ssb_lc_->trace_enable((module), ssb_module_name_, (level), ssb_level_name_)) {     \
+      signed char ssb_buf_[ssb::LOG_LINE_BUFFER];                                                     \
+      ssb::log_stream_t ssb_line_(ssb_buf_, ssb::LOG_LINE_BUFFER, ssb_level_name_, ssb_module_name_); \
+      ssb_line_ << expr;                                                                              \
+      ssb::detail::finish_line(ssb_line_);                                                            \
+      ssb_lc_->trace_out((module), (level), ssb_buf_, ssb_line_.length(), nullptr);                   \
+    }                                                                                                 \
+  } while (0)
 
 // "assert: file[path], line = [n]" + tail, at FATAL in `module`. `tail` is
 // empty or starts with a string literal: SSB_ASSERT_LINE(1, "util", 179, "").
-#define SSB_ASSERT_LINE(module, path, line, tail) \
-    SSB_LOG((module), ssb::LOG_FATAL, "assert: file[" << (path) << "], line = [" << (line) << "]" << "" tail)
+#define SSB_ASSERT_LINE(module, path, line, tail)                     \
+  SSB_LOG((module), ssb::LOG_FATAL,                                   \
+          "assert: file[" << (path) << "], line = [" << (line) << "]" \
+                          << "" tail)
 
 // "assert: msg[text] file[path], line = [n]" + tail, at FATAL. `msg` may
 // carry its own ", name = value" pairs.
-#define SSB_ASSERT_MSG(module, msg, path, line, tail)                                                 \
-    SSB_LOG((module), ssb::LOG_FATAL, "assert: msg[" << msg << "] file[" << (path) << "], line = [" \
-                                                     << (line) << "]" << "" tail)
+#define SSB_ASSERT_MSG(module, msg, path, line, tail)                                    \
+  SSB_LOG((module), ssb::LOG_FATAL,                                                      \
+          "assert: msg[" << msg << "] file[" << (path) << "], line = [" << (line) << "]" \
+                         << "" tail)
 
 #endif

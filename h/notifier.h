@@ -177,8 +177,7 @@ public:
     // reset_on_peek: a wait that succeeds with `peek` resets the event (the
     // message loop passes its "waits" setting here). manual_reset and
     // initially_signalled build the event.
-    explicit notifier_event_t(bool reset_on_peek = false, bool manual_reset = false,
-                              bool initially_signalled = false);
+    explicit notifier_event_t(bool reset_on_peek = false, bool manual_reset = false, bool initially_signalled = false);
     ~notifier_event_t() override;
 
     // Waits on the event and returns 0 whatever the wait gave: the loops

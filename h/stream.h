@@ -179,8 +179,7 @@ protected:
 // over a 2049-byte stack buffer. Not thread-safe, like text_stream_t.
 class UTIL_API log_stream_t : public text_stream_t {
 public:
-    log_stream_t(signed char* buf, unsigned int size, const signed char* level_name,
-                 const signed char* module_name);
+    log_stream_t(signed char* buf, unsigned int size, const signed char* level_name, const signed char* module_name);
 
     // Empties the text and writes a fresh header.
     void flush(const signed char* level_name, const signed char* module_name);

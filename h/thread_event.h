@@ -35,8 +35,7 @@ public:
 
 protected:
     thread_loop_base_t(const char* name, unsigned int mode, unsigned int type, unsigned int queue_size,
-                       thread_mgr_t* thr_manager, unsigned int waits, bool interact_timer,
-                       const signed char* thr_name);
+                       thread_mgr_t* thr_manager, unsigned int waits, bool interact_timer, const signed char* thr_name);
     ~thread_loop_base_t() override;
 
     // Builds the repository, runs it, returns when stopped.

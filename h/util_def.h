@@ -50,14 +50,7 @@ enum result_code_t {
 };
 
 // Log levels; lower is more severe.
-enum log_level_t {
-    LOG_FATAL = 0,
-    LOG_ERROR = 1,
-    LOG_WARNING = 2,
-    LOG_INFO = 3,
-    LOG_DEBUG = 4,
-    LOG_FUNC = 5
-};
+enum log_level_t { LOG_FATAL = 0, LOG_ERROR = 1, LOG_WARNING = 2, LOG_INFO = 3, LOG_DEBUG = 4, LOG_FUNC = 5 };
 
 // The library's own log module.
 const unsigned int UTIL_MODULE_ID = 1;

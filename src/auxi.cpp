@@ -63,8 +63,7 @@ constexpr pair_table_t make_pair_table() {
 
 constexpr pair_table_t PAIRS = make_pair_table();
 
-const uint32_t POW10[10] = {1u,      10u,      100u,      1000u,      10000u,
-                            100000u, 1000000u, 10000000u, 100000000u, 1000000000u};
+const uint32_t POW10[10] = {1u, 10u, 100u, 1000u, 10000u, 100000u, 1000000u, 10000000u, 100000000u, 1000000000u};
 
 const unsigned int MAX_DECIMALS = 9;
 
@@ -117,8 +116,7 @@ unsigned int fixed_text(double magnitude, bool negative, unsigned int decimals, 
     uint64_t whole = static_cast<uint64_t>(magnitude);
     const uint32_t scale = POW10[decimals];
     // (magnitude - whole) is exact; the product stays below 2^32.
-    uint32_t fraction =
-        static_cast<uint32_t>((magnitude - static_cast<double>(whole)) * scale + 0.5);
+    uint32_t fraction = static_cast<uint32_t>((magnitude - static_cast<double>(whole)) * scale + 0.5);
     if (fraction >= scale) {
         fraction -= scale;
         ++whole;

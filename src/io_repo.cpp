@@ -14,17 +14,14 @@ namespace {
 
 const uint32_t ALL_EVENTS = IO_READ | IO_WRITE | IO_ERROR;
 
-uint32_t wait_ms_of(int timeout_ms) {
-    return timeout_ms < 0 ? plat::WAIT_FOREVER : static_cast<uint32_t>(timeout_ms);
-}
+uint32_t wait_ms_of(int timeout_ms) { return timeout_ms < 0 ? plat::WAIT_FOREVER : static_cast<uint32_t>(timeout_ms); }
 
 }  // namespace
 
 // ---- io_repo_t ------------------------------------------------------------------
 
 io_repo_t::io_repo_t(const char* name, unsigned int capacity, io_process_it* process)
-    : m_name(name), m_capacity(capacity), m_pass(0), m_process(process), m_running(false), m_stop(false),
-      m_thread(0) {
+    : m_name(name), m_capacity(capacity), m_pass(0), m_process(process), m_running(false), m_stop(false), m_thread(0) {
     m_entries.reserve(capacity);
 }
 
@@ -60,7 +57,8 @@ int io_repo_t::remove_fd(io_handle_t handle) {
     if (i == m_entries.size())
         return RESULT_NOT_FOUND;
     m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(i));
-    if (!m_running.load(std::memory_order_relaxed) || m_thread.load(std::memory_order_relaxed) == plat::current_thread_id())
+    if (!m_running.load(std::memory_order_relaxed) ||
+        m_thread.load(std::memory_order_relaxed) == plat::current_thread_id())
         return RESULT_SUCCESS;
     // The loop may be waiting on the handle or about to call its handler
     // from the current round; the next snapshot comes after both.
@@ -366,7 +364,8 @@ int pipe_handler_t::attach() {
     if (!m_pipe || !m_repo)
         return RESULT_INVALID_ARG;
     if (!plat::pipe_waitable()) {
-        UTIL_LOG(LOG_ERROR, "pipe_handler_t::attach() pipes cannot be waited on here" << ", this = " << this);
+        UTIL_LOG(LOG_ERROR, "pipe_handler_t::attach() pipes cannot be waited on here"
+                                << ", this = " << this);
         return RESULT_REFUSED;
     }
     if (!m_pipe->is_open())

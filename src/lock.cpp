@@ -22,8 +22,7 @@ thread_mutex::~thread_mutex() {
 int thread_mutex::acquire() {
     if (!m_handle)
         return RESULT_FAILURE;
-    return plat::mutex_lock(m_handle, plat::WAIT_FOREVER) == plat::WAIT_ERROR ? RESULT_FAILURE
-                                                                              : RESULT_SUCCESS;
+    return plat::mutex_lock(m_handle, plat::WAIT_FOREVER) == plat::WAIT_ERROR ? RESULT_FAILURE : RESULT_SUCCESS;
 }
 
 int thread_mutex::release() {
@@ -54,9 +53,7 @@ int thread_mutex_recursive::release() {
     return RESULT_SUCCESS;
 }
 
-int thread_mutex_recursive::tryacquire() {
-    return plat::cs_try_enter(m_cs) ? RESULT_SUCCESS : RESULT_BUSY;
-}
+int thread_mutex_recursive::tryacquire() { return plat::cs_try_enter(m_cs) ? RESULT_SUCCESS : RESULT_BUSY; }
 
 // ---- spin_lock --------------------------------------------------------------
 
@@ -132,8 +129,7 @@ int semaphore_t::create(int initial, const char* name) {
     close();
     m_name = name ? name : "";
     int error = 0;
-    m_handle = plat::semaphore_create(initial, SEMAPHORE_MAX_COUNT,
-                                      m_name.empty() ? nullptr : m_name.c_str(), &error);
+    m_handle = plat::semaphore_create(initial, SEMAPHORE_MAX_COUNT, m_name.empty() ? nullptr : m_name.c_str(), &error);
     return error;
 }
 

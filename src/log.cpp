@@ -114,8 +114,7 @@ const char* log_control_t::keep_name(const char* name) {
     return kept->c_str();
 }
 
-void log_control_t::apply_logger(module_record_t& record, unsigned int max_level, log_it* logger,
-                                 unsigned char flags) {
+void log_control_t::apply_logger(module_record_t& record, unsigned int max_level, log_it* logger, unsigned char flags) {
     for (unsigned int level = 0; level <= max_level && level < LOG_MAX_LEVELS; ++level) {
         if (flags & LOG_TO_HANDLE)
             record.m_levels[level].m_handle_logger = logger;
@@ -124,8 +123,8 @@ void log_control_t::apply_logger(module_record_t& record, unsigned int max_level
     }
 }
 
-int log_control_t::register_module(unsigned int module_id, const char* name, unsigned int max_level,
-                                   log_it* logger, unsigned char flags) {
+int log_control_t::register_module(unsigned int module_id, const char* name, unsigned int max_level, log_it* logger,
+                                   unsigned char flags) {
     if (module_id >= LOG_MAX_MODULES || max_level >= LOG_MAX_LEVELS)
         return RESULT_INVALID_ARG;
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
@@ -188,9 +187,7 @@ int log_control_t::change_mask(unsigned int module_id, unsigned char flags) {
 
 log_it* log_control_t::get_default_logger() { return m_s_default_logger.load(std::memory_order_acquire); }
 
-void log_control_t::set_default_logger(log_it* logger) {
-    m_s_default_logger.store(logger, std::memory_order_release);
-}
+void log_control_t::set_default_logger(log_it* logger) { m_s_default_logger.store(logger, std::memory_order_release); }
 
 unsigned char log_control_t::get_default_mask() { return m_s_mask.load(std::memory_order_relaxed); }
 
@@ -242,8 +239,8 @@ bool log_control_t::names_for(const module_record_t& record, unsigned int level,
                               signed char*& level_name) {
     if (!m_opened.load(std::memory_order_acquire))
         open();
-    module_name = const_cast<signed char*>(
-        reinterpret_cast<const signed char*>(record.m_name.load(std::memory_order_acquire)));
+    module_name =
+        const_cast<signed char*>(reinterpret_cast<const signed char*>(record.m_name.load(std::memory_order_acquire)));
     level_name = const_cast<signed char*>(level_info(level));
     return true;
 }
@@ -271,14 +268,13 @@ int log_control_t::trace_out(unsigned int module_id, unsigned int level, signed 
 // ---- logger_file_base_t -------------------------------------------------------
 
 logger_file_base_t::logger_file_base_t(const signed char* directory, const signed char* name,
-                                       const signed char* extension, unsigned int max_size,
-                                       unsigned int max_index)
+                                       const signed char* extension, unsigned int max_size, unsigned int max_index)
     : logger_file_base_t(directory, name, extension, max_size, max_index,
                          local_date_t::from_epoch_ms(times_drv_t::now())) {}
 
 logger_file_base_t::logger_file_base_t(const signed char* directory, const signed char* name,
-                                       const signed char* extension, unsigned int max_size,
-                                       unsigned int max_index, const local_date_t& start)
+                                       const signed char* extension, unsigned int max_size, unsigned int max_index,
+                                       const local_date_t& start)
     : m_extension(extension ? reinterpret_cast<const char*>(extension) : ".log"),
       m_max_size(max_size < MIN_LOG_SIZE ? MIN_LOG_SIZE : max_size),
       m_size(0),
@@ -347,9 +343,8 @@ void logger_file_base_t::close() {
 
 int logger_file_base_t::configure(unsigned int max_size, unsigned int max_index) {
     UTIL_LOG(LOG_INFO, "logger_file_base_t::configure, max_size = " << max_size << ", m_max_size = " << m_max_size
-                                                                    << ", max_idx = " << max_index
-                                                                    << ", m_max_idx = " << m_max_index
-                                                                    << ", this = " << this);
+                                                                    << ", max_idx = " << max_index << ", m_max_idx = "
+                                                                    << m_max_index << ", this = " << this);
     if (max_size < MIN_LOG_SIZE || max_size > MAX_LOG_SIZE) {
         UTIL_ASSERT_MSG("logger_file_base_t::configure size out of limitation, max_size = "
                             << max_size << ", MIN_LOG_SIZE = " << MIN_LOG_SIZE << ", MAX_LOG_SIZE = " << MAX_LOG_SIZE,
@@ -405,8 +400,8 @@ logger_file::logger_file(const signed char* directory, const signed char* name, 
                          unsigned int max_size, unsigned int max_index)
     : logger_file_base_t(directory, name, extension, max_size, max_index) {}
 
-logger_file* logger_file::instance(const signed char* directory, const signed char* name,
-                                   const signed char* extension, unsigned int max_size, unsigned int max_index) {
+logger_file* logger_file::instance(const signed char* directory, const signed char* name, const signed char* extension,
+                                   unsigned int max_size, unsigned int max_index) {
     logger_file* p = s_instance.load(std::memory_order_acquire);
     if (p)
         return p;
@@ -442,10 +437,9 @@ using ssb::log_it;
 
 int register_logger(unsigned int module_id, const char* name, unsigned int max_level, log_it* logger,
                     unsigned int flags) {
-    UTIL_LOG(ssb::LOG_INFO, "register_logger  module_id = " << module_id << ", name = " << name
-                                                            << ", max_level = " << max_level
-                                                            << ", logger = " << static_cast<void*>(logger)
-                                                            << ", flags = " << flags);
+    UTIL_LOG(ssb::LOG_INFO,
+             "register_logger  module_id = " << module_id << ", name = " << name << ", max_level = " << max_level
+                                             << ", logger = " << static_cast<void*>(logger) << ", flags = " << flags);
     log_control_t* control = log_control_t::instance();
     if (!control)
         return ssb::RESULT_NOTHING_TO_DO;
@@ -454,17 +448,16 @@ int register_logger(unsigned int module_id, const char* name, unsigned int max_l
     // A switched-off log gets no file either.
     if (!logger && !control->is_disabled())
         logger = ssb::shared_file_logger();
-    return control->register_module(static_cast<unsigned char>(module_id), name,
-                                    static_cast<unsigned char>(max_level), logger,
-                                    static_cast<unsigned char>(flags));
+    return control->register_module(static_cast<unsigned char>(module_id), name, static_cast<unsigned char>(max_level),
+                                    logger, static_cast<unsigned char>(flags));
 }
 
 int register_logger_handle(log_it* handle, unsigned int flags) {
     const unsigned char mask = static_cast<unsigned char>(flags);
     log_control_t::set_default_logger(handle);
     log_control_t::set_default_mask(mask);
-    UTIL_LOG(ssb::LOG_INFO, "register_logger_handle  handle = " << static_cast<void*>(handle) << ", flags = "
-                                                                << ssb::ORDIX_BIN << mask);
+    UTIL_LOG(ssb::LOG_INFO, "register_logger_handle  handle = " << static_cast<void*>(handle)
+                                                                << ", flags = " << ssb::ORDIX_BIN << mask);
     log_control_t* control = log_control_t::instance();
     if (!control)
         return ssb::RESULT_NOTHING_TO_DO;
@@ -484,8 +477,7 @@ int enable_logger(unsigned int value) {
 
 int configure_logger(unsigned int max_size, unsigned int max_index) {
     UTIL_LOG(ssb::LOG_INFO, "configure_logger  max_size = " << max_size << ", max_index = " << max_index);
-    return ssb::logger_file::instance(nullptr, nullptr, ssb::DEFAULT_EXTENSION, ssb::DEFAULT_LOG_SIZE,
-                                      ssb::MIN_LOG_IDX)
+    return ssb::logger_file::instance(nullptr, nullptr, ssb::DEFAULT_EXTENSION, ssb::DEFAULT_LOG_SIZE, ssb::MIN_LOG_IDX)
         ->configure(max_size, max_index);
 }
 
@@ -514,8 +506,8 @@ ssb::logger_file_base_t* create_monitor(bool& created) {
     char process[1024] = {0};
     get_self_process_name(process, sizeof(process));
     std::string name = std::string("monitor_") + process + "_" + std::to_string(get_cur_pid());
-    p = new ssb::logger_file_base_t(nullptr, reinterpret_cast<const signed char*>(name.c_str()),
-                                    ssb::DEFAULT_EXTENSION, ssb::DEFAULT_LOG_SIZE, MONITOR_MAX_INDEX);
+    p = new ssb::logger_file_base_t(nullptr, reinterpret_cast<const signed char*>(name.c_str()), ssb::DEFAULT_EXTENSION,
+                                    ssb::DEFAULT_LOG_SIZE, MONITOR_MAX_INDEX);
     s_monitor.store(p, std::memory_order_release);
     return p;
 }
@@ -526,8 +518,7 @@ ssb::logger_file_base_t* monitor_logger() {
     if (created) {
         ssb::singleton_life_t::instance().regist(destroy_monitor);
         if (log_control_t* control = log_control_t::instance())
-            control->register_module(MONITOR_MODULE_ID, "MON", ssb::LOG_INFO, p,
-                                     ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
+            control->register_module(MONITOR_MODULE_ID, "MON", ssb::LOG_INFO, p, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
     }
     return p;
 }

@@ -28,7 +28,8 @@ mem_log_file::plugin_lock::~plugin_lock() { memlog_lock().release(); }
 
 mem_log_file::mem_log_file(unsigned int size)
     : m_buffer(nullptr),
-      m_size_limitation(size < MIN_MEM_LOG_SIZE ? MIN_MEM_LOG_SIZE : (size > MAX_MEM_LOG_SIZE ? MAX_MEM_LOG_SIZE : size)),
+      m_size_limitation(size < MIN_MEM_LOG_SIZE ? MIN_MEM_LOG_SIZE
+                                                : (size > MAX_MEM_LOG_SIZE ? MAX_MEM_LOG_SIZE : size)),
       m_used(0),
       m_full(false) {
     m_buffer = new (std::nothrow) signed char[m_size_limitation];
@@ -81,9 +82,9 @@ int mem_log_file::resize(unsigned int keep_size) {
                         SOURCE_PATH, __LINE__, "");
         return RESULT_INVALID_ARG;
     }
-    UTIL_ASSERT_MSG("mem_log_file::resize already has been destory, keep_size = " << keep_size
-                                                                                 << ", s_destroyed = " << destroyed,
-                    SOURCE_PATH, __LINE__, "");
+    UTIL_ASSERT_MSG(
+        "mem_log_file::resize already has been destory, keep_size = " << keep_size << ", s_destroyed = " << destroyed,
+        SOURCE_PATH, __LINE__, "");
     return RESULT_NOTHING_TO_DO;
 }
 
@@ -122,7 +123,7 @@ int mem_log_file::cout(unsigned int, unsigned int, signed char* text, unsigned i
     if (!s_refusing) {
         s_refusing = true;
         UTIL_LOG(LOG_WARNING, "mem_log_file::cout out of limitation, length = " << length << ", space() = " << left
-                                                                                 << ", this = " << this);
+                                                                                << ", this = " << this);
         s_refusing = false;
     }
     return RESULT_CREATE_FAILED;

@@ -75,7 +75,10 @@ sync_msg_t::sync_msg_t(msg_it* msg)
     : msg_it(MSG_TYPE_SYNC, 1, MSG_TIMEOUT_NEVER, false), m_event(false, false), m_msg(msg) {
     increment();
     if (!msg)
-        UTIL_ASSERT_MSG("sync_msg_t::sync_msg_t" << ", " << "m_msg" << " = " << static_cast<const void*>(msg),
+        UTIL_ASSERT_MSG("sync_msg_t::sync_msg_t"
+                            << ", "
+                            << "m_msg"
+                            << " = " << static_cast<const void*>(msg),
                         SOURCE_PATH, __LINE__, "");
 }
 
@@ -111,19 +114,29 @@ int sync_msg_t::wait_for_finish(int timeout) { return m_event.wait(timeout); }
 namespace detail {
 
 void ring_queue_log_created(unsigned int requested, unsigned int recorded, const void* ring) {
-    UTIL_LOG(LOG_INFO, "ring_queue_t::ring_queue_t()" << ", " << "capacity" << " = " << requested << ", "
-                                                      << "m_capacity" << " = " << recorded << ", this = " << ring);
+    UTIL_LOG(LOG_INFO, "ring_queue_t::ring_queue_t()"
+                           << ", "
+                           << "capacity"
+                           << " = " << requested << ", "
+                           << "m_capacity"
+                           << " = " << recorded << ", this = " << ring);
 }
 
 void ring_queue_log_no_nodes(unsigned int requested, const void* ring) {
-    UTIL_LOG(LOG_ERROR, "ring_queue_t::ring_queue_t() failed to allocate the nodes, capacity = " << requested
-                                                                                               << ", this = " << ring);
+    UTIL_LOG(LOG_ERROR, "ring_queue_t::ring_queue_t() failed to allocate the nodes, capacity = "
+                            << requested << ", this = " << ring);
 }
 
 void ring_queue_log_dump(const void* write, const void* read, const void* header, unsigned int capacity) {
-    UTIL_LOG(LOG_INFO, "ring_queue_t::dump " << "this->m_write" << " = " << write << ", " << "this->m_read" << " = "
-                                             << read << ", " << "this->m_header" << " = " << header << ", "
-                                             << "this->m_capacity" << " = " << capacity);
+    UTIL_LOG(LOG_INFO, "ring_queue_t::dump "
+                           << "this->m_write"
+                           << " = " << write << ", "
+                           << "this->m_read"
+                           << " = " << read << ", "
+                           << "this->m_header"
+                           << " = " << header << ", "
+                           << "this->m_capacity"
+                           << " = " << capacity);
 }
 
 }  // namespace detail
@@ -155,9 +168,9 @@ uint32_t msg_queue_base_t::decrement() {
 }
 
 int msg_queue_base_t::open_notifier(notifier_it* notifier) {
-    UTIL_LOG(LOG_INFO, "msg_queue_base_t::open_notifier, m_reader = "
-                           << static_cast<void*>(get_notifier()) << ", notifier = " << static_cast<void*>(notifier)
-                           << ", this = " << static_cast<void*>(this));
+    UTIL_LOG(LOG_INFO, "msg_queue_base_t::open_notifier, m_reader = " << static_cast<void*>(get_notifier())
+                                                                      << ", notifier = " << static_cast<void*>(notifier)
+                                                                      << ", this = " << static_cast<void*>(this));
     m_reader.store(notifier, std::memory_order_release);
     return RESULT_SUCCESS;
 }
@@ -184,8 +197,8 @@ int msg_queue_base_t::sink_op(msg_queue_sink_it* sink, bool add) {
 }
 
 void msg_queue_base_t::on_sink() {
-    UTIL_LOG(LOG_INFO, "msg_queue_base_t::on_sink(), m_status = " << status() << ", this = "
-                                                                  << static_cast<void*>(this));
+    UTIL_LOG(LOG_INFO,
+             "msg_queue_base_t::on_sink(), m_status = " << status() << ", this = " << static_cast<void*>(this));
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
     // A sink may register again from its call-back; it then waits for the
     // next wake-up.
@@ -208,8 +221,8 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
         return RESULT_SUCCESS;
     if (!writer->is_running()) {
         UTIL_LOG(LOG_WARNING, "msg_queue_base_t::lanuch_on_sink , thr = " << static_cast<void*>(writer)
-                                                                           << " already has been stopped, this = "
-                                                                           << static_cast<void*>(this));
+                                                                          << " already has been stopped, this = "
+                                                                          << static_cast<void*>(this));
         return RESULT_NOTHING_TO_DO;
     }
     deferred_msg_op_t::launch(writer, new on_sink_oper(this));
@@ -333,14 +346,14 @@ int o2o_msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m
 msg_queue_t::msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode)
     : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
     if (writer)
-        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t reader = " << static_cast<void*>(reader) << ", writer = "
-                                                                << static_cast<void*>(writer) << ", capacity = "
-                                                                << capacity << ", mode = " << mode << ", this = "
-                                                                << static_cast<void*>(this));
+        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t reader = " << static_cast<void*>(reader)
+                                                                << ", writer = " << static_cast<void*>(writer)
+                                                                << ", capacity = " << capacity << ", mode = " << mode
+                                                                << ", this = " << static_cast<void*>(this));
     else
-        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t thr_read = " << static_cast<void*>(reader) << ", capacity = "
-                                                                  << capacity << ", mode = " << mode << ", this = "
-                                                                  << static_cast<void*>(this));
+        UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t thr_read = " << static_cast<void*>(reader)
+                                                                  << ", capacity = " << capacity << ", mode = " << mode
+                                                                  << ", this = " << static_cast<void*>(this));
 }
 
 msg_queue_t::~msg_queue_t() {
@@ -370,7 +383,8 @@ int msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mod
 
 // ---- deferred operations ------------------------------------------------------------
 
-deferred_msg_op_t::deferred_msg_op_t(deferred_op_it* op) : msg_it(MSG_TYPE_DEFERRED, 1, MSG_TIMEOUT_NEVER, false), m_op(op) {}
+deferred_msg_op_t::deferred_msg_op_t(deferred_op_it* op)
+    : msg_it(MSG_TYPE_DEFERRED, 1, MSG_TIMEOUT_NEVER, false), m_op(op) {}
 
 deferred_msg_op_t::~deferred_msg_op_t() { delete m_op; }
 

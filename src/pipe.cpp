@@ -101,7 +101,8 @@ void notifier_sock_t::close() {
 }
 
 int notifier_sock_t::open() {
-    UTIL_LOG(LOG_INFO, "notifier_sock_t::open() begin" << ", this =" << this);
+    UTIL_LOG(LOG_INFO, "notifier_sock_t::open() begin"
+                           << ", this =" << this);
     uint32_t start_tick = tick_strategy::now();
     if (m_handle[0].load(std::memory_order_relaxed) != INVALID_NOTIFIER_HANDLE ||
         m_handle[1].load(std::memory_order_relaxed) != INVALID_NOTIFIER_HANDLE) {
@@ -225,7 +226,8 @@ int notifier_sock_t::signal() {
     if (m_waiters.load(std::memory_order_seq_cst) > 0 || m_set.load(std::memory_order_seq_cst) == 0) {
         notifier_handle_t write_end = m_handle[1].load(std::memory_order_relaxed);
         if (write_end == INVALID_NOTIFIER_HANDLE) {
-            UTIL_LOG(LOG_ERROR, "notifier_sock_t::signal() handles are not initialzed" << ", this =" << this);
+            UTIL_LOG(LOG_ERROR, "notifier_sock_t::signal() handles are not initialzed"
+                                    << ", this =" << this);
             return RESULT_NOTHING_TO_DO;
         }
         send_byte(write_end);
@@ -236,7 +238,8 @@ int notifier_sock_t::signal() {
 int notifier_sock_t::pulse(bool hold) {
     // A closed notifier refuses every operation, so the flag is left alone.
     if (!is_active()) {
-        UTIL_LOG(LOG_ERROR, "notifier_sock_t::pulse() handles are not initialzed" << ", this =" << this);
+        UTIL_LOG(LOG_ERROR, "notifier_sock_t::pulse() handles are not initialzed"
+                                << ", this =" << this);
         return RESULT_NOTHING_TO_DO;
     }
     if (hold) {
@@ -254,7 +257,8 @@ int notifier_sock_t::pulse(bool hold) {
 
 int notifier_sock_t::reset() {
     if (!is_active()) {
-        UTIL_LOG(LOG_ERROR, "notifier_sock_t::reset() handles are not initialzed" << ", this =" << this);
+        UTIL_LOG(LOG_ERROR, "notifier_sock_t::reset() handles are not initialzed"
+                                << ", this =" << this);
         return RESULT_NOTHING_TO_DO;
     }
     if (m_waiters.load(std::memory_order_seq_cst) == 0)
@@ -311,7 +315,8 @@ int notifier_sock_t::wait_readable(notifier_handle_t read_end, int timeout_ms, b
         return RESULT_FAILURE;
     }
     default:
-        UTIL_LOG(LOG_WARNING, "notifier_sock_t::wait failed" << ", this =" << this);
+        UTIL_LOG(LOG_WARNING, "notifier_sock_t::wait failed"
+                                  << ", this =" << this);
         return RESULT_FAILURE;
     }
 }
@@ -534,9 +539,7 @@ int notifier_event_t::pulse(bool) { return m_event.pulse(); }
 
 int notifier_event_t::reset() { return m_event.reset(); }
 
-notifier_handle_t notifier_event_t::get_id() const {
-    return reinterpret_cast<notifier_handle_t>(m_event.get_handle());
-}
+notifier_handle_t notifier_event_t::get_id() const { return reinterpret_cast<notifier_handle_t>(m_event.get_handle()); }
 
 int notifier_event_t::open() {
     UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", this = " << this);

@@ -77,15 +77,13 @@ void singleton_life_t::cleanup() {
         fn();
         if (!m_fns.empty() && m_fns.front() == fn) {
             // A destroy function that stays listed would be called forever.
-            UTIL_ASSERT_MSG("singleton_life_t::cleanup fn did not unregist, fn = "
-                                << reinterpret_cast<void*>(fn),
+            UTIL_ASSERT_MSG("singleton_life_t::cleanup fn did not unregist, fn = " << reinterpret_cast<void*>(fn),
                             SOURCE_PATH, __LINE__, ", this = " << this);
             m_fns.pop_front();
             --m_count;
         }
     }
-    UTIL_LOG(LOG_INFO, "singleton_life_t::cleanup finished!, singleton number = " << m_count << ", this = "
-                                                                                  << this);
+    UTIL_LOG(LOG_INFO, "singleton_life_t::cleanup finished!, singleton number = " << m_count << ", this = " << this);
     m_fns.clear();
     m_count = 0;
 }

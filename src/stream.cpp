@@ -190,9 +190,7 @@ text_stream_t& text_stream_t::operator<<(ORDIX_ENUM radix) {
     return *this;
 }
 
-text_stream_t& text_stream_t::operator<<(char value) {
-    return *this << static_cast<signed char>(value);
-}
+text_stream_t& text_stream_t::operator<<(char value) { return *this << static_cast<signed char>(value); }
 
 text_stream_t& text_stream_t::operator<<(signed char value) {
     put_integer(static_cast<unsigned char>(value), 0, value < 0);
@@ -325,8 +323,7 @@ text_stream_t& text_stream_t::operator<<(const unsigned char* text) {
 }
 
 text_stream_t& text_stream_t::operator<<(const std::string& text) {
-    return append(reinterpret_cast<const signed char*>(text.data()),
-                  static_cast<unsigned int>(text.size()));
+    return append(reinterpret_cast<const signed char*>(text.data()), static_cast<unsigned int>(text.size()));
 }
 
 text_stream_t& text_stream_t::operator<<(const void* pointer) {
@@ -343,17 +340,13 @@ text_stream_t& text_stream_t::operator<<(const void* pointer) {
     return *this;
 }
 
-text_stream_t& text_stream_t::operator<<(const atomic_t<int, null_lock>& value) {
-    return *this << value.value();
-}
+text_stream_t& text_stream_t::operator<<(const atomic_t<int, null_lock>& value) { return *this << value.value(); }
 
 text_stream_t& text_stream_t::operator<<(const atomic_t<unsigned int, null_lock>& value) {
     return *this << value.value();
 }
 
-text_stream_t& text_stream_t::operator<<(const atomic_t<long long, null_lock>& value) {
-    return *this << value.value();
-}
+text_stream_t& text_stream_t::operator<<(const atomic_t<long long, null_lock>& value) { return *this << value.value(); }
 
 text_stream_t& text_stream_t::operator<<(const atomic_t<unsigned long long, null_lock>& value) {
     return *this << value.value();
@@ -363,9 +356,8 @@ template <class date_type>
 void text_stream_t::put_date(const date_type& date) {
     signed char* const cursor = m_cursor;
     const uint32_t remaining = m_remaining;
-    const unsigned short fields[7] = {date.m_month,  date.m_day,    date.m_year,
-                                      date.m_hour,   date.m_minute, date.m_second,
-                                      date.m_millisecond};
+    const unsigned short fields[7] = {date.m_month,  date.m_day,    date.m_year,       date.m_hour,
+                                      date.m_minute, date.m_second, date.m_millisecond};
     static const char SEPARATORS[7] = {'/', '/', ' ', ':', ':', ':', 0};
     for (int i = 0; i < 7; ++i) {
         put_integer(fields[i], 1, false);
@@ -437,8 +429,7 @@ const header_cache_t& header_cache(uint64_t now_ms) {
     if (cache.second == second)
         return cache;
     const local_date_t date = local_date_t::from_epoch_ms(now_ms);
-    const unsigned short fields[6] = {date.m_month, date.m_day,    date.m_year,
-                                      date.m_hour,  date.m_minute, date.m_second};
+    const unsigned short fields[6] = {date.m_month, date.m_day, date.m_year, date.m_hour, date.m_minute, date.m_second};
     static const char SEPARATORS[6] = {'/', '/', ' ', ':', ':', ':'};
     signed char* p = cache.date;
     for (int i = 0; i < 6; ++i) {

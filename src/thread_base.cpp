@@ -73,8 +73,9 @@ unsigned int thread_base_t::start(thread_fn_t fn, void* arg, unsigned int stack_
     (void)stack_size;
     (void)priority;
     if (!fn || m_handle.load(std::memory_order_relaxed) != plat::INVALID_THREAD_HANDLE) {
-        UTIL_ASSERT_LINE(THREAD_PATH, 103, ", m_id = " << m_id.load(std::memory_order_relaxed) << ", this = "
-                                                        << static_cast<const void*>(this));
+        UTIL_ASSERT_LINE(
+            THREAD_PATH, 103,
+            ", m_id = " << m_id.load(std::memory_order_relaxed) << ", this = " << static_cast<const void*>(this));
         return 0;
     }
     m_fn = fn;
@@ -108,8 +109,8 @@ unsigned int thread_base_t::start(thread_fn_t fn, void* arg, unsigned int stack_
 
 int thread_base_t::stop() {
     unsigned int id = m_id.load(std::memory_order_relaxed);
-    UTIL_LOG(LOG_INFO, "thread_base_t::stop() stop thread id = " << id << ", this = "
-                                                                 << static_cast<const void*>(this));
+    UTIL_LOG(LOG_INFO,
+             "thread_base_t::stop() stop thread id = " << id << ", this = " << static_cast<const void*>(this));
     if (id == 0)
         return RESULT_NOTHING_TO_DO;
     if (id == get_cur_tid()) {
@@ -123,8 +124,8 @@ int thread_base_t::stop() {
     if (ws == plat::WAIT_TIMED_OUT)
         return RESULT_BUSY;
     if (ws != plat::WAIT_SIGNALLED)
-        UTIL_ASSERT_LINE(THREAD_PATH, 123, ", errno = " << plat::last_error() << ", this = "
-                                                          << static_cast<const void*>(this));
+        UTIL_ASSERT_LINE(THREAD_PATH, 123,
+                         ", errno = " << plat::last_error() << ", this = " << static_cast<const void*>(this));
     if (plat::thread_close(h) != 0)
         UTIL_ASSERT_LINE(THREAD_PATH, 125, ", this = " << static_cast<const void*>(this));
     clear_thread();
@@ -151,8 +152,8 @@ int thread_base_t::cancel() {
         // Where a thread cannot be killed safely it is let go instead; it
         // never touches this object, so forgetting it here is safe.
         UTIL_LOG(LOG_WARNING, "thread_base_t::cancel() thread not terminated, abandoned to run on detached"
-                                  << ", id = " << id << ", errno = " << rv << ", this = "
-                                  << static_cast<const void*>(this));
+                                  << ", id = " << id << ", errno = " << rv
+                                  << ", this = " << static_cast<const void*>(this));
         plat::thread_detach(h);
     }
     clear_thread();
@@ -187,8 +188,8 @@ int thread_base_t::join_np(unsigned int timeout_ms) {
         cancel();
         return RESULT_BUSY;
     }
-    UTIL_LOG(LOG_ERROR, "thread_base_t::join failed, errno = " << plat::last_error() << ", this = "
-                                                               << static_cast<const void*>(this));
+    UTIL_LOG(LOG_ERROR, "thread_base_t::join failed, errno = " << plat::last_error()
+                                                               << ", this = " << static_cast<const void*>(this));
     return RESULT_FAILURE;
 }
 

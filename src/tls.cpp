@@ -112,8 +112,7 @@ int tls_slots_allocator_t::allocate_key(unsigned int& key) {
     }
     unsigned int next = m_next_key.load(std::memory_order_relaxed);
     if (next == NO_MORE_KEYS) {
-        UTIL_ASSERT_MSG("tls_slots_allocator_t::allocate_key out of limitation", SOURCE_PATH, 47,
-                        ", this = " << this);
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::allocate_key out of limitation", SOURCE_PATH, 47, ", this = " << this);
         return RESULT_OUT_OF_LIMIT;
     }
     key = next;
@@ -134,7 +133,7 @@ int tls_slots_allocator_t::deallocate_key(unsigned int key) {
     return RESULT_SUCCESS;
 }
 
-int tls_slots_allocator_t::setspecific_value(unsigned int key, void* value, tls_cleanup_fn cleanup) {
+int tls_slots_allocator_t::setspecific_value(unsigned int key, void* value, tls_cleanup_fn cleanup_fn) {
     unsigned int max_key = m_next_key.load(std::memory_order_relaxed) - 1;
     if (key >= m_next_key.load(std::memory_order_relaxed)) {
         UTIL_ASSERT_MSG("tls_slots_allocator_t::setspecific_value, key = " << key << ", m_max_key = " << max_key,
@@ -153,14 +152,14 @@ int tls_slots_allocator_t::setspecific_value(unsigned int key, void* value, tls_
         }
     }
     if (!t->extend(key)) {
-        UTIL_ASSERT_MSG("tls_slots_allocator_t::setspecific_value extend buf failed, key = "
-                            << key << ", max_key = " << t->capacity(),
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::setspecific_value extend buf failed, key = " << key << ", max_key = "
+                                                                                             << t->capacity(),
                         SOURCE_PATH, 80, ", this = " << this);
         return RESULT_OUT_OF_LIMIT;
     }
     table_t::entry_t& e = t->at(key);
     e.value = value;
-    e.cleanup = cleanup;
+    e.cleanup = cleanup_fn;
     e.used = true;
     return RESULT_SUCCESS;
 }

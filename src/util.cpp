@@ -34,8 +34,8 @@ ssb::thread_mutex_recursive& lifecycle_lock() {
 const char* build_banner() {
     // Built once: concurrent util_init calls must not rewrite it under a reader.
     static char s_banner[128];
-    static const int s_len = snprintf(s_banner, sizeof(s_banner), "%s has been built on:%s at %s", "UTIL",
-                                      __DATE__, __TIME__);
+    static const int s_len =
+        snprintf(s_banner, sizeof(s_banner), "%s has been built on:%s at %s", "UTIL", __DATE__, __TIME__);
     (void)s_len;
     return s_banner;
 }
@@ -88,8 +88,8 @@ void util_version(unsigned int* major, unsigned int* minor, const char** descrip
         *description = banner;
 }
 
-int util_init(unsigned int module_id, const char* dir, const char* filename, const char* pext,
-              unsigned int max_size, unsigned int max_idx) {
+int util_init(unsigned int module_id, const char* dir, const char* filename, const char* pext, unsigned int max_size,
+              unsigned int max_idx) {
     const char* description = nullptr;
     util_version(nullptr, nullptr, &description);
     int32_t times = s_init_times.fetch_add(1, std::memory_order_acq_rel) + 1;
@@ -97,10 +97,9 @@ int util_init(unsigned int module_id, const char* dir, const char* filename, con
         ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
         start_services(dir, filename, pext, max_size, max_idx);
         UTIL_LOG(ssb::LOG_INFO, "UTIL_INIT  refer "
-                                    << "s_init_times = " << times << ", module_id = " << module_id
-                                    << ", description = " << description << ", dir = " << dir
-                                    << ", filename = " << filename << ", pext = " << pext
-                                    << ", max_size = " << max_size << ", max_idx = " << max_idx);
+                                    << "s_init_times = " << times << ", module_id = " << module_id << ", description = "
+                                    << description << ", dir = " << dir << ", filename = " << filename
+                                    << ", pext = " << pext << ", max_size = " << max_size << ", max_idx = " << max_idx);
         start_memory_log(description);
     } else {
         UTIL_LOG(ssb::LOG_INFO,
@@ -114,15 +113,16 @@ void util_uninit(unsigned int module_id) {
     util_version(nullptr, nullptr, &description);
     int32_t times = s_init_times.load(std::memory_order_acquire);
     UTIL_LOG(ssb::LOG_INFO, "UTIL_UNINIT  refer times = " << times << ", module_id = " << module_id << ", "
-                                                          << "description" << " = " << description);
+                                                          << "description"
+                                                          << " = " << description);
     // Count down without ever going below zero, even when racing.
     do {
         if (times <= 0) {
             UTIL_ASSERT_LINE(SOURCE_PATH, 179, "");
             return;
         }
-    } while (!s_init_times.compare_exchange_weak(times, times - 1, std::memory_order_acq_rel,
-                                                 std::memory_order_acquire));
+    } while (
+        !s_init_times.compare_exchange_weak(times, times - 1, std::memory_order_acq_rel, std::memory_order_acquire));
     if (times - 1 == 0) {
         ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(lifecycle_lock());
         stop_services();
@@ -155,8 +155,8 @@ int main_heartbeat() {
         ssb::thread_wrapper_t* found = mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
         ssb::thread_wrapper_t* mine = mgr->current();
         if (found != mine) {
-            UTIL_ASSERT_LINE(SOURCE_PATH, 216, ", main_thr = " << static_cast<void*>(found)
-                                                               << ", self = " << static_cast<void*>(mine));
+            UTIL_ASSERT_LINE(SOURCE_PATH, 216,
+                             ", main_thr = " << static_cast<void*>(found) << ", self = " << static_cast<void*>(mine));
             return ssb::RESULT_REFUSED;
         }
         if (!found) {

@@ -45,7 +45,11 @@ TEST(LocalDate, DayOfWeekAcrossCenturyLeapRulesAndMonthZero) {
 }
 
 TEST(LocalDateAdd, CarriesEachFieldAndChecksTheDayAgainstTheFollowingMonth) {
-    const struct { fields_t start; int64_t amount; fields_t want; } cases[] = {
+    const struct {
+        fields_t start;
+        int64_t amount;
+        fields_t want;
+    } cases[] = {
         {{2023, 1, 28, 0, 0, 0, 0}, DAY_MS, {2023, 2, 1, 0, 0, 0, 0}},  // limited by February's length
         {{1900, 1, 28, 0, 0, 0, 0}, DAY_MS, {1900, 2, 1, 0, 0, 0, 0}},
         {{2000, 1, 28, 0, 0, 0, 0}, DAY_MS, {2000, 1, 29, 0, 0, 0, 0}},
@@ -59,9 +63,11 @@ TEST(LocalDateAdd, CarriesEachFieldAndChecksTheDayAgainstTheFollowingMonth) {
     for (const auto& c : cases) {
         local_date_t d = make_date(c.start);
         EXPECT_EQ(&d, &(d += c.amount));
-        EXPECT_EQ(fields(make_date(c.want)), fields(d)) << c.start[0] << "-" << c.start[1] << "-" << c.start[2] << " + " << c.amount;
+        EXPECT_EQ(fields(make_date(c.want)), fields(d))
+            << c.start[0] << "-" << c.start[1] << "-" << c.start[2] << " + " << c.amount;
     }
-    EXPECT_EQ(fields(make_date({2023, 2, 22, 17, 2, 47, 295})), fields(make_date({2023, 1, 1, 0, 0, 0, 0}) + 0xFFFFFFFFu));
+    EXPECT_EQ(fields(make_date({2023, 2, 22, 17, 2, 47, 295})),
+              fields(make_date({2023, 1, 1, 0, 0, 0, 0}) + 0xFFFFFFFFu));
 }
 
 TEST(LocalDate, ClockConstructorsAndFromEpochMsMatchTheCLibraryAlsoUnderThreads) {

@@ -135,7 +135,7 @@ TEST(IoRepo, EachAutoResetSignalWakesExactlyOneOfTwoWaits) {
     const int SIGNALS = 2000 / util_test::ROUNDS_SCALE;
     for (int i = 1; i <= SIGNALS; ++i) {
         shared.signal();
-        util_test::wait_until([&] { return reports.load() >= i; });
+        UTIL_WAIT_UNTIL([&] { return reports.load() >= i; });
     }
     stop.signal();
     a.join();
@@ -174,7 +174,7 @@ TEST(IoRepo, RemovalInsideOrOutsideTheLoopStopsTheCalls) {
     ASSERT_EQ(RESULT_SUCCESS, repo.add_fd(outside.get_id(), IO_READ, &ho));
     ASSERT_EQ(RESULT_SUCCESS, inside.signal());
     loop_thread_t loop(repo);
-    wait_until([&] { return hi.calls == 1; });
+    UTIL_WAIT_UNTIL([&] { return hi.calls == 1; });
     EXPECT_EQ(RESULT_SUCCESS, repo.remove_fd(outside.get_id())) << "returns once no pass can use it";
     ASSERT_EQ(RESULT_SUCCESS, outside.signal());
     h2.action = [&](io_handle_t) { repo.stop(); };
@@ -192,7 +192,7 @@ void expect_stop_ends_a_sleeping_loop() {
     hook_t hook;
     repo.set_process(&hook);
     loop_thread_t loop(repo);
-    wait_until([&] { return hook.passes == 1 && repo.is_running(); });
+    UTIL_WAIT_UNTIL([&] { return hook.passes == 1 && repo.is_running(); });
     EXPECT_EQ(RESULT_ALREADY_EXISTS, repo.start());
     EXPECT_EQ(RESULT_SUCCESS, repo.stop());
     EXPECT_EQ(RESULT_SUCCESS, loop.join());
@@ -221,11 +221,11 @@ void expect_hook_runs_after_notifier_wakeup() {
     repo.set_process(&hook);
     loop_thread_t loop(repo);
     for (int round = 1; round <= 2; ++round) {
-        wait_until([&] { return hook.passes == round; });
+        UTIL_WAIT_UNTIL([&] { return hook.passes == round; });
         EXPECT_EQ(round - 1u, nh.wakeups());
         ASSERT_EQ(RESULT_SUCCESS, notifier.signal());
     }
-    wait_until([&] { return hook.passes == 3; });
+    UTIL_WAIT_UNTIL([&] { return hook.passes == 3; });
     EXPECT_EQ(RESULT_SUCCESS, repo.stop());
     EXPECT_EQ(RESULT_SUCCESS, loop.join());
     EXPECT_EQ(2u, nh.wakeups());
@@ -243,7 +243,7 @@ TEST(IoRepo, HookRunsAfterEachNotifierWakeUp) {
 }
 
 struct collecting_pipe_handler_t : pipe_handler_t {
-    collecting_pipe_handler_t(pipe_t* pipe, io_repo_t* repo) : pipe_handler_t(pipe, repo), repo(repo) {}
+    collecting_pipe_handler_t(pipe_t* pipe, io_repo_t* owner) : pipe_handler_t(pipe, owner), repo(owner) {}
     void on_data(const unsigned char* data, unsigned int size) override {
         received.append(reinterpret_cast<const char*>(data), size);
         if (received.size() >= 10000)

@@ -157,7 +157,7 @@ TEST(Event, SignalAndPulseReleaseAllWaitersOfManualResetAndOneAtATimeOfAutoReset
             if (pulse)  // releases only the threads already waiting: repeat until all were caught
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
             else  // a signal stays set until taken
-                wait_until([&] { return w.released.load() >= (manual ? 3 : before + 1); });
+                UTIL_WAIT_UNTIL([&] { return w.released.load() >= (manual ? 3 : before + 1); });
             // An auto-reset event never releases more waiters than it was given
             // signals or pulses, however late the released threads run.
             EXPECT_LE(w.released.load(), manual ? 3 : sent) << "kind " << kind;

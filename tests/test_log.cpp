@@ -207,7 +207,6 @@ TEST_F(LogControl, InitAndUninitLinesCarryTheirPairs) {
         EXPECT_NE(m.end(), std::find(m.begin(), m.end(), want)) << want;
 }
 
-
 // Log files are opened in text mode, so Windows stores "\r\n".
 std::string read_file(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
@@ -220,8 +219,9 @@ std::string read_file(const fs::path& p) {
 class dated_file_t : public logger_file_base_t {
 public:
     dated_file_t(const std::string& dir, unsigned short day)
-        : logger_file_base_t(reinterpret_cast<const signed char*>(dir.c_str()), reinterpret_cast<const signed char*>("rot"),
-                             reinterpret_cast<const signed char*>("log"), 0, 9, date(day)),
+        : logger_file_base_t(reinterpret_cast<const signed char*>(dir.c_str()),
+                             reinterpret_cast<const signed char*>("rot"), reinterpret_cast<const signed char*>("log"),
+                             0, 9, date(day)),
           m_now(date(day)) {}
     static local_date_t date(unsigned short day) {
         local_date_t d(nullptr);

@@ -11,8 +11,7 @@ int main(int argc, char** argv) {
     // Windows the folder comes from the shell, and Wine keeps it inside its
     // prefix.)
     if (!getenv("XDG_DATA_HOME")) {
-        static std::string setting =
-            "XDG_DATA_HOME=" + (std::filesystem::current_path() / "test-home").string();
+        static std::string setting = "XDG_DATA_HOME=" + (std::filesystem::current_path() / "test-home").string();
         putenv(&setting[0]);
     }
     testing::InitGoogleTest(&argc, argv);

@@ -33,7 +33,9 @@ std::atomic<int> g_created{0}, g_destroyed{0}, g_ran{0}, g_wrappers_destroyed{0}
 
 struct counted_msg_t : msg_it {
     explicit counted_msg_t(MSG_TYPE type = MSG_TYPE_PLAIN, unsigned int timeout = MSG_TIMEOUT_NEVER)
-        : msg_it(type, 1, timeout) { ++g_created; }
+        : msg_it(type, 1, timeout) {
+        ++g_created;
+    }
     void on_message() override { ++g_ran; }
     ~counted_msg_t() override { ++g_destroyed; }
 };
@@ -67,8 +69,9 @@ TEST_F(Msg, OvertimeIsStrictlyGreaterThanTheTimeOut) {
     const struct {
         uint32_t stamp, timeout, now;
         bool overtime;
-    } cases[] = {{1000, 5000, 6000, false},        {1000, 5000, 6001, true},         {1000, 0, 1001, true},
-                 {0xFFFFFFF0u, 0x1F, 0x10, false}, {0xFFFFFFF0u, 0x1F, 0x11, true}, {1000, MSG_TIMEOUT_NEVER, 999, false}};
+    } cases[] = {{1000, 5000, 6000, false},       {1000, 5000, 6001, true},
+                 {1000, 0, 1001, true},           {0xFFFFFFF0u, 0x1F, 0x10, false},
+                 {0xFFFFFFF0u, 0x1F, 0x11, true}, {1000, MSG_TIMEOUT_NEVER, 999, false}};
     for (const auto& c : cases) {
         set_now(c.stamp);
         counted_msg_t* m = new counted_msg_t(MSG_TYPE_PLAIN, c.timeout);

@@ -102,7 +102,7 @@ void full_queue_keeps_the_message(MsgQueue*) {
     EXPECT_EQ(MSG_QUEUE_STATUS_FULL, q->status());
     // Mode 0 signals on every post, the refused one included.
     EXPECT_EQ(32, n.m_signals.load());
-    EXPECT_EQ(32, g_live.load());  // nothing released: the extra is ours
+    EXPECT_EQ(32, g_live.load());                                     // nothing released: the extra is ours
     EXPECT_EQ(RESULT_QUEUE_FULL, q->send_msg(extra, nullptr, 1000));  // no wrapper, no wait
     EXPECT_EQ(32, n.m_signals.load());
     extra->release();
@@ -163,7 +163,7 @@ public:
             }
             m_wrapper->cleanup_tls();
         });
-        util_test::wait_until([&] { return ready.load(); });
+        util_test::wait_until("the loop thread to start", [&] { return ready.load(); });
     }
     ~loop_thread_t() {
         if (m_wrapper->is_running())
@@ -194,7 +194,7 @@ TEST_F(MsgQueue, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
     msg_it* m = nullptr;
     ASSERT_EQ(RESULT_SUCCESS, q->pop_msg(m));
     m->release();
-    util_test::wait_until([&] { return sink.m_calls.load() == 1; });
+    UTIL_WAIT_UNTIL([&] { return sink.m_calls.load() == 1; });
     EXPECT_EQ(0, sink.m_reason.load());
     EXPECT_EQ(writer.m_tid, sink.m_tid.load());
     // Called once and forgotten.

@@ -7,10 +7,10 @@
 #include <thread>
 
 #if !defined(_WIN32)
-#include <fcntl.h>
-#include <sys/resource.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#  include <fcntl.h>
+#  include <sys/resource.h>
+#  include <sys/socket.h>
+#  include <unistd.h>
 #endif
 
 #include "notifier.h"
@@ -60,7 +60,8 @@ uint64_t run_signal_stress(notifier_it& n, int writers, int posts, const std::fu
         for (int i = 0; i < posts && !abort.load(); ++i) {
             uint64_t mine = posted.fetch_add(1) + 1;
             n.signal();
-            wait_until([&] { return handled.load() >= mine || abort.load(); });
+            util_test::wait_until("the reader to handle the signal",
+                                  [&] { return handled.load() >= mine || abort.load(); });
         }
     });
     reader.join();
@@ -99,9 +100,10 @@ TYPED_TEST(ByteNotifier, OpenCloseCodesAndEachWaitTakesOneSignalPeekNone) {
 TYPED_TEST(ByteNotifier, SignalsReachAWaiterWithoutLoss) {
     for (int writers : {1, 3}) {
         TypeParam n(0);
-        EXPECT_EQ(writers * 400u, run_signal_stress(n, writers, 400, [](notifier_it& x) {
-            return x.wait(WATCHDOG_MS, false) == RESULT_SUCCESS;
-        })) << writers;
+        EXPECT_EQ(writers * 400u,
+                  run_signal_stress(n, writers, 400,
+                                    [](notifier_it& x) { return x.wait(WATCHDOG_MS, false) == RESULT_SUCCESS; }))
+            << writers;
     }
 }
 
@@ -232,11 +234,14 @@ TEST(NotifierEvent, SignalsReachAWaiterWithoutLoss) {
     for (int writers : {1, 3}) {
         notifier_event_t n(false, false, false);
         // Every wait answers 0, so only the watchdog's length tells a loss.
-        EXPECT_EQ(writers * 400u, run_signal_stress(n, writers, 400, [](notifier_it& x) {
-            auto start = std::chrono::steady_clock::now();
-            x.wait(WATCHDOG_MS, false);
-            return std::chrono::steady_clock::now() - start < std::chrono::milliseconds(WATCHDOG_MS);
-        })) << writers;
+        EXPECT_EQ(writers * 400u, run_signal_stress(n, writers, 400,
+                                                    [](notifier_it& x) {
+                                                        auto start = std::chrono::steady_clock::now();
+                                                        x.wait(WATCHDOG_MS, false);
+                                                        return std::chrono::steady_clock::now() - start <
+                                                               std::chrono::milliseconds(WATCHDOG_MS);
+                                                    }))
+            << writers;
     }
 }
 

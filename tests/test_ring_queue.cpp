@@ -77,9 +77,9 @@ TEST(RingQueueCapacity, ClampBoundariesAndRoom) {
         util_test::restore_log_routing();
         EXPECT_EQ(row[1], q.capacity());
         ASSERT_EQ(1u, cap.lines.size());
-        EXPECT_NE(std::string::npos, cap.lines[0].find("\tring_queue_t::ring_queue_t(), capacity = " +
-                                                       std::to_string(row[0]) + ", m_capacity = " +
-                                                       std::to_string(row[1]) + ", this = "));
+        EXPECT_NE(std::string::npos,
+                  cap.lines[0].find("\tring_queue_t::ring_queue_t(), capacity = " + std::to_string(row[0]) +
+                                    ", m_capacity = " + std::to_string(row[1]) + ", this = "));
         uintptr_t n = 0, v = 0;
         while (q.push(n + 1) == RESULT_SUCCESS)
             ++n;

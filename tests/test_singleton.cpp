@@ -98,10 +98,18 @@ TEST_F(SingletonLife, ConcurrentRegistrationsAreAllKept) {
     util_test::run_threads(4, [&](int i) {
         for (int r = 0; r < 1000; ++r) {
             switch ((i + r) % 4) {
-            case 0: reg().regist(&destroy_fn<10>); break;
-            case 1: reg().regist(&destroy_fn<11>); break;
-            case 2: reg().regist(&destroy_fn<12>); break;
-            default: reg().regist(&destroy_fn<13>); break;
+            case 0:
+                reg().regist(&destroy_fn<10>);
+                break;
+            case 1:
+                reg().regist(&destroy_fn<11>);
+                break;
+            case 2:
+                reg().regist(&destroy_fn<12>);
+                break;
+            default:
+                reg().regist(&destroy_fn<13>);
+                break;
             }
         }
     });

@@ -55,7 +55,6 @@ struct sized_stream_t {
     text_stream_t stream;
 };
 
-
 TEST(AuxiIntegers, EveryDigitCountMatchesPrintf) {
     std::vector<unsigned long long> values = {ULLONG_MAX, 0xFFFFFFFFULL, 0x100000000ULL};
     for (unsigned long long p = 1; p <= 10000000000000000000ULL / 10; p *= 10)
@@ -87,13 +86,22 @@ TEST(AuxiReals, RoundHalfUpOnTheMagnitudeCarryAndRefuseOutOfRange) {
         unsigned int decimals;
         const char* text;  // empty: refused
     } cases[] = {
-        {true, 2.005, 2, "2.01"}, {true, 2.675, 2, "2.67"},  // 2.675f is 2.67499995...
-        {true, -0.999995, 2, "-1.00"}, {true, 9.995, 1, "10.0"}, {true, -0.001, 2, "-0.00"},
-        {true, 1.5, 0, "2."}, {true, 3.0, 12, "3.000000000"}, {true, -2147483648.0, 2, "-2147483648.00"},
-        {true, 2147483648.0, 2, ""}, {true, NAN, 2, ""}, {true, -INFINITY, 2, ""},
-        {false, 0.00005, 4, "0.0001"}, {false, 4294967295.99999, 4, "4294967296.0000"},
+        {true, 2.005, 2, "2.01"},
+        {true, 2.675, 2, "2.67"},  // 2.675f is 2.67499995...
+        {true, -0.999995, 2, "-1.00"},
+        {true, 9.995, 1, "10.0"},
+        {true, -0.001, 2, "-0.00"},
+        {true, 1.5, 0, "2."},
+        {true, 3.0, 12, "3.000000000"},
+        {true, -2147483648.0, 2, "-2147483648.00"},
+        {true, 2147483648.0, 2, ""},
+        {true, NAN, 2, ""},
+        {true, -INFINITY, 2, ""},
+        {false, 0.00005, 4, "0.0001"},
+        {false, 4294967295.99999, 4, "4294967296.0000"},
         {false, -9223372036854775808.0, 2, "-9223372036854775808.00"},
-        {false, 9223372036854775808.0, 4, ""}, {false, 1e300, 4, ""},
+        {false, 9223372036854775808.0, 4, ""},
+        {false, 1e300, 4, ""},
     };
     for (const auto& c : cases) {
         signed char out[32] = {'x', 'x'};
@@ -107,7 +115,6 @@ TEST(AuxiReals, RoundHalfUpOnTheMagnitudeCarryAndRefuseOutOfRange) {
     }
 }
 
-
 struct width_case_t {
     ssb::ORDIX_ENUM radix;
     std::function<void(text_stream_t&)> write;
@@ -115,8 +122,10 @@ struct width_case_t {
     unsigned int room;  // the least room that takes the value
 };
 
-#define WIDTH_CASE(radix, expr, text, room) \
-    width_case_t { radix, [](text_stream_t& s) { s << (expr); }, text, room }
+#define WIDTH_CASE(radix, expr, text, room)                  \
+  width_case_t {                                             \
+    radix, [](text_stream_t& s) { s << (expr); }, text, room \
+  }
 
 TEST(TextStreamWidths, ExactRoomWritesAndOneShortWritesNothing) {
     using namespace ssb;
@@ -159,8 +168,8 @@ TEST(TextStreamWidths, AFailedValueDoesNotStopShorterOnesAndLogStreamChainsTheSa
 
     signed char buffer[256];
     log_stream_t ls(buffer, sizeof buffer, nullptr, nullptr);
-    ls << static_cast<signed char>(-1) << ' ' << static_cast<unsigned short>(7) << ssb::ORDIX_HEX
-       << 255u << ssb::ORDIX_DEC << "|" << std::string("s") << -1.5f << 2.25 << true << 'B';
+    ls << static_cast<signed char>(-1) << ' ' << static_cast<unsigned short>(7) << ssb::ORDIX_HEX << 255u
+       << ssb::ORDIX_DEC << "|" << std::string("s") << -1.5f << 2.25 << true << 'B';
     EXPECT_EQ("\t" + ids_text() + "\t-1327000000FF|s-1.502.2500true66", after_date(text_of(ls)));
 }
 
@@ -212,8 +221,8 @@ TEST(TextStreamText, HexRadixWritesDigitPairsNulIncludedOnlyWhenTerminated) {
 
 TEST(TextStreamRadix, SwitchesForWhatFollowsButPointerAndUnknownRadixDiffer) {
     sized_stream_t s(120);
-    s.s() << ssb::ORDIX_HEX << 255u << ssb::ORDIX_OCT << 8 << "," << ssb::ORDIX_DEC << 255u << ","
-          << ssb::ORDIX_HEX << reinterpret_cast<void*>(0xAB) << 171u;
+    s.s() << ssb::ORDIX_HEX << 255u << ssb::ORDIX_OCT << 8 << "," << ssb::ORDIX_DEC << 255u << "," << ssb::ORDIX_HEX
+          << reinterpret_cast<void*>(0xAB) << 171u;
     EXPECT_EQ("000000FF10,255,0x000000ab000000AB", s.text());
     // An unknown radix writes no integers, but text and reals still go out.
     sized_stream_t u(40);
@@ -269,7 +278,8 @@ TEST(LogStream, EachThreadShowsItsOwnThreadId) {
             signed char buffer[2049];
             log_stream_t ls(buffer, sizeof buffer, sc("DEBUG"), sc("UTIL"));
             ls << i << "\n";
-            const std::string text = text_of(ls), tail = "\tUTIL\t" + ids_text() + "\tDEBUG\t" + std::to_string(i) + "\n";
+            const std::string text = text_of(ls),
+                              tail = "\tUTIL\t" + ids_text() + "\tDEBUG\t" + std::to_string(i) + "\n";
             if (text.size() < tail.size() || text.compare(text.size() - tail.size(), tail.size(), tail) != 0)
                 mismatches.fetch_add(1, std::memory_order_relaxed);
         }

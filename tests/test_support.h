@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 #include <thread>
 #include <vector>
@@ -18,11 +19,11 @@ namespace util_test {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
 const int ROUNDS_SCALE = 10;
 #elif defined(__has_feature)
-#if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
+#  if __has_feature(thread_sanitizer) || __has_feature(address_sanitizer)
 const int ROUNDS_SCALE = 10;
-#else
+#  else
 const int ROUNDS_SCALE = 1;
-#endif
+#  endif
 #else
 const int ROUNDS_SCALE = 1;
 #endif
@@ -44,14 +45,29 @@ inline void run_threads(int n, const std::function<void(int)>& fn) {
         t.join();
 }
 
-// Spins until pred() holds; the tests use it instead of sleeping for a
-// fixed time.
+// How long a test waits for something that should happen at once before it
+// calls it a fault: far beyond any honest delay (sanitizers, Wine, a loaded
+// machine), far below CTest's time-out, so a broken loop fails with a name.
+const std::chrono::seconds WAIT_LIMIT(60);
+
+// Spins until pred() holds and returns true; past `limit` records a failure
+// naming `what` and returns false. Tests use it instead of sleeping.
 template <class Pred>
-void wait_until(Pred pred) {
-    while (!pred())
+bool wait_until(const char* what, Pred pred, std::chrono::milliseconds limit = WAIT_LIMIT) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    while (!pred()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            ADD_FAILURE() << "gave up after " << limit.count() << " ms waiting for: " << what;
+            return false;
+        }
         std::this_thread::yield();
+    }
+    return true;
 }
 
 }  // namespace util_test
+
+// In a test body: waits for the condition or ends the test, naming it.
+#define UTIL_WAIT_UNTIL(...) ASSERT_TRUE(util_test::wait_until(#__VA_ARGS__, __VA_ARGS__))
 
 #endif

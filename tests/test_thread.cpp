@@ -84,7 +84,7 @@ TEST_F(Threads, TwoThreadsExchangeMessagesInOrderOnTheRightThreadWithBackPressur
     producer_t to_a(0, a, MESSAGES_EACH_WAY, &next_at_a, a->get_id());
     a->post_ctrl_msg(new fn_msg_t([&] { to_b.produce(); }), nullptr);
     b->post_ctrl_msg(new fn_msg_t([&] { to_a.produce(); }), nullptr);
-    util_test::wait_until([&] {
+    UTIL_WAIT_UNTIL([&] {
         int done_b = 0, done_a = 0;
         run_on(b, [&] { done_b = next_at_b[0]; });
         run_on(a, [&] { done_a = next_at_a[0]; });
@@ -124,7 +124,7 @@ TEST_F(Threads, AFullChannelCallsTheSinkOnceOnTheWritersThread) {
     EXPECT_TRUE(m_log.contains(" failed, no room, sink = "));
     // The main thread drains its channel; the wake-up travels back.
     EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
-    util_test::wait_until([&] { return sink.calls.load() == 1; });
+    UTIL_WAIT_UNTIL([&] { return sink.calls.load() == 1; });
     EXPECT_EQ(writer->get_id(), sink.tid.load());
     run_on(writer, [] {});
     EXPECT_EQ(1, sink.calls.load());
@@ -146,11 +146,12 @@ TEST_F(Threads, APassHandlesALoadOf100AndDropsOvertimeMessages) {
     // Overtime: older than its time-out when its turn comes.
     run_on(writer, [&] { m_main->post_msg(new fn_msg_t([&] { ++ran; }, 0), nullptr); });
     const uint32_t posted = ticks_drv_t::now();
-    util_test::wait_until([&] { return ticks_drv_t::now() - posted > 2; });
+    UTIL_WAIT_UNTIL([&] { return ticks_drv_t::now() - posted > 2; });
     EXPECT_EQ(0u, m_main->process_msg(WAIT_INFINITE_MS));
     EXPECT_EQ(150, ran.load());
-    EXPECT_TRUE(m_log.contains("thread_wrapper_t::process_msg() the msg already overtime, "
-                               "(uint32_t)msg->get_type() = 0"));
+    EXPECT_TRUE(
+        m_log.contains("thread_wrapper_t::process_msg() the msg already overtime, "
+                       "(uint32_t)msg->get_type() = 0"));
 }
 
 TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
@@ -207,7 +208,7 @@ TEST_F(Threads, StopIsSynchronousOnceAndRefusesLaterPosts) {
     // the other end lets go when its loop runs the release.
     EXPECT_TRUE(a->is_stopped());
     EXPECT_EQ(0u, a->channel_count());
-    util_test::wait_until([&] { return b->channel_count() == 1; });
+    UTIL_WAIT_UNTIL([&] { return b->channel_count() == 1; });
     EXPECT_EQ(nullptr, m_mgr->find_by_id(a_id));
     EXPECT_EQ(RESULT_NOTHING_TO_DO, a->stop());
     fn_msg_t* late = new fn_msg_t([] {});
@@ -225,7 +226,7 @@ TEST_F(Threads, StopIsSynchronousOnceAndRefusesLaterPosts) {
                          stopped_inside = b->is_stopped();
                      }),
                      nullptr);
-    util_test::wait_until([&] { return stopped_inside.load() && m_mgr->find_by_type(100) == nullptr; });
+    UTIL_WAIT_UNTIL([&] { return stopped_inside.load() && m_mgr->find_by_type(100) == nullptr; });
 }
 
 TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
@@ -260,8 +261,9 @@ TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
 TEST_F(Threads, TimerPrecisionRange) {
     EXPECT_EQ(RESULT_INVALID_ARG, m_main->adjust_timer_precision(9));
     EXPECT_EQ(RESULT_INVALID_ARG, m_main->adjust_timer_precision(1001));
-    EXPECT_TRUE(m_log.contains("assert: msg[thread_wrapper_t::adjust_timer_precision should in scope"
-                               "[ticks_helper::MIN_INTERVAL, 1000ms]] file[thread], line = [1620]"));
+    EXPECT_TRUE(
+        m_log.contains("assert: msg[thread_wrapper_t::adjust_timer_precision should in scope"
+                       "[ticks_helper::MIN_INTERVAL, 1000ms]] file[thread], line = [1620]"));
     EXPECT_EQ(RESULT_SUCCESS, m_main->adjust_timer_precision(10));
     EXPECT_EQ(RESULT_SUCCESS, m_mgr->adjust_timer_precision(1000));
     EXPECT_EQ(1000u, m_mgr->find_by_type(THREAD_TYPE_TIMER)->get_timer_precision());

@@ -43,7 +43,7 @@ void run_once(void* p) {
 void wait_for_release(void* p) {
     probe_t* probe = static_cast<probe_t*>(p);
     probe->entered = true;
-    wait_until([probe] { return probe->release.load(); });
+    util_test::wait_until("the test to release the thread", [probe] { return probe->release.load(); });
     probe->done = true;
 }
 
@@ -105,7 +105,7 @@ TEST_F(ThreadBase, StopJoinAndCancelFromTheThreadItselfAreRefused) {
     thread_base_t t;
     probe.self = &t;
     ASSERT_NE(0u, t.start(control_self, &probe, 0, 0));
-    wait_until([&] { return probe.entered.load(); });
+    UTIL_WAIT_UNTIL([&] { return probe.entered.load(); });
     for (const std::atomic<int>& rv : probe.inner_rv)
         EXPECT_EQ(RESULT_REFUSED, rv.load());
     EXPECT_EQ(3, cap.asserts);
@@ -120,14 +120,14 @@ TEST_F(ThreadBase, JoinTimeOutCancelsAndForgetsTheThreadWhichMayOutliveTheObject
     probe_t probe;
     std::unique_ptr<thread_base_t> t(new thread_base_t);
     ASSERT_NE(0u, t->start(wait_for_release, &probe, 0, 0));
-    wait_until([&] { return probe.entered.load(); });
+    UTIL_WAIT_UNTIL([&] { return probe.entered.load(); });
     EXPECT_EQ(RESULT_BUSY, t->join_np(0));
     EXPECT_TRUE(t->is_stopped() && t->get_id() == 0u);
     EXPECT_EQ(RESULT_NOTHING_TO_DO, t->stop());
     t.reset();
     probe.release = true;
 #if !defined(_WIN32)
-    wait_until([&] { return probe.done.load(); });
+    UTIL_WAIT_UNTIL([&] { return probe.done.load(); });
 #endif
 }
 

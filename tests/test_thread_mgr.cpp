@@ -144,7 +144,7 @@ TEST_F(ThreadMgr, AnIoThreadCallsItsSocketHandlerOnItsOwnThread) {
     run_on(io, [&] { rv = io->repo()->add_fd(sock.get_id(), IO_READ, &reader); });
     ASSERT_EQ(RESULT_SUCCESS, rv);
     sock.signal();
-    util_test::wait_until([&] { return reader.m_calls.load() >= 1; });
+    UTIL_WAIT_UNTIL([&] { return reader.m_calls.load() >= 1; });
     EXPECT_EQ(io->get_id(), reader.m_tid.load());
     // Messages still flow between the waits.
     run_on(io, [&] { rv = io->repo()->remove_fd(sock.get_id()); });
@@ -172,7 +172,7 @@ TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
     io->increment();
     io->open_notifier(1);
     ASSERT_NE(0u, io->start(nullptr, nullptr, 0, 0));
-    util_test::wait_until([&] { return io->has_ended(); });
+    UTIL_WAIT_UNTIL([&] { return io->has_ended(); });
     EXPECT_TRUE(m_log.contains("has been not supported"));
     EXPECT_EQ(RESULT_NOTHING_TO_DO, io->stop());
     io->decrement();

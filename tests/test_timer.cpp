@@ -19,7 +19,9 @@ struct row_t {
 };
 
 template <class H>
-std::vector<uint32_t> digits(const H& h) { return {h.digit(0), h.digit(1), h.digit(2), h.digit(3)}; }
+std::vector<uint32_t> digits(const H& h) {
+    return {h.digit(0), h.digit(1), h.digit(2), h.digit(3)};
+}
 
 template <class H>
 void check(const std::vector<row_t>& set, const std::vector<row_t>& adds, const std::vector<row_t>& subs) {
@@ -57,10 +59,13 @@ TEST(TicksHelper, SetClampsIncreaseCarriesSubBorrowsBelowTheTopDigitAndRemainder
     const uint32_t D1 = 64, D2 = 4096, D3 = 262144;
     check<ticks_helper>({{16777216 + 65, 16777216 + 65, {1, 1, 0, 0}, 65},  // bits above 24 dropped
                          {MAX_INTERVAL + 1, MAX_INTERVAL, {54, 63, 63, 53}, 14155766}},
-                        {{63, 1, {0, 1, 0, 0}, 3}, {4095, 1, {0, 0, 1, 0}, 7}, {262143, 1, {0, 0, 0, 1}, 15},
-                         {16777215, 1, {0, 0, 0, 0}, 15}, {1, 200, {9, 3, 0, 0}, 3},
+                        {{63, 1, {0, 1, 0, 0}, 3},
+                         {4095, 1, {0, 0, 1, 0}, 7},
+                         {262143, 1, {0, 0, 0, 1}, 15},
+                         {16777215, 1, {0, 0, 0, 0}, 15},
+                         {1, 200, {9, 3, 0, 0}, 3},
                          {63, 0xFFFFFFFFu, {62, 0, 0, 0}, 15}},  // digit 0 plus the amount exceeds 32 bits
-                        {{63, 5, {63, 0, 0, 0}, 0},  // no digit above 0: nothing is subtracted
+                        {{63, 5, {63, 0, 0, 0}, 0},              // no digit above 0: nothing is subtracted
                          {1 * D1 + 5, 9 * D1 + 2, {3, 1, 0, 0}, 0},
                          {2 * D3 + 5 * D2 + 6 * D1 + 7, 50 * D3 + 1 * D2 + 2 * D1 + 3, {4, 4, 4, 2}, 0}});
     uint32_t seed = 12345;
@@ -78,7 +83,9 @@ TEST(TicksHelper, SetClampsIncreaseCarriesSubBorrowsBelowTheTopDigitAndRemainder
 TEST(TimerHelper, CarriesAt100And60And60WrapsHoursAndRemainderPerLevel) {
     const uint32_t S = 100, M = 6000, H = 360000, TOP = MAX_TIMER_HELPER_TICKS;
     check<timer_helper>({{H, H, {0, 0, 0, 1}, H}, {TOP + 1, TOP, {90, 59, 59, 989}, TOP}},
-                        {{99, 1, {0, 1, 0, 0}, 3}, {5999, 1, {0, 0, 1, 0}, 7}, {45 * H + 359999, 1, {0, 0, 0, 46}, 15},
+                        {{99, 1, {0, 1, 0, 0}, 3},
+                         {5999, 1, {0, 0, 1, 0}, 7},
+                         {45 * H + 359999, 1, {0, 0, 0, 46}, 15},
                          {99 * H + 359999, 1, {0, 0, 0, 0}, 15},
                          {TOP, 1, {91, 59, 59, 89}, 1},  // hours reduced even without a carry
                          {0, 0xFFFFFFFFu, {95, 52, 27, 30}, 15}},
@@ -91,9 +98,15 @@ TEST(TimerHelper, CarriesAt100And60And60WrapsHoursAndRemainderPerLevel) {
 
 TEST(TickStrategy, StepAcceptsForwardReadingsAndFreezesOnBackwardOrHugeOnes) {
     const uint64_t WEEK = 604800000000ULL, TOP = ~0ULL;
-    const struct { uint64_t last, reading, returned, last_after; } cases[] = {
-        {1000, 1001, 1001, 1001}, {1000, 999, 1000, 1000}, {5, WEEK + 5, WEEK + 5, WEEK + 5}, {5, WEEK + 6, 5, 5},
-        {TOP - 1, 0, TOP - 1, TOP - 1}, {TOP - 2, 0, 0, 0},  // a backward step is taken less 3
+    const struct {
+        uint64_t last, reading, returned, last_after;
+    } cases[] = {
+        {1000, 1001, 1001, 1001},
+        {1000, 999, 1000, 1000},
+        {5, WEEK + 5, WEEK + 5, WEEK + 5},
+        {5, WEEK + 6, 5, 5},
+        {TOP - 1, 0, TOP - 1, TOP - 1},
+        {TOP - 2, 0, 0, 0},  // a backward step is taken less 3
         {(1ULL << 32) + 5, (1ULL << 32) + 10, 10, (1ULL << 32) + 10},
     };
     for (const auto& c : cases) {
@@ -123,10 +136,11 @@ TEST(TickStrategy, RacingReadersNeverMoveTheLastReadingBackwards) {
 
 TEST(Clocks, RawSourcesAdvanceInTheirUnitsAndStartedDriversReturnTheTags) {
     const uint32_t first = tick_strategy::now();
-    util_test::wait_until([&] { return tick_strategy::now() != first; });
+    UTIL_WAIT_UNTIL([&] { return tick_strategy::now() != first; });
     EXPECT_LT(tick_strategy::now() - first, 0x80000000u) << "went backwards";
     using namespace std::chrono;
-    const uint64_t sys = static_cast<uint64_t>(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
+    const uint64_t sys =
+        static_cast<uint64_t>(duration_cast<microseconds>(system_clock::now().time_since_epoch()).count());
     EXPECT_LT(time_strategy::now() - (sys - 1000000), 2000000u) << "not microseconds since 1970";
 
     ticks_drv_t::s_tag.store(0xFFFFFFF0u);

@@ -57,7 +57,11 @@ TEST(Toolkit, CreateDirMakesEveryMissingLevel) {
     EXPECT_EQ(0, create_dir((deep.string() + "/").c_str()));  // exists: fine
     EXPECT_FALSE(is_file_exist(deep.string().c_str()));
     const fs::path file = deep / "f.txt";
-    { std::FILE* f = std::fopen(file.string().c_str(), "w"); ASSERT_NE(nullptr, f); std::fclose(f); }
+    {
+        std::FILE* f = std::fopen(file.string().c_str(), "w");
+        ASSERT_NE(nullptr, f);
+        std::fclose(f);
+    }
     EXPECT_TRUE(is_file_exist(file.string().c_str()));
     EXPECT_FALSE(is_dir_exist(file.string().c_str()));
     // A file in the way cannot become a directory.

@@ -15,12 +15,7 @@ namespace plat {
 
 const uint32_t WAIT_FOREVER = 0xFFFFFFFFu;
 
-enum wait_status_t {
-    WAIT_SIGNALLED,
-    WAIT_TIMED_OUT,
-    WAIT_OWNER_ABANDONED,
-    WAIT_ERROR
-};
+enum wait_status_t { WAIT_SIGNALLED, WAIT_TIMED_OUT, WAIT_OWNER_ABANDONED, WAIT_ERROR };
 
 // ---- threads and errors ------------------------------------------------
 uint32_t current_thread_id();
@@ -252,8 +247,8 @@ enum io_wait_t {
     IO_READABLE,
     IO_EXCEPTION,  // out-of-band data or a failed connect; wins over readable
     IO_TIMED_OUT,
-    IO_ERROR,      // *error has the OS error number
-    IO_NOTHING     // the wait ended with neither condition
+    IO_ERROR,   // *error has the OS error number
+    IO_NOTHING  // the wait ended with neither condition
 };
 // Waits until the socket is readable or has an exceptional condition.
 // timeout_ms < 0 waits without limit. Not limited by FD_SETSIZE on POSIX.

@@ -30,8 +30,7 @@ uint64_t system_time_100ns() {
     const uint64_t EPOCH_1601 = 116444736000000000ULL;
     struct timespec ts;
     clock_gettime(CLOCK_REALTIME, &ts);
-    return EPOCH_1601 + static_cast<uint64_t>(ts.tv_sec) * 10000000u +
-           static_cast<uint64_t>(ts.tv_nsec) / 100u;
+    return EPOCH_1601 + static_cast<uint64_t>(ts.tv_sec) * 10000000u + static_cast<uint64_t>(ts.tv_nsec) / 100u;
 }
 
 }  // namespace plat

@@ -52,9 +52,7 @@ void cs_destroy(void* storage) { pthread_mutex_destroy(static_cast<pthread_mutex
 
 void cs_enter(void* storage) { pthread_mutex_lock(static_cast<pthread_mutex_t*>(storage)); }
 
-bool cs_try_enter(void* storage) {
-    return pthread_mutex_trylock(static_cast<pthread_mutex_t*>(storage)) == 0;
-}
+bool cs_try_enter(void* storage) { return pthread_mutex_trylock(static_cast<pthread_mutex_t*>(storage)) == 0; }
 
 void cs_leave(void* storage) { pthread_mutex_unlock(static_cast<pthread_mutex_t*>(storage)); }
 

@@ -42,9 +42,7 @@ bool tls_index_alloc(tls_index_t* index) {
 
 void tls_index_free(tls_index_t index) { pthread_key_delete(static_cast<pthread_key_t>(index)); }
 
-void* tls_index_get(tls_index_t index) {
-    return pthread_getspecific(static_cast<pthread_key_t>(index));
-}
+void* tls_index_get(tls_index_t index) { return pthread_getspecific(static_cast<pthread_key_t>(index)); }
 
 bool tls_index_set(tls_index_t index, void* value) {
     return pthread_setspecific(static_cast<pthread_key_t>(index), value) == 0;

@@ -32,8 +32,8 @@ struct thread_block_t {
     std::mutex m_lock;
     // Signalled when m_tid is published and when m_finished is set.
     std::condition_variable m_changed;
-    uint32_t m_tid;     // under m_lock; 0 until published
-    bool m_finished;    // under m_lock; fn has returned
+    uint32_t m_tid;   // under m_lock; 0 until published
+    bool m_finished;  // under m_lock; fn has returned
     // A joined pthread cannot be joined again; later waits read this. Only
     // the one waiter of the handle touches it.
     bool m_joined;

@@ -30,17 +30,13 @@ static_assert(sizeof(CRITICAL_SECTION) <= CS_STORAGE_SIZE, "critical section sto
 
 // ---- critical section -------------------------------------------------------
 
-void cs_init(void* storage) {
-    InitializeCriticalSection(new (storage) CRITICAL_SECTION);
-}
+void cs_init(void* storage) { InitializeCriticalSection(new (storage) CRITICAL_SECTION); }
 
 void cs_destroy(void* storage) { DeleteCriticalSection(static_cast<CRITICAL_SECTION*>(storage)); }
 
 void cs_enter(void* storage) { EnterCriticalSection(static_cast<CRITICAL_SECTION*>(storage)); }
 
-bool cs_try_enter(void* storage) {
-    return TryEnterCriticalSection(static_cast<CRITICAL_SECTION*>(storage)) != FALSE;
-}
+bool cs_try_enter(void* storage) { return TryEnterCriticalSection(static_cast<CRITICAL_SECTION*>(storage)) != FALSE; }
 
 void cs_leave(void* storage) { LeaveCriticalSection(static_cast<CRITICAL_SECTION*>(storage)); }
 
@@ -54,9 +50,7 @@ wait_status_t mutex_lock(mutex_handle_t h, uint32_t timeout_ms) {
     return to_status(WaitForSingleObject(h, to_timeout(timeout_ms)));
 }
 
-int mutex_unlock(mutex_handle_t h) {
-    return ReleaseMutex(h) ? 0 : static_cast<int>(GetLastError());
-}
+int mutex_unlock(mutex_handle_t h) { return ReleaseMutex(h) ? 0 : static_cast<int>(GetLastError()); }
 
 // ---- event --------------------------------------------------------------------
 

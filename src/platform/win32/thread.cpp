@@ -27,9 +27,7 @@ void tls_index_free(tls_index_t index) { TlsFree(static_cast<DWORD>(index)); }
 
 void* tls_index_get(tls_index_t index) { return TlsGetValue(static_cast<DWORD>(index)); }
 
-bool tls_index_set(tls_index_t index, void* value) {
-    return TlsSetValue(static_cast<DWORD>(index), value) != FALSE;
-}
+bool tls_index_set(tls_index_t index, void* value) { return TlsSetValue(static_cast<DWORD>(index), value) != FALSE; }
 
 }  // namespace plat
 }  // namespace ssb
