@@ -11,6 +11,7 @@
 #include <atomic>
 #include <list>
 
+#include "defer_op.h"
 #include "lock.h"
 #include "msg.h"
 #include "ring_queue.h"
@@ -179,47 +180,6 @@ private:
     thread_wrapper_t* m_writer;
     ring_queue_or_mw_t<msg_it*> m_ring;
     unsigned int m_mode;
-};
-
-// An operation to run later on a chosen thread.
-class UTIL_API deferred_op_it {
-public:
-    virtual void execute() = 0;
-    virtual ~deferred_op_it() {}
-};
-
-// Carries a deferred operation to a thread's control queue and runs it
-// there. Owns the operation.
-class UTIL_API deferred_msg_op_t : public msg_it {
-public:
-    // Posts `op` to `thr`'s control queue, or to the calling thread's when
-    // `thr` is null: 0, 9 when there is no such thread, 3 when the post
-    // failed (the operation is then destroyed).
-    static int launch(thread_wrapper_t* thr, deferred_op_it* op);
-
-    void on_message() override;
-
-protected:
-    ~deferred_msg_op_t() override;
-
-private:
-    explicit deferred_msg_op_t(deferred_op_it* op);
-    deferred_op_it* m_op;
-};
-
-// The sink wake-up of a queue, run on the writer's thread. Holds a
-// reference on the queue while in flight.
-class UTIL_API on_sink_oper : public deferred_op_it {
-public:
-    explicit on_sink_oper(msg_queue_base_t* queue);
-    ~on_sink_oper() override;
-    void execute() override;
-
-private:
-    on_sink_oper(const on_sink_oper&);
-    on_sink_oper& operator=(const on_sink_oper&);
-
-    msg_queue_base_t* m_queue;
 };
 
 }  // namespace ssb

@@ -3,14 +3,36 @@
 // A thread_wrapper_t is the loop of one thread: it owns a control queue that
 // any thread may write to, a wake-up notifier, and per bound peer a read
 // queue and a write queue (a channel). It runs the messages handed to it on
-// its own thread in passes bounded by a load of 100, one message per peer
-// per round, then drains its control queue.
+// its own thread, in passes.
+//
+// Anatomy of a pass (thread_run; the event and I/O threads run it between
+// the waits of their I/O repository, the main thread once per
+// main_heartbeat):
+//   1. A message parked by pend() is offered to its target again; it goes
+//      before anything newer from this thread.
+//   2. When the last pass left the thread idle, wait on the notifier (a
+//      poll for a wrapped thread, whose host owns the blocking wait).
+//   3. Data rounds: each round takes at most one message from every bound
+//      peer's read queue, in binding order, so no busy peer starves the
+//      others; rounds go on while one took a message and the load handled
+//      stays below 100. Overtime messages are logged and dropped. A message
+//      that changes the channels (a bind or detach on this thread) ends the
+//      pass at once; the next one starts over.
+//   4. The control queue is drained. A stop message ends the drain.
+//   5. If the thread stopped, whatever is queued is dropped unrun, which
+//      also wakes synchronous senders.
+//   A pass that handled a load of 100 or more, or was cut short by a
+//   channel change, is followed by the next without waiting: no writer
+//   signals again for messages already queued.
+//
+// Writers signal the reader's notifier only when a queue goes from empty to
+// non-empty, so a sleeping loop costs one wake-up per burst.
 #ifndef SSB_THREAD_H
 #define SSB_THREAD_H
 
 #include <atomic>
+#include <memory>
 #include <string>
-#include <vector>
 
 #include "lock.h"
 #include "msg_queue.h"
@@ -81,7 +103,7 @@ public:
     // Parks `msg` for `target` on this thread: it is posted by the next
     // pass that finds room. 0, 2 for a null argument, 10 when one is parked.
     virtual int pend(msg_it* msg, thread_wrapper_t* target);
-    virtual bool is_pending() const { return m_pending != nullptr; }
+    virtual bool is_pending() const;
     // Whether no thread will run this loop again, so that the last
     // reference may be dropped from any thread. A wrapped thread holds a
     // reference of its own while inside thread_run.
@@ -97,7 +119,7 @@ public:
     static thread_wrapper_t* self();
     // 10..1000 ms: 0; else 2 with an assertion line.
     int adjust_timer_precision(unsigned int ms);
-    unsigned int get_timer_precision() const { return m_timer_precision.load(std::memory_order_relaxed); }
+    unsigned int get_timer_precision() const;
 
     // ---- channels ----
     // Binds this thread and `bind_thr` with a pair of one-to-one queues. 0;
@@ -117,7 +139,7 @@ public:
     // asked for this thread itself; null when not bound.
     r_msg_queue_it* get_read_msgq(thread_wrapper_t* peer);
     w_msg_queue_it* get_write_msgq(thread_wrapper_t* peer);
-    rw_msg_queue_it* get_rw_msgq() const { return m_ctrl_queue; }
+    rw_msg_queue_it* get_rw_msgq() const;
     notifier_it* get_notifier() const { return m_notifier; }
     // Whether `peer` is bound to this thread and running.
     bool is_available(thread_wrapper_t* peer);
@@ -173,23 +195,16 @@ private:
     thread_wrapper_t(const thread_wrapper_t&);
     thread_wrapper_t& operator=(const thread_wrapper_t&);
 
-    struct channel_t {
-        thread_wrapper_t* peer;
-        r_msg_queue_it* read;
-        w_msg_queue_it* write;
-    };
+    struct parts_t;
+    // How a pass ended, for the next pass's decision to wait.
+    enum pass_end_t { PASS_IDLE, PASS_BUSY, PASS_CUT_SHORT };
 
-    // The wrapper of the calling thread: its slot, else the manager's
-    // lookup by id; null for a thread the manager does not know.
-    static thread_wrapper_t* calling_thread();
     // The write queue of this (the calling) thread's channel to `target`,
     // or null after logging why.
     w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);
     // Runs or drops one popped message; the load it counts.
     unsigned int run_msg(msg_it* msg, bool control);
-    void drain(r_msg_queue_it* queue);
     void drain_all();
-    channel_t* find_channel(thread_wrapper_t* peer);
     // Binds or unbinds `end`'s side, on `end`'s thread.
     static int bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);
     static int unbind_end(thread_wrapper_t* end, thread_wrapper_t* peer, bool wait);
@@ -200,25 +215,16 @@ private:
     std::atomic<unsigned int> m_status;
     thread_mgr_t* m_thread_manager;
     unsigned int m_queue_size;
-    msg_queue_t* m_ctrl_queue;
+    // Set once by open_notifier, before other threads can reach the loop.
     notifier_it* m_notifier;
-    bool m_idle;
     bool m_interact_timer;
-    // Set when the channel list changes during a pass.
-    bool m_in_pass;
-    bool m_bind_changed;
-    // The last pass ended early on a channel change.
-    bool m_cut_short;
-    std::atomic<unsigned int> m_timer_precision;
+    // Loop thread only.
+    bool m_idle;
+    pass_end_t m_pass_end;
     std::string m_name;
-    // Changed on this thread only, under m_lock; this thread reads it
-    // without the lock, others with it.
-    std::vector<channel_t> m_channels;
-    // Read queues of released channels: a writer that raced the release
-    // may still have put a message there, released with this wrapper.
-    std::vector<r_msg_queue_it*> m_retired;
-    msg_it* m_pending;
-    thread_wrapper_t* m_pending_for;
+    // The control queue, the channels, the parked message and the timer
+    // drive; see src/thread_parts.h.
+    std::unique_ptr<parts_t> m_parts;
 };
 
 }  // namespace ssb

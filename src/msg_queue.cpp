@@ -6,8 +6,8 @@
 
 #include "memlog.h"
 #include "notifier.h"
-#include "thread.h"
 #include "timer.h"
+#include "live_count.h"
 #include "trace.h"
 
 namespace ssb {
@@ -149,10 +149,20 @@ const char QUEUE_SOURCE_PATH[] = ".\\msg_queue";
 
 }  // namespace
 
-msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
-    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_ref(0) {}
+namespace {
 
-msg_queue_base_t::~msg_queue_base_t() {}
+std::atomic<int> s_live_queues(0);
+
+}  // namespace
+
+int live_msg_queues() { return s_live_queues.load(std::memory_order_relaxed); }
+
+msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
+    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_ref(0) {
+    s_live_queues.fetch_add(1, std::memory_order_relaxed);
+}
+
+msg_queue_base_t::~msg_queue_base_t() { s_live_queues.fetch_sub(1, std::memory_order_relaxed); }
 
 void* msg_queue_base_t::query_interface(uint64_t iid) {
     if (iid == IID_REF_COUNT || iid == IID_REF_COUNT_IT)
@@ -219,7 +229,7 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
     }
     if (old != MSG_QUEUE_STATUS_FULL || !has_sinks)
         return RESULT_SUCCESS;
-    if (!writer->is_running()) {
+    if (!loop_is_running(writer)) {
         UTIL_LOG(LOG_WARNING, "msg_queue_base_t::lanuch_on_sink , thr = " << static_cast<void*>(writer)
                                                                           << " already has been stopped, this = "
                                                                           << static_cast<void*>(this));
@@ -380,52 +390,5 @@ int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
 }
 
 int msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mode, m_writer); }
-
-// ---- deferred operations ------------------------------------------------------------
-
-deferred_msg_op_t::deferred_msg_op_t(deferred_op_it* op)
-    : msg_it(MSG_TYPE_DEFERRED, 1, MSG_TIMEOUT_NEVER, false), m_op(op) {}
-
-deferred_msg_op_t::~deferred_msg_op_t() { delete m_op; }
-
-void deferred_msg_op_t::on_message() {
-    if (m_op)
-        m_op->execute();
-}
-
-int deferred_msg_op_t::launch(thread_wrapper_t* thr, deferred_op_it* op) {
-    if (!thr)
-        thr = thread_wrapper_t::self();
-    if (!thr) {
-        UTIL_ASSERT_MSG("deferred_msg_op_t::launch failed to fetch current thread", QUEUE_SOURCE_PATH, __LINE__, "");
-        delete op;
-        return RESULT_NOTHING_TO_DO;
-    }
-    deferred_msg_op_t* msg = new deferred_msg_op_t(op);
-    if (thr->post_ctrl_msg(msg, nullptr) != RESULT_SUCCESS) {
-        UTIL_LOG(LOG_ERROR, "deferred_msg_op_t::launch failed, thr = " << static_cast<void*>(thr));
-        msg->release();
-        return RESULT_QUEUE_FULL;
-    }
-    return RESULT_SUCCESS;
-}
-
-on_sink_oper::on_sink_oper(msg_queue_base_t* queue) : m_queue(queue) {
-    if (!queue)
-        UTIL_ASSERT_MSG("on_sink_oper::on_sink_oper , msg_queue = " << static_cast<void*>(queue) << " should valid",
-                        QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
-    else
-        queue->increment();
-}
-
-on_sink_oper::~on_sink_oper() {
-    if (m_queue)
-        m_queue->decrement();
-}
-
-void on_sink_oper::execute() {
-    if (m_queue)
-        m_queue->on_sink();
-}
 
 }  // namespace ssb

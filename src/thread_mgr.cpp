@@ -2,7 +2,9 @@
 
 #include <algorithm>
 
+#include "ref_holder.h"
 #include "thread_event.h"
+#include "thread_identity.h"
 #include "tls.h"
 #include "trace.h"
 
@@ -14,15 +16,27 @@ const char SOURCE_PATH[] = "thread_mgr";
 const unsigned int MAIN_QUEUE_SIZE = 8192;
 const unsigned int TIMER_QUEUE_SIZE = 64;
 const unsigned int STOP_JOIN_MS = 1000;
-const unsigned int INVALID_TLS_KEY = 0xFFFFFFFFu;
 
 std::atomic<thread_mgr_t*> s_thread_mgr_instance(nullptr);
 std::atomic<bool> s_mgr_release(false);
 // The manager being destroyed: its threads still detach from it while it
 // stops them, though instance() no longer hands it out.
 std::atomic<thread_mgr_t*> s_closing(nullptr);
-// The current manager's key; read by every thread without a lock.
-std::atomic<unsigned int> s_tls_key(INVALID_TLS_KEY);
+// What a loop asks of the manager, through the registry interface: the
+// manager that holds the threads now, if any.
+class registry_t : public thread_registry_it {
+public:
+    int detach(thread_wrapper_t* thr) override {
+        thread_mgr_t* mgr = thread_mgr_t::holder();
+        return mgr ? mgr->detach(thr) : RESULT_NOTHING_TO_DO;
+    }
+    thread_wrapper_t* find_by_id(unsigned int id) override {
+        thread_mgr_t* mgr = thread_mgr_t::peek();
+        return mgr ? mgr->find_by_id(id) : nullptr;
+    }
+};
+
+registry_t s_registry;
 
 // Wrapped threads whose owners never ran their stop: they stay reachable
 // (their thread's slot may still name them) and are never freed.
@@ -90,10 +104,8 @@ int thread_mgr_t::reset() {
 
 thread_mgr_t::thread_mgr_t() {
     UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << log_ptr(this));
-    unsigned int key = INVALID_TLS_KEY;
-    if (tls_allocate_key(key) != RESULT_SUCCESS)
-        key = INVALID_TLS_KEY;
-    s_tls_key.store(key, std::memory_order_release);
+    identity::open();
+    install_thread_registry(&s_registry);
     if (!spawn(THREAD_MODE_MAIN | THREAD_MODE_WRAP, MAIN_QUEUE_SIZE, THREAD_TYPE_MAIN, true, nullptr, 0xFFFFFFFFu) ||
         !spawn(THREAD_MODE_TIMER_DRIVER | THREAD_MODE_EVENT, TIMER_QUEUE_SIZE, THREAD_TYPE_TIMER, false,
                reinterpret_cast<const signed char*>("orca.timer.do"), 0xFFFFFFFFu))
@@ -120,21 +132,17 @@ thread_mgr_t::~thread_mgr_t() {
         stop_and_release(thr, true);
     }
     reap(true);
-    const unsigned int key = s_tls_key.exchange(INVALID_TLS_KEY, std::memory_order_acq_rel);
-    if (key != INVALID_TLS_KEY)
-        tls_deallocate_key(key);
+    identity::close();
     UTIL_LOG(LOG_INFO, "thread_mgr_t::~thread_mgr_t() done, this = " << log_ptr(this));
 }
 
 // ---- the thread-local slot ---------------------------------------------------------
 
 int thread_mgr_t::set_tls(thread_wrapper_t* thr, thread_wrapper_t* value, const char* refusal) {
-    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
-    if (key == INVALID_TLS_KEY) {
+    if (identity::set(value) != RESULT_SUCCESS) {
         UTIL_ASSERT_MSG(refusal, SOURCE_PATH, __LINE__, ", thr = " << log_ptr(thr));
         return RESULT_REFUSED;
     }
-    tls_setspecific_value(key, value, nullptr);
     return RESULT_SUCCESS;
 }
 
@@ -146,13 +154,7 @@ int thread_mgr_t::unregister_tls(thread_wrapper_t* thr) {
     return set_tls(thr, nullptr, "thread_mgr_t::unregister_tls tls is invalid");
 }
 
-thread_wrapper_t* thread_mgr_t::tls_value() {
-    const unsigned int key = s_tls_key.load(std::memory_order_acquire);
-    void* value = nullptr;
-    if (key == INVALID_TLS_KEY || tls_getspecific_value(key, value) != RESULT_SUCCESS)
-        return nullptr;
-    return static_cast<thread_wrapper_t*>(value);
-}
+thread_wrapper_t* thread_mgr_t::tls_value() { return identity::get(); }
 
 // ---- spawning ----------------------------------------------------------------------
 

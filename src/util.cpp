@@ -67,9 +67,18 @@ void start_memory_log(const char* description) {
     memory->cout(ssb::UTIL_MODULE_ID, ssb::LOG_INFO, buf, line.length());
 }
 
+// The main thread's wrapper, cached by the first successful heartbeat. It
+// holds a reference, so a loop stopped by util_uninit is never freed under
+// a heartbeat; the last util_uninit drops it, and a cached loop that has
+// stopped is looked up again (after a restart the manager wraps the main
+// thread anew).
+std::atomic<ssb::thread_wrapper_t*> s_main_thr(nullptr);
+
 void stop_services() {
     // Stops every thread while the rest still works for them.
     ssb::thread_mgr_t::destroy();
+    if (ssb::thread_wrapper_t* cached = s_main_thr.exchange(nullptr, std::memory_order_acq_rel))
+        cached->decrement();
     ssb::cleanup_socket();
     ssb::plat::timer_resolution_end();
     ssb::log_control_t::destroy();
@@ -128,16 +137,6 @@ void util_uninit(unsigned int module_id) {
         stop_services();
     }
 }
-
-namespace {
-
-// The main thread's wrapper, cached by the first successful heartbeat. It
-// holds a reference, so a loop stopped by util_uninit is never freed under
-// the host; a cached loop that has stopped is looked up again (after a
-// restart the manager wraps the main thread anew).
-std::atomic<ssb::thread_wrapper_t*> s_main_thr(nullptr);
-
-}  // namespace
 
 int main_heartbeat() {
     if (s_init_times.load(std::memory_order_acquire) < 1) {

@@ -271,3 +271,29 @@ TEST_F(Threads, TimerPrecisionRange) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Threads, ChannelsThatComeAndGoLeaveMemoryFlat) {
+    thread_wrapper_t* a = spawn_event(100);
+    thread_wrapper_t* b = spawn_event(101);
+    ASSERT_TRUE(a && b);
+    const int queues_before = live_msg_queues();
+    const int CYCLES = 10000 / util_test::ROUNDS_SCALE;
+    std::atomic<int> ran(0);
+    for (int i = 0; i < CYCLES; ++i) {
+        ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 64, 64));
+        // A message in flight when the channel goes is released, not kept.
+        run_on(a, [&] { EXPECT_EQ(RESULT_SUCCESS, b->post_msg(new fn_msg_t([&] { ++ran; }), nullptr)); });
+        ASSERT_EQ(RESULT_SUCCESS, a->release_channel(b));
+        // Both ends are released; what remains are read queues waiting for
+        // the other end to let go, freed by the next pass of each loop.
+        ASSERT_LE(live_msg_queues(), queues_before + 4) << "after cycle " << i;
+    }
+    run_on(a, [] {});
+    run_on(b, [] {});
+    EXPECT_EQ(queues_before, live_msg_queues());
+    EXPECT_LE(ran.load(), CYCLES);
+}
+
+}  // namespace

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <functional>
 
+#include "live_count.h"
 #include "test_log_support.h"
 #include "thread.h"
 #include "thread_mgr.h"
@@ -59,6 +60,10 @@ protected:
         util_uninit(1);
         restore_log_routing();
         EXPECT_EQ(0, live_fn_msgs().load());
+        // Everything the manager made is gone with it: no loop, queue or
+        // channel outlives util_uninit.
+        EXPECT_EQ(0, ssb::live_thread_wrappers());
+        EXPECT_EQ(0, ssb::live_msg_queues());
     }
 
     text_capture_t m_log;

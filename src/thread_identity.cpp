@@ -1,0 +1,65 @@
+#include "thread_identity.h"
+
+#include <atomic>
+
+#include "lock.h"
+#include "tls.h"
+
+namespace ssb {
+
+namespace {
+
+const unsigned int NO_KEY = 0xFFFFFFFFu;
+
+// Read by every thread without a lock; written by the manager's life.
+std::atomic<unsigned int> s_key(NO_KEY);
+std::atomic<thread_registry_it*> s_registry(nullptr);
+
+}  // namespace
+
+namespace identity {
+
+int open() {
+    unsigned int key = NO_KEY;
+    if (tls_allocate_key(key) != RESULT_SUCCESS)
+        return RESULT_REFUSED;
+    s_key.store(key, std::memory_order_release);
+    return RESULT_SUCCESS;
+}
+
+void close() {
+    const unsigned int key = s_key.exchange(NO_KEY, std::memory_order_acq_rel);
+    if (key != NO_KEY)
+        tls_deallocate_key(key);
+}
+
+int set(thread_wrapper_t* thr) {
+    const unsigned int key = s_key.load(std::memory_order_acquire);
+    if (key == NO_KEY)
+        return RESULT_REFUSED;
+    tls_setspecific_value(key, thr, nullptr);
+    return RESULT_SUCCESS;
+}
+
+thread_wrapper_t* get() {
+    const unsigned int key = s_key.load(std::memory_order_acquire);
+    void* value = nullptr;
+    if (key == NO_KEY || tls_getspecific_value(key, value) != RESULT_SUCCESS)
+        return nullptr;
+    return static_cast<thread_wrapper_t*>(value);
+}
+
+}  // namespace identity
+
+thread_registry_it* thread_registry() { return s_registry.load(std::memory_order_acquire); }
+
+void install_thread_registry(thread_registry_it* registry) { s_registry.store(registry, std::memory_order_release); }
+
+thread_wrapper_t* calling_thread() {
+    if (thread_wrapper_t* thr = identity::get())
+        return thr;
+    thread_registry_it* registry = thread_registry();
+    return registry ? registry->find_by_id(get_cur_tid()) : nullptr;
+}
+
+}  // namespace ssb

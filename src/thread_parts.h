@@ -1,0 +1,93 @@
+// The parts of a message-loop thread that src/thread.cpp composes: the
+// control queue, the channels to its peers, the message parked for a full
+// peer, and the timer drive. Internal.
+#ifndef SSB_THREAD_PARTS_H
+#define SSB_THREAD_PARTS_H
+
+#include <stdint.h>
+
+#include <atomic>
+#include <vector>
+
+#include "live_count.h"
+#include "msg_queue.h"
+#include "ref_holder.h"
+#include "thread.h"
+
+namespace ssb {
+
+// The channels of one loop: per bound peer the read queue (peer to us) and
+// the write queue (us to peer); each entry holds a reference on the peer and
+// both queues. Changed on the loop's own thread only, under the loop's
+// lock; the loop reads it without the lock, other threads with it.
+class channel_map_t {
+public:
+    struct channel_t {
+        ref_holder_t<thread_wrapper_t> peer;
+        ref_holder_t<r_msg_queue_it> read;
+        ref_holder_t<w_msg_queue_it> write;
+    };
+
+    ~channel_map_t();
+
+    channel_t* find(thread_wrapper_t* peer);
+    size_t size() const { return m_channels.size(); }
+    bool empty() const { return m_channels.empty(); }
+    channel_t& at(size_t i) { return m_channels[i]; }
+    thread_wrapper_t* last_peer() const { return m_channels.back().peer.get(); }
+    // Bumped by every bind and detach: a pass that sees it move stops
+    // iterating, as the list may have moved under it.
+    uint64_t epoch() const { return m_epoch; }
+
+    // False when `peer` is bound already.
+    bool bind(thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);
+    // Drops `peer`'s channel, releasing what its read queue holds; false
+    // when not bound. `had_pending` tells whether messages were dropped.
+    bool detach(thread_wrapper_t* peer, bool& had_pending);
+    // Drops what every read queue holds.
+    void drain_all();
+    // Frees the read queues of released channels that no writer can reach
+    // any more; cheap when there are none.
+    void free_retired();
+    size_t retired() const { return m_retired.size(); }
+
+private:
+    std::vector<channel_t> m_channels;
+    // Read queues of released channels whose writer may still push: freed
+    // once the peer has let go of its end, so a message that raced the
+    // release is released, not leaked, and memory stays flat.
+    std::vector<ref_holder_t<r_msg_queue_it>> m_retired;
+    uint64_t m_epoch = 0;
+};
+
+// Releases every message a queue holds. Loop thread.
+void drain_queue(r_msg_queue_it* queue);
+
+// A message waiting on this thread for room in its target's queue.
+struct parked_msg_t {
+    msg_holder_t msg;
+    ref_holder_t<thread_wrapper_t> target;
+};
+
+// What the loop keeps for its timers: the precision for now; the wheel and
+// the drive join it here.
+class timer_drive_t {
+public:
+    unsigned int precision() const { return m_precision.load(std::memory_order_relaxed); }
+    // 10..1000 ms: 0; else 2 with the caller's assertion line.
+    int set_precision(unsigned int ms, const thread_wrapper_t* owner);
+
+private:
+    std::atomic<unsigned int> m_precision{MIN_TIMER_PRECISION_MS};
+};
+
+struct thread_wrapper_t::parts_t {
+    ref_holder_t<msg_queue_t> ctrl_queue;
+    channel_map_t channels;
+    parked_msg_t parked;
+    timer_drive_t timer;
+};
+
+}  // namespace ssb
+
+#endif
