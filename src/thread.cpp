@@ -16,6 +16,28 @@ namespace {
 
 const char SOURCE_PATH[] = "thread";
 
+// A synchronous wait of the calling thread for `target`, refused (12, with
+// an assertion line) when `target` already waits for the caller, directly
+// or through other threads: that wait could never end.
+class wait_for_t {
+public:
+    wait_for_t(const char* op, const thread_wrapper_t* target) : m_rv(waits::enter(target->get_id())) {
+        if (m_rv != RESULT_SUCCESS)
+            UTIL_ASSERT_MSG(op << " would wait for a thread that waits for the caller, target = " << log_ptr(target),
+                            SOURCE_PATH, __LINE__, ", tid = " << get_cur_tid());
+    }
+    ~wait_for_t() {
+        if (m_rv == RESULT_SUCCESS)
+            waits::leave();
+    }
+    wait_for_t(const wait_for_t&) = delete;
+    wait_for_t& operator=(const wait_for_t&) = delete;
+    int refused() const { return m_rv; }
+
+private:
+    int m_rv;
+};
+
 // Stops a loop on its own thread; sent by stop() from another thread.
 class stop_thread_msg_t : public msg_it {
 public:
@@ -255,6 +277,11 @@ int thread_wrapper_t::stop() {
     // The wrapper (and the channel ends it holds) cannot go while the stop
     // runs; the caller's own end to it is dropped here, on its thread.
     ref_holder_t<thread_wrapper_t> keep(this);
+    wait_for_t wait("thread_wrapper_t::stop()", this);
+    if (wait.refused()) {
+        m_status.store(THREAD_RUNNING, std::memory_order_release);
+        return wait.refused();
+    }
     msg_holder_t msg(new stop_thread_msg_t(caller, this));
     const int rv = msg.handed_over(m_parts->ctrl_queue->send_msg(msg.get(), nullptr, -1));
     if (rv == RESULT_QUEUE_FULL) {
@@ -401,7 +428,8 @@ int thread_wrapper_t::send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
     w_msg_queue_it* queue = route_to(target, "send_msg_i");
     if (!queue)
         return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
-    return queue->send_msg(msg, sink, timeout);
+    wait_for_t wait("thread_wrapper_t::send_msg_i", target);
+    return wait.refused() ? wait.refused() : queue->send_msg(msg, sink, timeout);
 }
 
 int thread_wrapper_t::post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink) {
@@ -422,7 +450,8 @@ int thread_wrapper_t::send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int ti
         UTIL_ASSERT_LINE(SOURCE_PATH, 740, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
-    return m_parts->ctrl_queue->send_msg(msg, sink, timeout);
+    wait_for_t wait("thread_wrapper_t::send_ctrl_msg", this);
+    return wait.refused() ? wait.refused() : m_parts->ctrl_queue->send_msg(msg, sink, timeout);
 }
 
 // ---- parked messages ------------------------------------------------------------

@@ -80,7 +80,11 @@ int thread_loop_base_t::stop_loop(const char* source, int line) {
         UTIL_ASSERT_LINE(source, line, ", this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
-    thread_wrapper_t::stop();
+    const int rv = thread_wrapper_t::stop();
+    // A stop that was refused (it would wait for a thread that waits for
+    // us) or never delivered leaves the loop running: nothing to join.
+    if (rv == RESULT_REFUSED || rv == RESULT_QUEUE_FULL)
+        return rv;
     // On the thread itself the loop ends when this message returns, and
     // the OS thread is waited for by whoever releases it.
     if (!on_own_thread())

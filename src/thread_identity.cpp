@@ -1,6 +1,7 @@
 #include "thread_identity.h"
 
 #include <atomic>
+#include <vector>
 
 #include "lock.h"
 #include "tls.h"
@@ -14,6 +15,19 @@ const unsigned int NO_KEY = 0xFFFFFFFFu;
 // Read by every thread without a lock; written by the manager's life.
 std::atomic<unsigned int> s_key(NO_KEY);
 std::atomic<thread_registry_it*> s_registry(nullptr);
+
+// (waiter, waited) thread id pairs; a thread waits for one other at a time.
+// A lock for the graph is cheap next to the wait it guards.
+struct wait_graph_t {
+    thread_mutex lock;
+    std::vector<std::pair<unsigned int, unsigned int>> edges;
+};
+
+wait_graph_t& graph() {
+    // Never destroyed: waits may end during static destruction.
+    static wait_graph_t* s_graph = new wait_graph_t;
+    return *s_graph;
+}
 
 }  // namespace
 
@@ -61,5 +75,46 @@ thread_wrapper_t* calling_thread() {
     thread_registry_it* registry = thread_registry();
     return registry ? registry->find_by_id(get_cur_tid()) : nullptr;
 }
+
+namespace waits {
+
+int enter(unsigned int target_tid) {
+    const unsigned int me = get_cur_tid();
+    wait_graph_t& g = graph();
+    auto_lock_t<thread_mutex> guard(g.lock);
+    // Follow what the target waits for; each thread waits for at most one,
+    // so the walk ends within the number of edges.
+    unsigned int t = target_tid;
+    for (size_t steps = 0; steps <= g.edges.size(); ++steps) {
+        if (t == me)
+            return RESULT_REFUSED;
+        bool found = false;
+        for (const std::pair<unsigned int, unsigned int>& e : g.edges) {
+            if (e.first == t) {
+                t = e.second;
+                found = true;
+                break;
+            }
+        }
+        if (!found)
+            break;
+    }
+    g.edges.emplace_back(me, target_tid);
+    return RESULT_SUCCESS;
+}
+
+void leave() {
+    const unsigned int me = get_cur_tid();
+    wait_graph_t& g = graph();
+    auto_lock_t<thread_mutex> guard(g.lock);
+    for (size_t i = g.edges.size(); i-- > 0;) {
+        if (g.edges[i].first == me) {
+            g.edges.erase(g.edges.begin() + i);
+            return;
+        }
+    }
+}
+
+}  // namespace waits
 
 }  // namespace ssb

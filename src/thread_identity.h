@@ -44,6 +44,20 @@ void install_thread_registry(thread_registry_it* registry);
 // null for a thread nobody knows.
 thread_wrapper_t* calling_thread();
 
+// Who waits for whom: a synchronous send, a channel change or a stop that
+// waits for another loop enters here first, so a wait that would close a
+// cycle (that loop already waits, directly or through others, for the
+// calling thread) is refused instead of deadlocking.
+namespace waits {
+
+// The calling thread is about to wait for the thread `target_tid`: 0, or
+// 12 when that would close a cycle (nothing recorded then).
+int enter(unsigned int target_tid);
+// The wait entered last by the calling thread is over.
+void leave();
+
+}  // namespace waits
+
 }  // namespace ssb
 
 #endif

@@ -148,16 +148,21 @@ TEST(RingQueueThreads, ANearlyEmptyRingIsNeverSeenFull) {
     std::atomic<bool> done(false);
     std::atomic<int> false_full(0);
     std::thread observer([&] {
-        while (!done.load())
+        // Yields between snapshots: three spinning threads on two cores
+        // would otherwise crawl on a loaded machine.
+        while (!done.load()) {
             if (ring.is_full())
                 ++false_full;
+            std::this_thread::yield();
+        }
     });
     std::thread reader([&] {
         int value = 0, expected = 0;
         while (expected < ROUNDS) {
-            if (ring.pop(value) == RESULT_SUCCESS) {
+            if (ring.pop(value) == RESULT_SUCCESS)
                 EXPECT_EQ(expected++, value);
-            }
+            else
+                std::this_thread::yield();
         }
     });
     for (int i = 0; i < ROUNDS; ++i) {

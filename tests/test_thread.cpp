@@ -70,7 +70,7 @@ public:
     std::atomic<int> m_wrong{0};
 };
 
-TEST_F(Threads, TwoThreadsExchangeMessagesInOrderOnTheRightThreadWithBackPressure) {
+TEST_F(Threads, StressTwoThreadsExchangeAMillionMessagesInOrderWithBackPressure) {
     thread_wrapper_t* a = spawn_event();
     thread_wrapper_t* b = spawn_event();
     ASSERT_TRUE(a && b);
@@ -294,6 +294,53 @@ TEST_F(Threads, ChannelsThatComeAndGoLeaveMemoryFlat) {
     run_on(b, [] {});
     EXPECT_EQ(queues_before, live_msg_queues());
     EXPECT_LE(ran.load(), CYCLES);
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(Threads, WaitsThatWouldDeadlockAreRefusedWith12) {
+    thread_wrapper_t* a = spawn_event(100);
+    thread_wrapper_t* b = spawn_event(101);
+    ASSERT_TRUE(a && b);
+    // Each stops the other from inside a message, both at once: one stop
+    // waits for the other thread, which would wait back.
+    std::atomic<int> inside(0), rv_a(-1), rv_b(-1);
+    auto meet = [&] {
+        ++inside;
+        return util_test::wait_until("both messages to start", [&] { return inside.load() == 2; });
+    };
+    ASSERT_EQ(RESULT_SUCCESS, a->post_ctrl_msg(new fn_msg_t([&] {
+                                                   if (meet())
+                                                       rv_a = b->stop();
+                                               }),
+                                               nullptr));
+    ASSERT_EQ(RESULT_SUCCESS, b->post_ctrl_msg(new fn_msg_t([&] {
+                                                   if (meet())
+                                                       rv_b = a->stop();
+                                               }),
+                                               nullptr));
+    // The refused one carries on and runs the other's stop.
+    UTIL_WAIT_UNTIL([&] { return rv_a.load() != -1 && rv_b.load() != -1; });
+    ASSERT_NE(a->is_stopped(), b->is_stopped());
+    // The stopped one refused to wait for the other, then ran its stop.
+    EXPECT_EQ(RESULT_REFUSED, a->is_stopped() ? rv_a.load() : rv_b.load());
+    EXPECT_EQ(RESULT_SUCCESS, a->is_stopped() ? rv_b.load() : rv_a.load());
+    EXPECT_TRUE(m_log.contains("would wait for a thread that waits for the caller"));
+
+    // A loop that sends to its own control queue would wait for itself.
+    thread_wrapper_t* alive = a->is_stopped() ? b : a;
+    std::atomic<int> self_rv(-1);
+    ASSERT_EQ(RESULT_SUCCESS, alive->post_ctrl_msg(new fn_msg_t([&] {
+                                                       fn_msg_t* m = new fn_msg_t([] {});
+                                                       self_rv = alive->send_ctrl_msg(m, nullptr, -1);
+                                                       if (self_rv != RESULT_SUCCESS)
+                                                           m->release();
+                                                   }),
+                                                   nullptr));
+    UTIL_WAIT_UNTIL([&] { return self_rv.load() != -1; });
+    EXPECT_EQ(RESULT_REFUSED, self_rv.load());
 }
 
 }  // namespace
