@@ -2,8 +2,7 @@
 #ifndef SSB_THREAD_MGR_H
 #define SSB_THREAD_MGR_H
 
-#include <list>
-#include <vector>
+#include <memory>
 
 #include "lock.h"
 #include "thread.h"
@@ -89,19 +88,21 @@ private:
     // Stores `value` in the calling thread's slot; the assertion `refusal`
     // and 12 without a key.
     static int set_tls(thread_wrapper_t* thr, thread_wrapper_t* value, const char* refusal);
-    // Registers and binds `thr` (the list's reference is the caller's).
+    struct lists_t;
+    // Registers `thr` (the list takes a reference) and binds it.
     void enlist(thread_wrapper_t* thr);
     // Binds `thr` with the timer driver, or a new timer driver with every
     // thread whose loop can answer.
     void bind_timer(thread_wrapper_t* thr);
-    // Stops one listed wrapper (the caller holds a reference, dropped
-    // here) and takes it off the list; `final` when the manager goes.
+    // Stops one listed wrapper and takes it off the list; `final` when
+    // the manager goes.
     void stop_and_release(thread_wrapper_t* thr, bool final);
     // Releases the stopped threads whose OS thread has ended.
     void reap(bool all);
 
-    std::list<thread_wrapper_t*> m_threads;
-    std::vector<thread_wrapper_t*> m_stopped;
+    // The registered threads and the stopped ones waiting for their OS
+    // thread to end, each holding a reference; guarded by the class lock.
+    std::unique_ptr<lists_t> m_lists;
 };
 
 }  // namespace ssb

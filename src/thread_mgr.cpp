@@ -1,6 +1,8 @@
 #include "thread_mgr.h"
 
 #include <algorithm>
+#include <list>
+#include <vector>
 
 #include "ref_holder.h"
 #include "thread_event.h"
@@ -38,12 +40,21 @@ public:
 
 registry_t s_registry;
 
+typedef ref_holder_t<thread_wrapper_t> thread_ref_t;
+
 // Wrapped threads whose owners never ran their stop: they stay reachable
-// (their thread's slot may still name them) and are never freed.
-std::vector<thread_wrapper_t*>& orphans() {
-    static std::vector<thread_wrapper_t*>* s_orphans = new std::vector<thread_wrapper_t*>;
-    return *s_orphans;
+// (their thread's slot may still name them), so their reference is kept
+// for the life of the process.
+void keep_forever(thread_ref_t thr) {
+    static std::vector<thread_ref_t>* s_orphans = new std::vector<thread_ref_t>;
+    s_orphans->push_back(std::move(thr));
 }
+
+// A list entry that is `thr`.
+struct same_t {
+    const thread_wrapper_t* thr;
+    bool operator()(const thread_ref_t& r) const { return r.get() == thr; }
+};
 
 // Whether the calling thread may wait for `thr`'s loop: its own loop, or one
 // that runs on a thread of the library's.
@@ -52,6 +63,11 @@ bool loop_answers(thread_wrapper_t* thr) {
 }
 
 }  // namespace
+
+struct thread_mgr_t::lists_t {
+    std::list<thread_ref_t> threads;
+    std::vector<thread_ref_t> stopped;
+};
 
 thread_mgr_t* thread_mgr_t::peek() { return s_thread_mgr_instance.load(std::memory_order_acquire); }
 
@@ -102,7 +118,7 @@ int thread_mgr_t::reset() {
     return RESULT_SUCCESS;
 }
 
-thread_mgr_t::thread_mgr_t() {
+thread_mgr_t::thread_mgr_t() : m_lists(new lists_t) {
     UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << log_ptr(this));
     identity::open();
     install_thread_registry(&s_registry);
@@ -117,19 +133,18 @@ thread_mgr_t::~thread_mgr_t() {
     // Latest first: the spawned threads, then the timer driver, then the
     // main thread, so every stop still finds its peers running.
     for (;;) {
-        thread_wrapper_t* thr = nullptr;
+        thread_ref_t thr;
         size_t size = 0;
         {
             auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-            if (m_threads.empty())
+            if (m_lists->threads.empty())
                 break;
-            thr = m_threads.back();
-            thr->increment();
-            size = m_threads.size();
+            thr = m_lists->threads.back();
+            size = m_lists->threads.size();
         }
         UTIL_LOG(LOG_INFO,
-                 "thread_mgr_t::~thread_mgr_t() stop thr = " << log_ptr(thr) << ", thread_queue.size = " << size);
-        stop_and_release(thr, true);
+                 "thread_mgr_t::~thread_mgr_t() stop thr = " << log_ptr(thr.get()) << ", thread_queue.size = " << size);
+        stop_and_release(thr.get(), true);
     }
     reap(true);
     identity::close();
@@ -174,7 +189,7 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
         }
         mode = (mode & ~THREAD_MODE_WRAP) | THREAD_MODE_EVENT;
     }
-    thread_wrapper_t* thr = nullptr;
+    thread_ref_t thr;
     if (mode & THREAD_MODE_WRAP) {
         thread_wrapper_t* existing = current();
         if (existing && existing->is_running()) {
@@ -184,8 +199,7 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
                          << get_cur_tid());
             return existing;
         }
-        thr = new thread_wrapper_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
-        thr->increment();
+        thr = thread_ref_t(new thread_wrapper_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name));
         thr->open_notifier(1);
         thr->init_tls();
     } else if (!(mode & (THREAD_MODE_IO | THREAD_MODE_EVENT))) {
@@ -198,18 +212,16 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
             loop = new thread_event_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
         else
             loop = new thread_io_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
-        loop->increment();
+        thr = thread_ref_t(loop);
         // Before the thread starts, so channels made at once can wake it.
         loop->open_notifier(1);
         if (loop->start(nullptr, nullptr, 0, 0) == 0) {
             UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << log_ptr(this));
-            loop->decrement();
             return nullptr;
         }
-        thr = loop;
     }
-    enlist(thr);
-    return thr;
+    enlist(thr.get());
+    return thr.get();
 }
 
 thread_base_t* thread_mgr_t::spawn_light(void (*fn)(void*), void* args, unsigned int stack_size,
@@ -229,26 +241,26 @@ thread_base_t* thread_mgr_t::spawn_light(void (*fn)(void*), void* args, unsigned
 void thread_mgr_t::enlist(thread_wrapper_t* thr) {
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        m_threads.push_back(thr);
+        m_lists->threads.push_back(thread_ref_t(thr));
     }
     bind_timer(thr);
 }
 
 void thread_mgr_t::bind_timer(thread_wrapper_t* thr) {
-    std::vector<thread_wrapper_t*> peers;
+    std::vector<thread_ref_t> peers;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        for (thread_wrapper_t* t : m_threads) {
-            if (t == thr || (thr->get_type() == THREAD_TYPE_TIMER) == (t->get_type() == THREAD_TYPE_TIMER))
+        for (const thread_ref_t& t : m_lists->threads) {
+            if (t.get() == thr || (thr->get_type() == THREAD_TYPE_TIMER) == (t->get_type() == THREAD_TYPE_TIMER))
                 continue;
-            t->increment();
             peers.push_back(t);
         }
     }
     if (peers.empty() && thr->get_type() != THREAD_TYPE_TIMER)
         UTIL_LOG(LOG_INFO,
                  "thread_mgr_t::spawn only has control message queue for this thread, thr = " << log_ptr(thr));
-    for (thread_wrapper_t* peer : peers) {
+    for (const thread_ref_t& ref : peers) {
+        thread_wrapper_t* peer = ref.get();
         thread_wrapper_t* timer = thr->get_type() == THREAD_TYPE_TIMER ? thr : peer;
         thread_wrapper_t* other = timer == thr ? peer : thr;
         // A wrapped thread of another caller may not be pumping its loop:
@@ -257,7 +269,6 @@ void thread_mgr_t::bind_timer(thread_wrapper_t* thr) {
             timer->create_channel(other, TIMER_QUEUE_SIZE, TIMER_QUEUE_SIZE);
         else
             UTIL_LOG(LOG_INFO, "thread_mgr_t::spawn has not support timer, thr = " << log_ptr(other));
-        peer->decrement();
     }
 }
 
@@ -269,11 +280,11 @@ int thread_mgr_t::attach(thread_wrapper_t* thr, thread_wrapper_t* owner, unsigne
         return RESULT_INVALID_ARG;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        if (std::find(m_threads.begin(), m_threads.end(), thr) != m_threads.end()) {
+        std::list<thread_ref_t>& threads = m_lists->threads;
+        if (std::find_if(threads.begin(), threads.end(), same_t{thr}) != threads.end()) {
             UTIL_LOG(LOG_WARNING, "thread_mgr_t::attach handle = " << log_ptr(thr) << " already in the queue");
             return RESULT_ALREADY_EXISTS;
         }
-        thr->increment();
     }
     enlist(thr);
     return RESULT_SUCCESS;
@@ -283,15 +294,16 @@ int thread_mgr_t::detach(thread_wrapper_t* thr) {
     if (!thr)
         return RESULT_INVALID_ARG;
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    std::list<thread_wrapper_t*>::iterator it = std::find(m_threads.begin(), m_threads.end(), thr);
-    if (it == m_threads.end()) {
+    std::list<thread_ref_t>& threads = m_lists->threads;
+    std::list<thread_ref_t>::iterator it = std::find_if(threads.begin(), threads.end(), same_t{thr});
+    if (it == threads.end()) {
         UTIL_LOG(LOG_WARNING, "thread_mgr_t::detach handle = " << log_ptr(thr) << " has not been in the queue");
         UTIL_ASSERT_LINE(SOURCE_PATH, 292, ", thr = " << log_ptr(thr));
         return RESULT_NOT_FOUND;
     }
-    m_threads.erase(it);
     // Released later from another thread: this may be the thread itself.
-    m_stopped.push_back(thr);
+    m_lists->stopped.push_back(std::move(*it));
+    threads.erase(it);
     return RESULT_SUCCESS;
 }
 
@@ -300,15 +312,14 @@ namespace {
 // Detaches a thread from the manager alive when it runs.
 class detach_oper_t : public deferred_op_it {
 public:
-    explicit detach_oper_t(thread_wrapper_t* thr) : m_thr(thr) { m_thr->increment(); }
-    ~detach_oper_t() override { m_thr->decrement(); }
+    explicit detach_oper_t(thread_wrapper_t* thr) : m_thr(thr) {}
     void execute() override {
         if (thread_mgr_t* mgr = thread_mgr_t::holder())
-            mgr->detach(m_thr);
+            mgr->detach(m_thr.get());
     }
 
 private:
-    thread_wrapper_t* m_thr;
+    thread_ref_t m_thr;
 };
 
 }  // namespace
@@ -320,39 +331,39 @@ int thread_mgr_t::detach_deferred(thread_wrapper_t* thr, thread_wrapper_t* on) {
 }
 
 void thread_mgr_t::reap(bool all) {
-    std::vector<thread_wrapper_t*> done;
+    std::vector<thread_ref_t> done;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        for (size_t i = 0; i < m_stopped.size();) {
-            thread_wrapper_t* thr = m_stopped[i];
+        std::vector<thread_ref_t>& stopped = m_lists->stopped;
+        for (size_t i = 0; i < stopped.size();) {
+            thread_wrapper_t* thr = stopped[i].get();
             // An OS thread of ours never releases itself: its destructor
             // waits for the thread.
             const bool own = !(thr->get_mode() & THREAD_MODE_WRAP) && thr->get_id() == get_cur_tid();
             if (!own && (all || thr->has_ended())) {
-                done.push_back(thr);
-                m_stopped.erase(m_stopped.begin() + i);
+                done.push_back(std::move(stopped[i]));
+                stopped.erase(stopped.begin() + i);
             } else {
                 ++i;
             }
         }
         if (all) {
-            for (thread_wrapper_t* thr : m_stopped)
-                orphans().push_back(thr);
-            m_stopped.clear();
+            for (thread_ref_t& thr : stopped)
+                keep_forever(std::move(thr));
+            stopped.clear();
         }
     }
-    for (thread_wrapper_t* thr : done) {
+    for (thread_ref_t& thr : done) {
         // Detached while still running: stop it first, or its release
         // would wait for a thread that never ends.
         if (all && thr->is_running()) {
-            if (!loop_answers(thr)) {
+            if (!loop_answers(thr.get())) {
                 thr->request_stop();
-                orphans().push_back(thr);
+                keep_forever(std::move(thr));
                 continue;
             }
             thr->stop();
         }
-        thr->decrement();
     }
 }
 
@@ -360,17 +371,17 @@ void thread_mgr_t::reap(bool all) {
 
 thread_wrapper_t* thread_mgr_t::find_by_type(unsigned int type) {
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    for (thread_wrapper_t* thr : m_threads)
+    for (const thread_ref_t& thr : m_lists->threads)
         if (thr->get_type() == type)
-            return thr;
+            return thr.get();
     return nullptr;
 }
 
 thread_wrapper_t* thread_mgr_t::find_by_id(unsigned int id) {
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    for (thread_wrapper_t* thr : m_threads)
+    for (const thread_ref_t& thr : m_lists->threads)
         if (thr->get_id() == id)
-            return thr;
+            return thr.get();
     return nullptr;
 }
 
@@ -381,7 +392,7 @@ thread_wrapper_t* thread_mgr_t::current() {
 
 unsigned int thread_mgr_t::count() {
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    return static_cast<unsigned int>(m_threads.size());
+    return static_cast<unsigned int>(m_lists->threads.size());
 }
 
 // ---- stopping ------------------------------------------------------------------------
@@ -403,50 +414,47 @@ void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
         // A stop that ran has detached the thread; one that only was
         // requested leaves it listed until its loop runs it.
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        std::list<thread_wrapper_t*>::iterator it = std::find(m_threads.begin(), m_threads.end(), thr);
-        if (it != m_threads.end()) {
+        std::list<thread_ref_t>& threads = m_lists->threads;
+        std::list<thread_ref_t>::iterator it = std::find_if(threads.begin(), threads.end(), same_t{thr});
+        if (it != threads.end()) {
             if (loop_answers(thr) || thr->is_stopped()) {
-                m_threads.erase(it);
-                m_stopped.push_back(thr);
+                m_lists->stopped.push_back(std::move(*it));
+                threads.erase(it);
             } else if (final) {
                 // The manager goes: the thread's slot may still name it.
-                m_threads.erase(it);
-                orphans().push_back(thr);
+                keep_forever(std::move(*it));
+                threads.erase(it);
             }
         }
     }
-    thr->decrement();
     reap(false);
 }
 
 int thread_mgr_t::stop_thread_by_id(unsigned int id) {
     UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_thread_by_id, (uint32_t)id = " << id << ", this = " << log_ptr(this));
-    thread_wrapper_t* thr = nullptr;
+    thread_ref_t thr;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        thr = find_by_id(id);
+        thr = thread_ref_t(find_by_id(id));
         if (!thr)
             return 0;
-        thr->increment();
     }
-    stop_and_release(thr, false);
+    stop_and_release(thr.get(), false);
     return 1;
 }
 
 int thread_mgr_t::stop_threads_by_type(unsigned int type) {
-    std::vector<thread_wrapper_t*> found;
+    std::vector<thread_ref_t> found;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        for (thread_wrapper_t* thr : m_threads) {
-            if (thr->get_type() == type) {
-                thr->increment();
+        for (const thread_ref_t& thr : m_lists->threads)
+            if (thr->get_type() == type)
                 found.push_back(thr);
-            }
-        }
     }
-    for (thread_wrapper_t* thr : found) {
-        UTIL_LOG(LOG_INFO, "thread_mgr_t::stop_threads_by_type stop thr = " << log_ptr(thr) << ", type = " << type);
-        stop_and_release(thr, false);
+    for (const thread_ref_t& thr : found) {
+        UTIL_LOG(LOG_INFO,
+                 "thread_mgr_t::stop_threads_by_type stop thr = " << log_ptr(thr.get()) << ", type = " << type);
+        stop_and_release(thr.get(), false);
     }
     return static_cast<int>(found.size());
 }
@@ -458,7 +466,7 @@ int thread_mgr_t::adjust_timer_precision(unsigned int ms) {
         return RESULT_INVALID_ARG;
     }
     auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    for (thread_wrapper_t* thr : m_threads)
+    for (const thread_ref_t& thr : m_lists->threads)
         thr->adjust_timer_precision(ms);
     return RESULT_SUCCESS;
 }
