@@ -5,6 +5,10 @@ function(util_own_code target)
   if(UTIL_WERROR)
     target_compile_options(${target} PRIVATE -Werror)
   endif()
+  # Checks the lock annotations (h/thread_annotations.h); clang only.
+  if(UTIL_THREAD_SAFETY AND CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+    target_compile_options(${target} PRIVATE -Wthread-safety)
+  endif()
 endfunction()
 
 if(UTIL_SANITIZE)

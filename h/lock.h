@@ -10,6 +10,7 @@
 #include <atomic>
 #include <string>
 
+#include "thread_annotations.h"
 #include "util_def.h"
 
 namespace ssb {
@@ -21,15 +22,15 @@ UTIL_API void thread_yield();
 
 // An unnamed OS mutex; the owner may take it again. Any thread may use it.
 // Not for use across processes.
-class UTIL_API thread_mutex {
+class UTIL_API UTIL_CAPABILITY("mutex") thread_mutex {
 public:
     thread_mutex();
     virtual ~thread_mutex();
 
-    int acquire();
-    int release();
+    int acquire() UTIL_ACQUIRE();
+    int release() UTIL_RELEASE();
     // Waits 0 ms: 0 when taken, 16 when another thread holds it.
-    int tryacquire();
+    int tryacquire() UTIL_TRY_ACQUIRE(false);
 
 private:
     thread_mutex(const thread_mutex&);
@@ -40,14 +41,14 @@ private:
 
 // A recursive critical section; the default lock of safe_obj and safe_class.
 // Any thread may use it; its owner may enter again. No virtual functions.
-class UTIL_API thread_mutex_recursive {
+class UTIL_API UTIL_CAPABILITY("mutex") thread_mutex_recursive {
 public:
     thread_mutex_recursive();
     ~thread_mutex_recursive();
 
-    int acquire();
-    int release();
-    int tryacquire();
+    int acquire() UTIL_ACQUIRE();
+    int release() UTIL_RELEASE();
+    int tryacquire() UTIL_TRY_ACQUIRE(false);
 
 private:
     thread_mutex_recursive(const thread_mutex_recursive&);
@@ -58,12 +59,12 @@ private:
 };
 
 // A yielding spin lock over one 32-bit counter, 0 when free. Any thread.
-class UTIL_API spin_lock {
+class UTIL_API UTIL_CAPABILITY("mutex") spin_lock {
 public:
     spin_lock() : m_counter(0) {}
     virtual ~spin_lock() {}
 
-    int acquire() {
+    int acquire() UTIL_ACQUIRE() {
         if (m_counter.load(std::memory_order_relaxed) == 0) {
             if (m_counter.fetch_add(1, std::memory_order_acquire) == 0)
                 return RESULT_SUCCESS;
@@ -71,12 +72,12 @@ public:
         }
         return acquire_contended();
     }
-    int release() {
+    int release() UTIL_RELEASE() {
         m_counter.fetch_sub(1, std::memory_order_release);
         return RESULT_SUCCESS;
     }
     // 16 at once when the counter is not 0, else acquire and 0.
-    int tryacquire() {
+    int tryacquire() UTIL_TRY_ACQUIRE(false) {
         if (m_counter.load(std::memory_order_relaxed) != 0)
             return RESULT_BUSY;
         return acquire();
@@ -92,11 +93,11 @@ private:
 };
 
 // No exclusion at all: for objects used by one thread only.
-class null_lock {
+class UTIL_CAPABILITY("mutex") null_lock {
 public:
-    int acquire() { return RESULT_SUCCESS; }
-    int release() { return RESULT_SUCCESS; }
-    int tryacquire() { return RESULT_SUCCESS; }
+    int acquire() UTIL_ACQUIRE() { return RESULT_SUCCESS; }
+    int release() UTIL_RELEASE() { return RESULT_SUCCESS; }
+    int tryacquire() UTIL_TRY_ACQUIRE(false) { return RESULT_SUCCESS; }
 };
 
 // Records an owner thread. Any thread may ask; the owner is read and written
@@ -121,19 +122,19 @@ private:
 
 // Marks an object as belonging to one thread; the lock operations do not
 // check the owner.
-class null_lock_checker : public thread_checker {
+class UTIL_CAPABILITY("mutex") null_lock_checker : public thread_checker {
 public:
-    int acquire() { return RESULT_SUCCESS; }
-    int release() { return RESULT_SUCCESS; }
-    int tryacquire() { return RESULT_SUCCESS; }
+    int acquire() UTIL_ACQUIRE() { return RESULT_SUCCESS; }
+    int release() UTIL_RELEASE() { return RESULT_SUCCESS; }
+    int tryacquire() UTIL_TRY_ACQUIRE(false) { return RESULT_SUCCESS; }
 };
 
 // Holds a lock for the scope.
 template <class lock_type>
-class auto_lock_t {
+class UTIL_SCOPED_CAPABILITY auto_lock_t {
 public:
-    explicit auto_lock_t(lock_type& lock) : m_lock(lock) { m_lock.acquire(); }
-    ~auto_lock_t() { m_lock.release(); }
+    explicit auto_lock_t(lock_type& lock) UTIL_ACQUIRE(lock) : m_lock(lock) { m_lock.acquire(); }
+    ~auto_lock_t() UTIL_RELEASE() { m_lock.release(); }
 
 private:
     auto_lock_t(const auto_lock_t&);

@@ -118,7 +118,7 @@ protected:
     // delays or repeats a sink wake-up.
     std::atomic<uint32_t> m_status;
     std::atomic<notifier_it*> m_reader;
-    std::list<msg_queue_sink_it*> m_sinks;
+    std::list<msg_queue_sink_it*> m_sinks UTIL_GUARDED_BY(m_lock);
     // Messages in the ring, counted by both sides to decide the wake-up
     // when writers signal only an empty queue.
     std::atomic<uint32_t> m_queued;

@@ -81,26 +81,31 @@ public:
     thread_wrapper_t(unsigned int mode, unsigned int type, unsigned int queue_size, thread_mgr_t* thr_manager,
                      unsigned int waits, bool interact_timer, const signed char* name);
 
-    // One pass: finish a parked message, poll the notifier when the last
-    // pass left the thread idle, then process messages.
+    // [loop thread] One pass: finish a parked message, poll the notifier
+    // when the last pass left the thread idle, then process messages.
     virtual void thread_run(void* arg);
+    // [any thread] Wakes the loop.
     virtual int notify();
     // Refused: threads are made by the thread manager. Logs and returns 0.
     virtual unsigned int start(void (*fn)(void*), void* arg, unsigned int stack_size, unsigned int priority);
+    // [owner, before the loop runs]
     virtual int open_notifier(unsigned int waits);
+    // [loop thread] The stop itself; 12 on another thread.
     virtual int stop_i(thread_wrapper_t* from);
+    // [any thread] Identity and state.
     virtual unsigned int get_id() const { return m_id.load(std::memory_order_relaxed); }
     virtual bool is_running() const { return m_status.load(std::memory_order_acquire) == THREAD_RUNNING; }
     virtual bool is_stopped() const { return m_status.load(std::memory_order_acquire) == THREAD_STOPPED; }
     virtual bool is_stopping() const { return m_status.load(std::memory_order_acquire) == THREAD_STOPPING; }
-    // From another thread: returns after the loop ran stop_i (the loop must
-    // be pumping). From the loop's own thread: stops at once. 9 when not
-    // running.
+    // [any thread] From another thread: returns after the loop ran stop_i
+    // (the loop must be pumping). From the loop's own thread: stops at
+    // once. 9 when not running; 12 when the loop waits for the caller.
     virtual int stop();
     // I/O hook of the I/O threads; nothing here.
     virtual void on_read(void*) {}
+    // [loop thread] First thing on the loop's thread.
     virtual void init_tls();
-    // Parks `msg` for `target` on this thread: it is posted by the next
+    // [loop thread] Parks `msg` for `target` on this thread: it is posted by the next
     // pass that finds room. 0, 2 for a null argument, 10 when one is parked.
     virtual int pend(msg_it* msg, thread_wrapper_t* target);
     virtual bool is_pending() const;
@@ -109,33 +114,36 @@ public:
     // reference of its own while inside thread_run.
     virtual bool has_ended() const { return is_stopped(); }
 
-    // Runs one pass over the queues, handling a load of at most
-    // min(max, 100) in the data rounds; the load handled.
+    // [loop thread] Runs one pass over the queues, handling a load of at
+    // most min(max, 100) in the data rounds; the load handled.
     unsigned int process_msg(unsigned int max);
-    // Sleeps on the notifier (when idle) for at most `timeout_ms`.
+    // [loop thread] Sleeps on the notifier (when idle) for at most
+    // `timeout_ms`.
     int wait(unsigned int timeout_ms);
+    // [loop thread]
     void cleanup_tls();
-    // The wrapper of the calling thread, or null.
+    // [any thread] The wrapper of the calling thread, or null.
     static thread_wrapper_t* self();
-    // 10..1000 ms: 0; else 2 with an assertion line.
+    // [any thread] 10..1000 ms: 0; else 2 with an assertion line.
     int adjust_timer_precision(unsigned int ms);
     unsigned int get_timer_precision() const;
 
     // ---- channels ----
-    // Binds this thread and `bind_thr` with a pair of one-to-one queues. 0;
+    // [any thread; waits for both loops] Binds this thread and `bind_thr`
+    // with a pair of one-to-one queues. 0;
     // 2 for a null peer; 12 for this thread itself; 10 when one end was
     // bound already (that end is kept as it was); an end on a stopped thread
     // gives that thread's refusal.
     int create_channel(thread_wrapper_t* bind_thr, unsigned int read_capacity, unsigned int write_capacity);
-    // Unbinds both ends, this thread's side first. 0; 2 for a null peer; 5
-    // when neither end was bound.
+    // [any thread; waits for both loops] Unbinds both ends, this thread's
+    // side first. 0; 2 for a null peer; 5 when neither end was bound.
     int release_channel(thread_wrapper_t* bind_thr);
-    // On this thread: 0, 2 for a null argument, 10 when `bind_thr` is bound
+    // [loop thread] 0, 2 for a null argument, 10 when `bind_thr` is bound
     // already (skipped), 12 on another thread.
     int bind_queue(thread_wrapper_t* bind_thr, r_msg_queue_it* r_queue, w_msg_queue_it* w_queue);
-    // On this thread: 0, 5 when `bind_thr` is not bound, 12 on another thread.
+    // [loop thread] 0, 5 when `bind_thr` is not bound, 12 on another thread.
     int detach_queue(thread_wrapper_t* bind_thr);
-    // The channel's queues (no reference taken); the control queue when
+    // [any thread] The channel's queues (no reference taken); the control queue when
     // asked for this thread itself; null when not bound.
     r_msg_queue_it* get_read_msgq(thread_wrapper_t* peer);
     w_msg_queue_it* get_write_msgq(thread_wrapper_t* peer);
@@ -146,19 +154,22 @@ public:
     unsigned int channel_count();
     void dump_queue();
 
-    // Delivery to this thread, routed by the calling thread: from a bound
+    // [any thread] Delivery to this thread, routed by the calling thread: from a bound
     // managed thread over its channel, from this thread or an unmanaged one
     // through the control queue. On failure the message stays the caller's.
     // post_msg: the queue's result, 9 when this thread is not running, 5
     // when the calling managed thread has no channel to it.
     int post_msg(msg_it* msg, msg_queue_sink_it* sink);
     // As post_msg, waiting up to `timeout` ms (negative or 0xFFFFFFFF: no
-    // limit) for the message to run; 12 on this thread itself.
+    // limit) for the message to run; 12 on this thread itself, or when
+    // this thread waits for the caller.
     int send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout);
-    // Any thread: through the control queue. 2 when the thread has stopped.
+    // [any thread] Through the control queue. 2 when the thread has
+    // stopped; send_ctrl_msg 12 when it would wait for itself or for a
+    // thread that waits for the caller.
     int post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink);
     int send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout);
-    // Posts the parked message: 0 delivered (or nothing parked), 3 still no
+    // [loop thread] Posts the parked message: 0 delivered (or nothing parked), 3 still no
     // room (kept), 2 its target is gone (dropped).
     int try_pending_msg();
     // pend() with the drop report of a target that has been released.
@@ -169,7 +180,8 @@ public:
     const std::string& name() const { return m_name; }
     unsigned int queue_size() const { return m_queue_size; }
 
-    // Stops the loop without waiting for it: the stop runs at its next pass.
+    // [any thread] Stops the loop without waiting for it: the stop runs at
+    // its next pass.
     // For threads whose loop the caller cannot count on (a wrapped thread
     // of another caller). 0, 9 when not running.
     int request_stop();

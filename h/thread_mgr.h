@@ -102,7 +102,7 @@ private:
 
     // The registered threads and the stopped ones waiting for their OS
     // thread to end, each holding a reference; guarded by the class lock.
-    std::unique_ptr<lists_t> m_lists;
+    std::unique_ptr<lists_t> m_lists UTIL_PT_GUARDED_BY(m_inner_lock);
 };
 
 }  // namespace ssb
