@@ -134,12 +134,20 @@ public:
     // empty", "full" just as the reader frees a node). Loaded the other way
     // round, a reader catching up with a fresh push would show an empty
     // queue as full.
-    bool is_empty() const {
+    bool is_empty() const { return is_empty_between(no_op_t()); }
+    bool is_full() const { return is_full_between(no_op_t()); }
+    // The same snapshots, running `between` after the first cursor load: a
+    // seam through which a test moves both sides at the worst moment.
+    template <class F>
+    bool is_empty_between(F between) const {
         node_t* r = m_read.load(std::memory_order_acquire);
+        between();
         return r == m_write.load(std::memory_order_acquire);
     }
-    bool is_full() const {
+    template <class F>
+    bool is_full_between(F between) const {
         node_t* r = m_read.load(std::memory_order_acquire);
+        between();
         return m_write.load(std::memory_order_acquire)->m_next == r;
     }
 
@@ -167,6 +175,10 @@ protected:
     node_t m_stub;
 
 private:
+    struct no_op_t {
+        void operator()() const {}
+    };
+
     ring_queue_t(const ring_queue_t&);
     ring_queue_t& operator=(const ring_queue_t&);
 };

@@ -1,5 +1,7 @@
-// Counts of live library objects, so tests can prove that nothing leaks and
-// that memory stays flat over any number of operations. Internal.
+// Test seams. Counts of live library objects, so tests can prove that
+// nothing leaks and that memory stays flat over any number of operations;
+// hooks that let a test put the other thread's move at the worst moment.
+// Internal.
 #ifndef SSB_LIVE_COUNT_H
 #define SSB_LIVE_COUNT_H
 
@@ -9,6 +11,12 @@ namespace ssb {
 
 UTIL_API int live_thread_wrappers();
 UTIL_API int live_msg_queues();
+
+class msg_queue_base_t;
+// Called by a writer whose push found the queue full, before it marks the
+// queue full: where a reader draining the queue would race the mark.
+typedef void (*refused_push_hook_t)(msg_queue_base_t* queue);
+UTIL_API void set_refused_push_hook(refused_push_hook_t hook);
 
 }  // namespace ssb
 

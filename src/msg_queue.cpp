@@ -157,6 +157,14 @@ std::atomic<int> s_live_queues(0);
 
 int live_msg_queues() { return s_live_queues.load(std::memory_order_relaxed); }
 
+namespace {
+
+std::atomic<refused_push_hook_t> s_refused_push_hook(nullptr);
+
+}  // namespace
+
+void set_refused_push_hook(refused_push_hook_t hook) { s_refused_push_hook.store(hook, std::memory_order_relaxed); }
+
 msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
     : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_ref(0) {
     s_live_queues.fetch_add(1, std::memory_order_relaxed);
@@ -264,6 +272,8 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     // an empty queue does.
     bool wake = rv == RESULT_SUCCESS ? note_pushed(mode) : mode == MSG_QUEUE_SIGNAL_ALWAYS;
     if (rv == RESULT_QUEUE_FULL) {
+        if (refused_push_hook_t hook = s_refused_push_hook.load(std::memory_order_relaxed))
+            hook(this);
         mark_full();
         // The reader may have emptied the ring between the refused push and
         // the mark, and then sleep without another pop to see it. Its empty

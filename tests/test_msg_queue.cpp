@@ -4,6 +4,7 @@
 #include <thread>
 #include <vector>
 
+#include "live_count.h"
 #include "msg_queue.h"
 #include "notifier.h"
 #include "test_support.h"
@@ -310,5 +311,41 @@ void deliver(int writers, int each) {
 
 TEST_F(MsgQueue, OneWriterOneReaderDeliversEveryMessageOnceInOrder) { deliver<o2o_msg_queue_t>(1, 200000); }
 TEST_F(MsgQueue, FourWritersKeepTheirOwnOrderAndLoseNothing) { deliver<msg_queue_t>(4, 50000); }
+
+}  // namespace
+
+namespace {
+
+o2o_msg_queue_t* g_draining = nullptr;
+
+// The reader's move at the worst moment: it empties the queue and finds it
+// empty after the writer's push failed but before the writer marks it full.
+void reader_drains_before_the_mark(msg_queue_base_t*) {
+    msg_it* m = nullptr;
+    while (g_draining->pop_msg(m) == RESULT_SUCCESS)
+        m->release();
+    EXPECT_EQ(RESULT_QUEUE_EMPTY, g_draining->pop_msg(m));
+}
+
+TEST_F(MsgQueue, AReaderThatEmptiedTheQueueBeforeTheFullMarkDoesNotLoseTheWakeUp) {
+    // No writer thread: the hand-over resets the status and goes no
+    // further, so the status tells whether the wake-up was handed over.
+    o2o_msg_queue_t* q = new o2o_msg_queue_t(nullptr, nullptr, 2, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    q->increment();
+    counted_msg_t* first = new counted_msg_t;
+    ASSERT_EQ(RESULT_SUCCESS, q->post_msg(first, nullptr));
+    g_draining = q;
+    set_refused_push_hook(reader_drains_before_the_mark);
+    counted_msg_t* second = new counted_msg_t;
+    const int rv = q->post_msg(second, nullptr);
+    set_refused_push_hook(nullptr);
+    EXPECT_EQ(RESULT_QUEUE_FULL, rv);
+    // The reader will not pop again: the writer saw the room after its mark
+    // and handed the wake-up over itself, instead of leaving the queue
+    // marked full with nobody to clear it.
+    EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
+    second->release();
+    q->decrement();
+}
 
 }  // namespace

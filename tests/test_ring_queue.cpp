@@ -175,3 +175,20 @@ TEST(RingQueueThreads, ANearlyEmptyRingIsNeverSeenFull) {
     observer.join();
     EXPECT_EQ(0, false_full.load());
 }
+
+TEST(RingQueueSnapshots, AReaderCatchingUpWithAFreshPushNeverShowsAnEmptyRingFull) {
+    // Both sides move between the snapshot's two cursor loads: the writer
+    // pushes one value and the reader takes it, leaving the ring empty.
+    // Loading the write cursor first would pair the old write cursor with
+    // the new read cursor and report the empty ring as full.
+    ring_queue_t<int> ring(4);
+    int value = 0;
+    for (int lap = 0; lap < 8; ++lap) {  // every node in turn, across wrap-around
+        const bool full = ring.is_full_between([&] {
+            ASSERT_EQ(RESULT_SUCCESS, ring.push(lap));
+            ASSERT_EQ(RESULT_SUCCESS, ring.pop(value));
+        });
+        EXPECT_FALSE(full) << "lap " << lap;
+        EXPECT_TRUE(ring.is_empty());
+    }
+}
