@@ -139,10 +139,10 @@ protected:
     const unsigned int m_capacity;
 
 private:
-    mutable std::mutex m_lock;
-    std::condition_variable m_pass_done;
-    std::vector<entry_t> m_entries;
-    uint64_t m_pass;
+    mutable annotated_mutex_t m_lock;
+    std::condition_variable_any m_pass_done;
+    std::vector<entry_t> m_entries UTIL_GUARDED_BY(m_lock);
+    uint64_t m_pass UTIL_GUARDED_BY(m_lock);
     io_process_it* m_process;
     std::atomic<bool> m_running;
     std::atomic<bool> m_stop;

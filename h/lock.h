@@ -8,6 +8,7 @@
 #define SSB_LOCK_H
 
 #include <atomic>
+#include <mutex>
 #include <string>
 
 #include "thread_annotations.h"
@@ -127,6 +128,26 @@ public:
     int acquire() UTIL_ACQUIRE() { return RESULT_SUCCESS; }
     int release() UTIL_RELEASE() { return RESULT_SUCCESS; }
     int tryacquire() UTIL_TRY_ACQUIRE(false) { return RESULT_SUCCESS; }
+};
+
+// A std::mutex that clang's analysis knows as a capability, with the
+// library's lock interface too (so auto_lock_t takes it); waited on with
+// std::condition_variable_any, which uses lock and unlock. Any thread.
+class UTIL_CAPABILITY("mutex") annotated_mutex_t {
+public:
+    void lock() UTIL_ACQUIRE() { m_mutex.lock(); }
+    void unlock() UTIL_RELEASE() { m_mutex.unlock(); }
+    int acquire() UTIL_ACQUIRE() {
+        m_mutex.lock();
+        return RESULT_SUCCESS;
+    }
+    int release() UTIL_RELEASE() {
+        m_mutex.unlock();
+        return RESULT_SUCCESS;
+    }
+
+private:
+    std::mutex m_mutex;
 };
 
 // Holds a lock for the scope.

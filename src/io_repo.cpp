@@ -31,7 +31,7 @@ int io_repo_t::add_fd(io_handle_t handle, uint32_t mask, io_handler_it* handler)
     if (!handler || (mask & ALL_EVENTS) == 0)
         return RESULT_INVALID_ARG;
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
         for (const entry_t& e : m_entries)
             if (e.handle == handle)
                 return RESULT_ALREADY_EXISTS;
@@ -50,28 +50,31 @@ int io_repo_t::add_fd(io_handle_t handle, uint32_t mask, io_handler_it* handler)
 }
 
 int io_repo_t::remove_fd(io_handle_t handle) {
-    std::unique_lock<std::mutex> guard(m_lock);
-    size_t i = 0;
-    while (i < m_entries.size() && m_entries[i].handle != handle)
-        ++i;
-    if (i == m_entries.size())
-        return RESULT_NOT_FOUND;
-    m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(i));
-    if (!m_running.load(std::memory_order_relaxed) ||
-        m_thread.load(std::memory_order_relaxed) == plat::current_thread_id())
-        return RESULT_SUCCESS;
+    uint64_t pass = 0;
+    {
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
+        size_t i = 0;
+        while (i < m_entries.size() && m_entries[i].handle != handle)
+            ++i;
+        if (i == m_entries.size())
+            return RESULT_NOT_FOUND;
+        m_entries.erase(m_entries.begin() + static_cast<std::ptrdiff_t>(i));
+        if (!m_running.load(std::memory_order_relaxed) ||
+            m_thread.load(std::memory_order_relaxed) == plat::current_thread_id())
+            return RESULT_SUCCESS;
+        pass = m_pass;
+    }
     // The loop may be waiting on the handle or about to call its handler
     // from the current round; the next snapshot comes after both.
-    const uint64_t pass = m_pass;
-    guard.unlock();
     wake();
-    guard.lock();
-    m_pass_done.wait(guard, [&] { return m_pass != pass || !m_running.load(std::memory_order_relaxed); });
+    auto_lock_t<annotated_mutex_t> guard(m_lock);
+    while (m_pass == pass && m_running.load(std::memory_order_relaxed))
+        m_pass_done.wait(m_lock);
     return RESULT_SUCCESS;
 }
 
 bool io_repo_t::is_registered(io_handle_t handle) const {
-    std::lock_guard<std::mutex> guard(m_lock);
+    auto_lock_t<annotated_mutex_t> guard(m_lock);
     for (const entry_t& e : m_entries)
         if (e.handle == handle)
             return true;
@@ -79,13 +82,13 @@ bool io_repo_t::is_registered(io_handle_t handle) const {
 }
 
 unsigned int io_repo_t::count() const {
-    std::lock_guard<std::mutex> guard(m_lock);
+    auto_lock_t<annotated_mutex_t> guard(m_lock);
     return static_cast<unsigned int>(m_entries.size());
 }
 
 int io_repo_t::start() {
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
         if (m_running.load(std::memory_order_relaxed)) {
             UTIL_LOG(LOG_ERROR, "io_repo_t::start(), the thread already has been started"
                                     << ", thread = " << m_thread.load(std::memory_order_relaxed)
@@ -97,7 +100,7 @@ int io_repo_t::start() {
     }
     loop();
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
         m_stop.store(false, std::memory_order_release);
         m_thread.store(0, std::memory_order_release);
         m_running.store(false, std::memory_order_release);
@@ -119,7 +122,7 @@ int io_repo_t::process() { return m_process ? m_process->on_process() : -1; }
 
 void io_repo_t::snapshot(std::vector<entry_t>& out) {
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
         out = m_entries;
         ++m_pass;
     }
@@ -128,7 +131,7 @@ void io_repo_t::snapshot(std::vector<entry_t>& out) {
 
 bool io_repo_t::dispatch_one(io_handle_t handle, io_handler_it* handler, uint32_t ready) {
     {
-        std::lock_guard<std::mutex> guard(m_lock);
+        auto_lock_t<annotated_mutex_t> guard(m_lock);
         bool found = false;
         for (const entry_t& e : m_entries) {
             if (e.handle == handle && e.handler == handler) {
