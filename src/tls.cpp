@@ -14,9 +14,9 @@ namespace {
 const char SOURCE_PATH[] = "tls";
 const unsigned int NO_MORE_KEYS = 0xFFFFFFFFu;
 
-std::atomic<tls_slots_allocator_t*> s_allocator(nullptr);
-
 void destroy_allocator() { tls_slots_allocator_t::destroy(); }
+
+lazy_singleton_t<tls_slots_allocator_t> s_allocator(destroy_allocator, false);
 
 }  // namespace
 
@@ -57,29 +57,13 @@ struct tls_slots_allocator_t::table_t {
 };
 
 tls_slots_allocator_t* tls_slots_allocator_t::instance() {
-    tls_slots_allocator_t* p = s_allocator.load(std::memory_order_acquire);
-    if (p)
-        return p;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(global_lock());
-        p = s_allocator.load(std::memory_order_relaxed);
-        if (p)
-            return p;
-        p = new tls_slots_allocator_t;
-        s_allocator.store(p, std::memory_order_release);
-    }
-    // Outside the global lock: the registry's clean-up takes its lock first.
-    singleton_life_t::instance().regist(destroy_allocator);
-    return p;
+    return s_allocator.instance([] { return new tls_slots_allocator_t; });
 }
 
-tls_slots_allocator_t* tls_slots_allocator_t::peek() { return s_allocator.load(std::memory_order_acquire); }
+tls_slots_allocator_t* tls_slots_allocator_t::peek() { return s_allocator.get(); }
 
 void tls_slots_allocator_t::destroy() {
-    // No global lock here: destroy runs inside the registry's clean-up, and
-    // creation takes the two locks in the other order.
-    delete s_allocator.exchange(nullptr, std::memory_order_acq_rel);
-    singleton_life_t::instance().unregist(destroy_allocator);
+    s_allocator.destroy([](tls_slots_allocator_t* p) { delete p; });
 }
 
 tls_slots_allocator_t::tls_slots_allocator_t() : m_index(0), m_usable(false), m_next_key(0) {

@@ -215,6 +215,45 @@ std::string read_file(const fs::path& p) {
     return text;
 }
 
+// Threads racing to be the shared file's first user must all get one object
+// that opened the file once: a second open would truncate the lines the
+// winner had already written (and leave a hole before its next one).
+TEST_F(LogControl, RacingFirstUsersOpenTheSharedFileOnceAndLoseNoLine) {
+    const fs::path dir = fs::current_path() / ("race_" + std::to_string(get_cur_pid()));
+    const std::string d = dir.string();
+    const int THREADS = 8, ROUNDS = 100;
+    for (int round = 0; round < ROUNDS; ++round) {
+        logger_file::release();
+        fs::remove_all(dir);
+        std::atomic<int> ready{0};
+        std::mutex write_lock;  // cout is serialised by the registry in real use
+        std::atomic<logger_file*> seen[THREADS];
+        util_test::run_threads(THREADS, [&](int t) {
+            ++ready;
+            util_test::wait_until("all racers at the start line", [&] { return ready.load() == THREADS; });
+            logger_file* f =
+                logger_file::instance(reinterpret_cast<const signed char*>(d.c_str()),
+                                      reinterpret_cast<const signed char*>("race"), DEFAULT_EXTENSION, 0x100000, 9);
+            seen[t] = f;
+            std::string line = "line " + std::to_string(t) + "\n";
+            std::lock_guard<std::mutex> guard(write_lock);
+            f->cout(1, LOG_INFO, reinterpret_cast<signed char*>(&line[0]), static_cast<unsigned int>(line.size()));
+        });
+        logger_file* f = logger_file::peek();
+        ASSERT_NE(nullptr, f);
+        for (int t = 0; t < THREADS; ++t)
+            ASSERT_EQ(f, seen[t].load()) << "racer " << t;
+        const std::string text = read_file(f->current_path());
+        ASSERT_EQ(std::string::npos, text.find('\0')) << "round " << round;
+        for (int t = 0; t < THREADS; ++t)
+            ASSERT_NE(std::string::npos, text.find("line " + std::to_string(t) + "\n"))
+                << "round " << round << ": " << text;
+        EXPECT_EQ(size_t(THREADS), size_t(std::count(text.begin(), text.end(), '\n')));
+    }
+    logger_file::release();
+    fs::remove_all(dir);
+}
+
 // A file logger whose date the test sets.
 class dated_file_t : public logger_file_base_t {
 public:
