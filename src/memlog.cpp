@@ -103,7 +103,9 @@ int mem_log_file::cout(unsigned int, unsigned int, signed char* text, unsigned i
         // Strictly less: a line exactly as long as the free space is refused.
         left = space();
         if (length < left) {
-            memcpy(m_buffer + m_used, text, length);
+            // memcpy with a null source is undefined even for 0 bytes.
+            if (length > 0)
+                memcpy(m_buffer + m_used, text, length);
             m_used += length;
             return RESULT_SUCCESS;
         }

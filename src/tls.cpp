@@ -1,5 +1,6 @@
 #include "tls.h"
 
+#include <algorithm>
 #include <new>
 #include <vector>
 
@@ -106,6 +107,19 @@ int tls_slots_allocator_t::allocate_key(unsigned int& key) {
 
 int tls_slots_allocator_t::deallocate_key(unsigned int key) {
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    // A key listed twice, or one never handed out, would later be handed
+    // out to two owners.
+    if (key >= m_next_key.load(std::memory_order_relaxed)) {
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::deallocate_key, key = "
+                            << key << ", m_max_key = " << m_next_key.load(std::memory_order_relaxed) - 1,
+                        SOURCE_PATH, __LINE__, ", this = " << this);
+        return RESULT_OUT_OF_LIMIT;
+    }
+    if (std::find(m_released.begin(), m_released.end(), key) != m_released.end()) {
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::deallocate_key already released, key = " << key, SOURCE_PATH, __LINE__,
+                        ", this = " << this);
+        return RESULT_NOTHING_TO_DO;
+    }
     m_released.push_back(key);
     table_t* t = table();
     if (t && key < t->capacity()) {
