@@ -135,6 +135,12 @@ extern UTIL_API const signed char DEFAULT_EXTENSION[];
 // Writes lines to stem_YYYYMMDD_NN.ext and moves to the next file when one
 // grows past max_size or the day of the month changes. cout is serialised
 // by the registry's lock.
+//
+// Without a directory the files go to OrcaDecks/logs in the per-user
+// application-data folder, or in the temporary folder when there is none
+// (no HOME nor XDG_DATA_HOME). A file removed while open, or its folder, is
+// made again at the next line. A line cut short by a full disk stays cut,
+// and the next line starts on a line of its own.
 class UTIL_API logger_file_base_t : public log_it, public no_copy {
 public:
     logger_file_base_t(const signed char* directory, const signed char* name, const signed char* extension,
@@ -177,6 +183,8 @@ private:
     unsigned int m_max_index;
     FILE* m_file;
     local_date_t m_date;
+    // The last line was cut short (disk full): the next starts on a new line.
+    bool m_torn;
 };
 
 // The shared rotating file that the registry attaches to file-flagged levels.

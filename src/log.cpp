@@ -254,7 +254,8 @@ logger_file_base_t::logger_file_base_t(const signed char* directory, const signe
       m_index(0),
       m_max_index(max_index < MIN_LOG_IDX ? MIN_LOG_IDX : (max_index > MAX_LOG_IDX ? MAX_LOG_IDX : max_index)),
       m_file(nullptr),
-      m_date(start) {
+      m_date(start),
+      m_torn(false) {
     std::string default_directory;
     m_name = make_name(directory, name, default_directory);
     m_directory = default_directory;
@@ -279,7 +280,12 @@ std::string logger_file_base_t::make_name(const signed char* directory, const si
             create_dir(dir);
     } else {
         char base[4096] = {0};
-        get_special_path(SSB_FOLDER_APPDATA, base, sizeof(base), 1);
+        // Without a per-user folder (no HOME and no XDG_DATA_HOME) the logs go
+        // to the temporary folder, never to the root of the file system.
+        if (get_special_path(SSB_FOLDER_APPDATA, base, sizeof(base), 1) != RESULT_SUCCESS || !*base) {
+            if (plat::temp_folder(base, sizeof(base)) != 0)
+                get_cur_path(base, sizeof(base));
+        }
         default_directory = std::string(base) + sep + "OrcaDecks" + sep + "logs" + sep;
         if (!is_dir_exist(default_directory.c_str()))
             create_dir(default_directory.c_str());
@@ -302,8 +308,19 @@ std::string logger_file_base_t::combine_name() const {
 std::string logger_file_base_t::current_path() const { return m_directory + combine_name(); }
 
 void logger_file_base_t::open() {
-    m_file = plat::open_text_file(current_path().c_str());
+    const std::string path = current_path();
+    m_file = plat::open_text_file(path.c_str());
+    if (!m_file && !m_directory.empty() && !is_dir_exist(m_directory.c_str())) {
+        // The folder was removed while the process ran: make it again.
+        create_dir(m_directory.c_str());
+        m_file = plat::open_text_file(path.c_str());
+    }
+    // Unbuffered: each line is one write either way (every line is flushed),
+    // and fwrite then reports a write cut short by a full disk.
+    if (m_file)
+        setvbuf(m_file, nullptr, _IONBF, 0);
     m_size = 0;
+    m_torn = false;
 }
 
 void logger_file_base_t::close() {
@@ -336,13 +353,25 @@ int logger_file_base_t::configure(unsigned int max_size, unsigned int max_index)
 }
 
 int logger_file_base_t::cout(unsigned int, unsigned int, signed char* text, unsigned int length) {
+    // A file removed while open (or with its folder) swallows every line
+    // written to it: start a new one.
+    if (m_file && plat::file_unlinked(m_file))
+        close();
     if (!m_file)
         open();
     if (!m_file)
         return RESULT_FAILURE;
-    // A short write (disk full) is not an error worth more than the line.
-    fwrite(text, 1, length, m_file);
+    // A short write (disk full) is not an error worth more than the line,
+    // but the cut line is ended before the next, so lines never run together.
+    if (m_torn) {
+        if (fwrite("\n", 1, 1, m_file) != 1)
+            return RESULT_SUCCESS;
+        m_torn = false;
+        ++m_size;
+    }
+    const size_t done = fwrite(text, 1, length, m_file);
     fflush(m_file);
+    m_torn = done > 0 && done < length;
     m_size += length;
     local_date_t now = today();
     // The day of the month alone decides the day rotation; hosts rely on it.
