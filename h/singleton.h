@@ -49,14 +49,15 @@ private:
 //   run, and those may log or make other singletons), so the last
 //   util_uninit destroys whatever is left, earliest registered first.
 // - Torn down once per object by whichever comes first, its own destroy or
-//   the registry's clean-up. Tear-down unpublishes the pointer first (a
-//   racing instance() gets the old object or a new one, never a dying one),
-//   then runs outside the creation lock, then unregisters.
-// - A singleton that any thread may hold without a lock while the library
-//   tears down under load (the log registry, read by every log statement) is
-//   kept: its tear-down empties it, and the next instance() hands the same
-//   storage out again, so a late reader meets an empty object, never freed
-//   memory. Every other one is deleted.
+//   the registry's clean-up. Tear-down unpublishes the pointer first (an
+//   instance() that starts later never returns the dying object), then runs
+//   outside the creation lock, then unregisters.
+// - A singleton that any thread may still hold without a lock while the
+//   library tears down under load (the log registry, read by every log
+//   statement) is kept: its tear-down empties it, and the next instance()
+//   hands the same storage out again, so a late reader meets an empty
+//   object, never freed memory. Every other one is deleted, so its users
+//   must be done with it before it is destroyed.
 // - After tear-down the next instance() makes a new object, unless the
 //   owner closed it (take(true)): then instance() yields null until reopen().
 template <class T>
