@@ -16,6 +16,7 @@
 
 #include "date.h"
 #include "lock.h"
+#include "singleton.h"
 #include "stream.h"
 
 namespace ssb {
@@ -41,9 +42,11 @@ class UTIL_API log_control_t : public safe_class<log_control_t, thread_mutex_rec
 public:
     // Created on first use; null only if that fails.
     static log_control_t* instance() {
-        log_control_t* p = m_s_instance.load(std::memory_order_acquire);
+        log_control_t* p = m_s_instance.get();
         return p ? p : create_instance();
     }
+    // Empties the registry rather than freeing it: any thread may be inside
+    // a log statement with a pointer to it while the library tears down.
     static void destroy();
 
     int register_module(unsigned int module_id, const char* name, unsigned int max_level, log_it* logger,
@@ -116,8 +119,7 @@ private:
     std::atomic<bool> m_opened;
     std::vector<std::string*> m_names;
 
-    static std::atomic<log_control_t*> m_s_instance;
-    static std::atomic<log_control_t*> m_s_storage;
+    static lazy_singleton_t<log_control_t> m_s_instance;
     static std::atomic<log_it*> m_s_default_logger;
     static std::atomic<unsigned char> m_s_mask;
 };
@@ -133,6 +135,12 @@ extern UTIL_API const signed char DEFAULT_EXTENSION[];
 // Writes lines to stem_YYYYMMDD_NN.ext and moves to the next file when one
 // grows past max_size or the day of the month changes. cout is serialised
 // by the registry's lock.
+//
+// Without a directory the files go to OrcaDecks/logs in the per-user
+// application-data folder, or in the temporary folder when there is none
+// (no HOME nor XDG_DATA_HOME). A file removed while open, or its folder, is
+// made again at the next line. A line cut short by a full disk stays cut,
+// and the next line starts on a line of its own.
 class UTIL_API logger_file_base_t : public log_it, public no_copy {
 public:
     logger_file_base_t(const signed char* directory, const signed char* name, const signed char* extension,
@@ -175,12 +183,15 @@ private:
     unsigned int m_max_index;
     FILE* m_file;
     local_date_t m_date;
+    // The last line was cut short (disk full): the next starts on a new line.
+    bool m_torn;
 };
 
 // The shared rotating file that the registry attaches to file-flagged levels.
 class UTIL_API logger_file : public logger_file_base_t, public safe_class<logger_file, thread_mutex_recursive> {
 public:
     // The first call creates it with these arguments; later ones are ignored.
+    // However many threads race to be first, the file is opened once.
     static logger_file* instance(const signed char* directory, const signed char* name, const signed char* extension,
                                  unsigned int max_size, unsigned int max_index);
     static logger_file* peek();
@@ -192,7 +203,7 @@ public:
 private:
     logger_file(const signed char* directory, const signed char* name, const signed char* extension,
                 unsigned int max_size, unsigned int max_index);
-    static std::atomic<logger_file*> s_instance;
+    static lazy_singleton_t<logger_file> s_instance;
 };
 
 // Scope object for FUNC-level entry and exit lines; deliberately silent.

@@ -58,8 +58,9 @@ private:
     unsigned int m_used;
     bool m_full;
 
-    static mem_log_file* s_instance;
-    static bool s_destroyed;
+    // Made and closed under the plugin lock; not registered with the
+    // singleton registry: the host destroys it.
+    static lazy_singleton_t<mem_log_file> s_instance;
 };
 
 }  // namespace ssb

@@ -77,9 +77,12 @@ public:
     // may or may not catch it.
     // hold false: holds it set, so waits return at once until a wait
     // consumes a byte or reset runs while somebody waits; sends a byte only
-    // when somebody waits.
+    // when somebody waits. Closed: 9 and an ERROR line only when a byte was
+    // owed to a waiter (hold true always owes one); the flag is set anyway.
     int pulse(bool hold) override;
-    // Only while somebody waits: clears the held flag and takes one byte.
+    // Only while somebody waits: clears the held flag and takes one byte
+    // (closed: 9 and an ERROR line). Nobody waits: 0 and nothing changes,
+    // open or closed.
     int reset() override;
     notifier_handle_t get_id() const override;
     // 0, 10 when already open, 999 when the pair cannot be built (then the
@@ -152,9 +155,11 @@ public:
     // Writes one byte when `waits` is non-zero or the notifier is not held.
     int signal() override;
     // hold true: holds it set and writes one byte; hold false: releases the
-    // hold and writes one byte when `waits` is non-zero.
+    // hold and writes one byte when `waits` is non-zero. Closed: 9 only when
+    // a byte was to be written.
     int pulse(bool hold) override;
-    // Only while held: releases the hold and takes one byte.
+    // Only while held: releases the hold and takes one byte (closed: 9).
+    // Not held: 0 and nothing changes, open or closed.
     int reset() override;
     notifier_handle_t get_id() const override;
     int open() override;

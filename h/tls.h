@@ -20,6 +20,8 @@ const unsigned int TLS_PAGE_SIZE = 256;
 
 // 0, or 8 when no more keys can be handed out.
 UTIL_API int tls_allocate_key(unsigned int& key);
+// 0; 9 with an assertion line when the key is already released, 8 when it
+// was never handed out (either would hand one key to two owners).
 UTIL_API int tls_deallocate_key(unsigned int key);
 // 0; 8 for a key never handed out or a table that cannot grow; 1 when the
 // thread's table cannot be made.

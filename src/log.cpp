@@ -35,43 +35,16 @@ void destroy_logger_file() { logger_file::release(); }
 
 // ---- log_control_t ----------------------------------------------------------
 
-std::atomic<log_control_t*> log_control_t::m_s_instance(nullptr);
+lazy_singleton_t<log_control_t> log_control_t::m_s_instance(destroy_log_control, true);
 std::atomic<log_it*> log_control_t::m_s_default_logger(nullptr);
 std::atomic<unsigned char> log_control_t::m_s_mask(LOG_TO_FILE | LOG_TO_HANDLE);
 
-// The one registry object of the process. Other threads may be inside a
-// log statement with a pointer to it while the library tears down, so
-// destroy() empties it instead of freeing it, and the next instance() hands
-// the same object out again.
-std::atomic<log_control_t*> log_control_t::m_s_storage(nullptr);
-
 log_control_t* log_control_t::create_instance() {
-    log_control_t* p;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(global_lock());
-        p = m_s_instance.load(std::memory_order_relaxed);
-        if (p)
-            return p;
-        p = m_s_storage.load(std::memory_order_relaxed);
-        if (!p) {
-            p = new log_control_t;
-            m_s_storage.store(p, std::memory_order_relaxed);
-        }
-        m_s_instance.store(p, std::memory_order_release);
-    }
-    // Registered outside the global lock: the registry's clean-up holds its
-    // own lock while destroy functions run, and those may log.
-    singleton_life_t::instance().regist(destroy_log_control);
-    return p;
+    return m_s_instance.instance([] { return new log_control_t; });
 }
 
 void log_control_t::destroy() {
-    // No global lock: destroy may run inside the registry's clean-up, and
-    // creation takes the two locks in the other order.
-    log_control_t* p = m_s_instance.exchange(nullptr, std::memory_order_acq_rel);
-    if (p)
-        p->clear();
-    singleton_life_t::instance().unregist(destroy_log_control);
+    m_s_instance.destroy([](log_control_t* p) { p->clear(); });
 }
 
 log_control_t::log_control_t() : m_modules(LOG_MAX_MODULES), m_disabled(false), m_max_level(32), m_opened(false) {
@@ -281,7 +254,8 @@ logger_file_base_t::logger_file_base_t(const signed char* directory, const signe
       m_index(0),
       m_max_index(max_index < MIN_LOG_IDX ? MIN_LOG_IDX : (max_index > MAX_LOG_IDX ? MAX_LOG_IDX : max_index)),
       m_file(nullptr),
-      m_date(start) {
+      m_date(start),
+      m_torn(false) {
     std::string default_directory;
     m_name = make_name(directory, name, default_directory);
     m_directory = default_directory;
@@ -306,7 +280,12 @@ std::string logger_file_base_t::make_name(const signed char* directory, const si
             create_dir(dir);
     } else {
         char base[4096] = {0};
-        get_special_path(SSB_FOLDER_APPDATA, base, sizeof(base), 1);
+        // Without a per-user folder (no HOME and no XDG_DATA_HOME) the logs go
+        // to the temporary folder, never to the root of the file system.
+        if (get_special_path(SSB_FOLDER_APPDATA, base, sizeof(base), 1) != RESULT_SUCCESS || !*base) {
+            if (plat::temp_folder(base, sizeof(base)) != 0)
+                get_cur_path(base, sizeof(base));
+        }
         default_directory = std::string(base) + sep + "OrcaDecks" + sep + "logs" + sep;
         if (!is_dir_exist(default_directory.c_str()))
             create_dir(default_directory.c_str());
@@ -329,8 +308,19 @@ std::string logger_file_base_t::combine_name() const {
 std::string logger_file_base_t::current_path() const { return m_directory + combine_name(); }
 
 void logger_file_base_t::open() {
-    m_file = plat::open_text_file(current_path().c_str());
+    const std::string path = current_path();
+    m_file = plat::open_text_file(path.c_str());
+    if (!m_file && !m_directory.empty() && !is_dir_exist(m_directory.c_str())) {
+        // The folder was removed while the process ran: make it again.
+        create_dir(m_directory.c_str());
+        m_file = plat::open_text_file(path.c_str());
+    }
+    // Unbuffered: each line is one write either way (every line is flushed),
+    // and fwrite then reports a write cut short by a full disk.
+    if (m_file)
+        setvbuf(m_file, nullptr, _IONBF, 0);
     m_size = 0;
+    m_torn = false;
 }
 
 void logger_file_base_t::close() {
@@ -363,13 +353,25 @@ int logger_file_base_t::configure(unsigned int max_size, unsigned int max_index)
 }
 
 int logger_file_base_t::cout(unsigned int, unsigned int, signed char* text, unsigned int length) {
+    // A file removed while open (or with its folder) swallows every line
+    // written to it: start a new one.
+    if (m_file && plat::file_unlinked(m_file))
+        close();
     if (!m_file)
         open();
     if (!m_file)
         return RESULT_FAILURE;
-    // A short write (disk full) is not an error worth more than the line.
-    fwrite(text, 1, length, m_file);
+    // A short write (disk full) is not an error worth more than the line,
+    // but the cut line is ended before the next, so lines never run together.
+    if (m_torn) {
+        if (fwrite("\n", 1, 1, m_file) != 1)
+            return RESULT_SUCCESS;
+        m_torn = false;
+        ++m_size;
+    }
+    const size_t done = fwrite(text, 1, length, m_file);
     fflush(m_file);
+    m_torn = done > 0 && done < length;
     m_size += length;
     local_date_t now = today();
     // The day of the month alone decides the day rotation; hosts rely on it.
@@ -390,7 +392,7 @@ int logger_file_base_t::cout(unsigned int, unsigned int, signed char* text, unsi
 
 // ---- logger_file --------------------------------------------------------------
 
-std::atomic<logger_file*> logger_file::s_instance(nullptr);
+lazy_singleton_t<logger_file> logger_file::s_instance(destroy_logger_file, false);
 
 const char* const logger_file::m_tail =
     "*****TAIL*****TAIL*****TAIL*****TAIL*****TAIL*****TAIL*****TAIL*****TAIL"
@@ -402,30 +404,13 @@ logger_file::logger_file(const signed char* directory, const signed char* name, 
 
 logger_file* logger_file::instance(const signed char* directory, const signed char* name, const signed char* extension,
                                    unsigned int max_size, unsigned int max_index) {
-    logger_file* p = s_instance.load(std::memory_order_acquire);
-    if (p)
-        return p;
-    {
-        // Only a fence against a concurrent release; the object is built
-        // outside the lock, first use being single-threaded start-up.
-        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    }
-    p = new logger_file(directory, name, extension, max_size, max_index);
-    logger_file* expected = nullptr;
-    if (!s_instance.compare_exchange_strong(expected, p, std::memory_order_acq_rel)) {
-        delete p;  // another thread won the narrow window
-        return expected;
-    }
-    singleton_life_t::instance().regist(destroy_logger_file);
-    return p;
+    return s_instance.instance([&] { return new logger_file(directory, name, extension, max_size, max_index); });
 }
 
-logger_file* logger_file::peek() { return s_instance.load(std::memory_order_acquire); }
+logger_file* logger_file::peek() { return s_instance.get(); }
 
 void logger_file::release() {
-    logger_file* p = s_instance.exchange(nullptr, std::memory_order_acq_rel);
-    delete p;
-    singleton_life_t::instance().unregist(destroy_logger_file);
+    s_instance.destroy([](logger_file* p) { delete p; });
 }
 
 }  // namespace ssb
@@ -486,37 +471,26 @@ namespace {
 const unsigned int MONITOR_MODULE_ID = 19;
 const unsigned int MONITOR_MAX_INDEX = 99;
 
+void destroy_monitor();
+
 // The monitor log's own rotating file, made on first use.
-std::atomic<ssb::logger_file_base_t*> s_monitor(nullptr);
+ssb::lazy_singleton_t<ssb::logger_file_base_t> s_monitor(destroy_monitor, false);
 
-void destroy_monitor() {
-    delete s_monitor.exchange(nullptr, std::memory_order_acq_rel);
-    ssb::singleton_life_t::instance().unregist(destroy_monitor);
-}
-
-ssb::logger_file_base_t* create_monitor(bool& created) {
-    ssb::logger_file_base_t* p = s_monitor.load(std::memory_order_acquire);
-    if (p)
-        return p;
-    ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(ssb::global_lock());
-    p = s_monitor.load(std::memory_order_relaxed);
-    if (p)
-        return p;
-    created = true;
-    char process[1024] = {0};
-    get_self_process_name(process, sizeof(process));
-    std::string name = std::string("monitor_") + process + "_" + std::to_string(get_cur_pid());
-    p = new ssb::logger_file_base_t(nullptr, reinterpret_cast<const signed char*>(name.c_str()), ssb::DEFAULT_EXTENSION,
-                                    ssb::DEFAULT_LOG_SIZE, MONITOR_MAX_INDEX);
-    s_monitor.store(p, std::memory_order_release);
-    return p;
-}
+void destroy_monitor() { s_monitor.destroy(); }
 
 ssb::logger_file_base_t* monitor_logger() {
     bool created = false;
-    ssb::logger_file_base_t* p = create_monitor(created);
+    ssb::logger_file_base_t* p = s_monitor.instance([&created] {
+        created = true;
+        char process[1024] = {0};
+        get_self_process_name(process, sizeof(process));
+        std::string name = std::string("monitor_") + process + "_" + std::to_string(get_cur_pid());
+        return new ssb::logger_file_base_t(nullptr, reinterpret_cast<const signed char*>(name.c_str()),
+                                           ssb::DEFAULT_EXTENSION, ssb::DEFAULT_LOG_SIZE, MONITOR_MAX_INDEX);
+    });
+    // The module is registered outside the creation lock, so the log
+    // registry's lock is never taken under the global one.
     if (created) {
-        ssb::singleton_life_t::instance().regist(destroy_monitor);
         if (log_control_t* control = log_control_t::instance())
             control->register_module(MONITOR_MODULE_ID, "MON", ssb::LOG_INFO, p, ssb::LOG_TO_FILE | ssb::LOG_TO_HANDLE);
     }

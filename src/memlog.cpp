@@ -19,8 +19,7 @@ thread_mutex_recursive& memlog_lock() {
 
 }  // namespace
 
-mem_log_file* mem_log_file::s_instance = nullptr;
-bool mem_log_file::s_destroyed = false;
+lazy_singleton_t<mem_log_file> mem_log_file::s_instance(nullptr, false, memlog_lock);
 
 mem_log_file::plugin_lock::plugin_lock() { memlog_lock().acquire(); }
 
@@ -39,27 +38,19 @@ mem_log_file::~mem_log_file() { delete[] m_buffer; }
 
 mem_log_file* mem_log_file::instance(unsigned int size) {
     plugin_lock guard;
-    if (s_destroyed)
-        return nullptr;
-    if (!s_instance)
-        s_instance = new (std::nothrow) mem_log_file(size);
-    return s_instance;
+    return s_instance.instance([size] { return new (std::nothrow) mem_log_file(size); });
 }
 
 void mem_log_file::destroy() {
     plugin_lock guard;
-    if (s_instance) {
-        s_destroyed = true;
-        delete s_instance;
-        s_instance = nullptr;
-    }
+    if (s_instance.get())
+        delete s_instance.take(true);
 }
 
 void mem_log_file::reset(bool destroy_first) {
     if (destroy_first)
         destroy();
-    plugin_lock guard;
-    s_destroyed = false;
+    s_instance.reopen();
 }
 
 int mem_log_file::resize(unsigned int keep_size) {
@@ -67,13 +58,13 @@ int mem_log_file::resize(unsigned int keep_size) {
     unsigned int limit = 0;
     {
         plugin_lock guard;
-        if (s_instance) {
-            int rc = s_instance->replacement(keep_size);
+        if (mem_log_file* p = s_instance.get()) {
+            int rc = p->replacement(keep_size);
             if (rc == RESULT_SUCCESS)
                 return rc;
-            limit = s_instance->m_size_limitation;
+            limit = p->m_size_limitation;
         }
-        destroyed = s_destroyed;
+        destroyed = s_instance.closed();
     }
     // Lines are logged outside the lock, so this lock is never held while
     // the registry's is taken.
@@ -112,7 +103,9 @@ int mem_log_file::cout(unsigned int, unsigned int, signed char* text, unsigned i
         // Strictly less: a line exactly as long as the free space is refused.
         left = space();
         if (length < left) {
-            memcpy(m_buffer + m_used, text, length);
+            // memcpy with a null source is undefined even for 0 bytes.
+            if (length > 0)
+                memcpy(m_buffer + m_used, text, length);
             m_used += length;
             return RESULT_SUCCESS;
         }

@@ -236,35 +236,45 @@ int notifier_sock_t::signal() {
 }
 
 int notifier_sock_t::pulse(bool hold) {
-    // A closed notifier refuses every operation, so the flag is left alone.
-    if (!is_active()) {
-        UTIL_LOG(LOG_ERROR, "notifier_sock_t::pulse() handles are not initialzed"
-                                << ", this =" << this);
-        return RESULT_NOTHING_TO_DO;
-    }
     if (hold) {
+        if (!is_active()) {
+            UTIL_LOG(LOG_ERROR, "notifier_sock_t::pulse() handles are not initialzed"
+                                    << ", this =" << this);
+            return RESULT_NOTHING_TO_DO;
+        }
         m_set.store(1, std::memory_order_seq_cst);
         send_byte(m_handle[1].load(std::memory_order_relaxed));
         recv_byte(m_handle[0].load(std::memory_order_relaxed));
         m_set.store(0, std::memory_order_seq_cst);
         return RESULT_SUCCESS;
     }
+    // Holding set needs no handle; only a byte for a waiter does, so a closed
+    // notifier that nobody waits on is not an error.
     m_set.store(1, std::memory_order_seq_cst);
-    if (m_waiters.load(std::memory_order_seq_cst) > 0)
-        send_byte(m_handle[1].load(std::memory_order_relaxed));
+    if (m_waiters.load(std::memory_order_seq_cst) == 0)
+        return RESULT_SUCCESS;
+    notifier_handle_t write_end = m_handle[1].load(std::memory_order_relaxed);
+    if (write_end == INVALID_NOTIFIER_HANDLE) {
+        UTIL_LOG(LOG_ERROR, "notifier_sock_t::pulse() handles are not initialzed"
+                                << ", this =" << this);
+        return RESULT_NOTHING_TO_DO;
+    }
+    send_byte(write_end);
     return RESULT_SUCCESS;
 }
 
 int notifier_sock_t::reset() {
+    // Nobody waits: nothing to take and the held flag stays, open or closed.
+    if (m_waiters.load(std::memory_order_seq_cst) == 0)
+        return RESULT_SUCCESS;
+    m_set.store(0, std::memory_order_seq_cst);
+    notifier_handle_t read_end = m_handle[0].load(std::memory_order_relaxed);
     if (!is_active()) {
         UTIL_LOG(LOG_ERROR, "notifier_sock_t::reset() handles are not initialzed"
                                 << ", this =" << this);
         return RESULT_NOTHING_TO_DO;
     }
-    if (m_waiters.load(std::memory_order_seq_cst) == 0)
-        return RESULT_SUCCESS;
-    m_set.store(0, std::memory_order_seq_cst);
-    recv_byte(m_handle[0].load(std::memory_order_relaxed));
+    recv_byte(read_end);
     return RESULT_SUCCESS;
 }
 
@@ -467,26 +477,32 @@ int notifier_pipe_t::signal() {
 }
 
 int notifier_pipe_t::pulse(bool hold) {
-    if (!is_active())
-        return RESULT_NOTHING_TO_DO;
     if (hold) {
+        if (!is_active())
+            return RESULT_NOTHING_TO_DO;
         m_set.store(1, std::memory_order_release);
         write_byte();
         return RESULT_SUCCESS;
     }
+    // As the socket notifier: only a byte owed to `waits` needs the pipe.
     m_set.store(0, std::memory_order_release);
-    if (m_waits != 0)
-        write_byte();
+    if (m_waits == 0)
+        return RESULT_SUCCESS;
+    if (!is_active())
+        return RESULT_NOTHING_TO_DO;
+    write_byte();
     return RESULT_SUCCESS;
 }
 
 int notifier_pipe_t::reset() {
+    // Only the caller that clears the flag takes the held byte; with nothing
+    // held there is nothing to take, open or closed.
+    int32_t held = 1;
+    if (!m_set.compare_exchange_strong(held, 0, std::memory_order_acq_rel, std::memory_order_relaxed))
+        return RESULT_SUCCESS;
     if (!is_active())
         return RESULT_NOTHING_TO_DO;
-    // Only the caller that clears the flag takes the held byte.
-    int32_t held = 1;
-    if (m_set.compare_exchange_strong(held, 0, std::memory_order_acq_rel, std::memory_order_relaxed))
-        read_byte();
+    read_byte();
     return RESULT_SUCCESS;
 }
 

@@ -1,5 +1,6 @@
 #include "tls.h"
 
+#include <algorithm>
 #include <new>
 #include <vector>
 
@@ -14,9 +15,9 @@ namespace {
 const char SOURCE_PATH[] = "tls";
 const unsigned int NO_MORE_KEYS = 0xFFFFFFFFu;
 
-std::atomic<tls_slots_allocator_t*> s_allocator(nullptr);
-
 void destroy_allocator() { tls_slots_allocator_t::destroy(); }
+
+lazy_singleton_t<tls_slots_allocator_t> s_allocator(destroy_allocator, false);
 
 }  // namespace
 
@@ -57,29 +58,13 @@ struct tls_slots_allocator_t::table_t {
 };
 
 tls_slots_allocator_t* tls_slots_allocator_t::instance() {
-    tls_slots_allocator_t* p = s_allocator.load(std::memory_order_acquire);
-    if (p)
-        return p;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(global_lock());
-        p = s_allocator.load(std::memory_order_relaxed);
-        if (p)
-            return p;
-        p = new tls_slots_allocator_t;
-        s_allocator.store(p, std::memory_order_release);
-    }
-    // Outside the global lock: the registry's clean-up takes its lock first.
-    singleton_life_t::instance().regist(destroy_allocator);
-    return p;
+    return s_allocator.instance([] { return new tls_slots_allocator_t; });
 }
 
-tls_slots_allocator_t* tls_slots_allocator_t::peek() { return s_allocator.load(std::memory_order_acquire); }
+tls_slots_allocator_t* tls_slots_allocator_t::peek() { return s_allocator.get(); }
 
 void tls_slots_allocator_t::destroy() {
-    // No global lock here: destroy runs inside the registry's clean-up, and
-    // creation takes the two locks in the other order.
-    delete s_allocator.exchange(nullptr, std::memory_order_acq_rel);
-    singleton_life_t::instance().unregist(destroy_allocator);
+    s_allocator.destroy([](tls_slots_allocator_t* p) { delete p; });
 }
 
 tls_slots_allocator_t::tls_slots_allocator_t() : m_index(0), m_usable(false), m_next_key(0) {
@@ -122,6 +107,19 @@ int tls_slots_allocator_t::allocate_key(unsigned int& key) {
 
 int tls_slots_allocator_t::deallocate_key(unsigned int key) {
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    // A key listed twice, or one never handed out, would later be handed
+    // out to two owners.
+    if (key >= m_next_key.load(std::memory_order_relaxed)) {
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::deallocate_key, key = "
+                            << key << ", m_max_key = " << m_next_key.load(std::memory_order_relaxed) - 1,
+                        SOURCE_PATH, __LINE__, ", this = " << this);
+        return RESULT_OUT_OF_LIMIT;
+    }
+    if (std::find(m_released.begin(), m_released.end(), key) != m_released.end()) {
+        UTIL_ASSERT_MSG("tls_slots_allocator_t::deallocate_key already released, key = " << key, SOURCE_PATH, __LINE__,
+                        ", this = " << this);
+        return RESULT_NOTHING_TO_DO;
+    }
     m_released.push_back(key);
     table_t* t = table();
     if (t && key < t->capacity()) {

@@ -1,13 +1,20 @@
 #include <gtest/gtest.h>
 
+#include <signal.h>
 #include <stdio.h>
+#include <stdlib.h>
+#if !defined(_WIN32)
+#  include <sys/resource.h>
+#endif
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <filesystem>
 #include <fstream>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "log.h"
@@ -215,6 +222,45 @@ std::string read_file(const fs::path& p) {
     return text;
 }
 
+// Threads racing to be the shared file's first user must all get one object
+// that opened the file once: a second open would truncate the lines the
+// winner had already written (and leave a hole before its next one).
+TEST_F(LogControl, RacingFirstUsersOpenTheSharedFileOnceAndLoseNoLine) {
+    const fs::path dir = fs::current_path() / ("race_" + std::to_string(get_cur_pid()));
+    const std::string d = dir.string();
+    const int THREADS = 8, ROUNDS = 100;
+    for (int round = 0; round < ROUNDS; ++round) {
+        logger_file::release();
+        fs::remove_all(dir);
+        std::atomic<int> ready{0};
+        std::mutex write_lock;  // cout is serialised by the registry in real use
+        std::atomic<logger_file*> seen[THREADS];
+        util_test::run_threads(THREADS, [&](int t) {
+            ++ready;
+            util_test::wait_until("all racers at the start line", [&] { return ready.load() == THREADS; });
+            logger_file* f =
+                logger_file::instance(reinterpret_cast<const signed char*>(d.c_str()),
+                                      reinterpret_cast<const signed char*>("race"), DEFAULT_EXTENSION, 0x100000, 9);
+            seen[t] = f;
+            std::string line = "line " + std::to_string(t) + "\n";
+            std::lock_guard<std::mutex> guard(write_lock);
+            f->cout(1, LOG_INFO, reinterpret_cast<signed char*>(&line[0]), static_cast<unsigned int>(line.size()));
+        });
+        logger_file* f = logger_file::peek();
+        ASSERT_NE(nullptr, f);
+        for (int t = 0; t < THREADS; ++t)
+            ASSERT_EQ(f, seen[t].load()) << "racer " << t;
+        const std::string text = read_file(f->current_path());
+        ASSERT_EQ(std::string::npos, text.find('\0')) << "round " << round;
+        for (int t = 0; t < THREADS; ++t)
+            ASSERT_NE(std::string::npos, text.find("line " + std::to_string(t) + "\n"))
+                << "round " << round << ": " << text;
+        EXPECT_EQ(size_t(THREADS), size_t(std::count(text.begin(), text.end(), '\n')));
+    }
+    logger_file::release();
+    fs::remove_all(dir);
+}
+
 // A file logger whose date the test sets.
 class dated_file_t : public logger_file_base_t {
 public:
@@ -270,6 +316,126 @@ TEST_F(LoggerFile, ANewDayOfTheMonthStartsAtIndexZero) {
     f.write("next\n");
     EXPECT_EQ("before midnight\nafter midnight\n", read_file(dir / "rot_20260303_00.log"));
     EXPECT_EQ("next\n", read_file(dir / "rot_20260304_00.log"));
+}
+
+// Removing the folder while a line is written to it: the next line makes the
+// folder and a new file again, and no line written after that is lost.
+TEST_F(LoggerFile, AFolderRemovedWhileLoggingIsMadeAgainAndLaterLinesKept) {
+    const fs::path sub = dir / "nested";
+    dated_file_t f(sub.string(), 3);
+    ASSERT_EQ(RESULT_SUCCESS, f.write("before\n"));
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+    if (ec || fs::exists(dir))
+        GTEST_SKIP() << "an open file's folder cannot be removed on this system";
+    ASSERT_EQ(RESULT_SUCCESS, f.write("after\n"));
+    EXPECT_EQ("after\n", read_file(sub / "rot_20260303_00.log"));
+
+    // The same while another thread logs without pause.
+    std::mutex write_lock;  // the registry's lock in real use
+    std::atomic<int> last{-1};
+    std::atomic<bool> stop{false};
+    std::thread writer([&] {
+        for (int i = 0; !stop.load(); ++i) {
+            std::lock_guard<std::mutex> guard(write_lock);
+            f.write(std::to_string(i) + "\n");
+            last.store(i);
+        }
+    });
+    for (int round = 0; round < 3; ++round) {
+        const int seen = last.load();
+        UTIL_WAIT_UNTIL([&] { return last.load() > seen + 100; });
+        // The writer may make the folder again half-way through the removal.
+        UTIL_WAIT_UNTIL([&] {
+            std::error_code e;
+            fs::remove_all(dir, e);
+            return !e;
+        });
+        const int removed_at = last.load();
+        UTIL_WAIT_UNTIL([&] { return last.load() > removed_at + 100 && fs::exists(sub / "rot_20260303_00.log"); });
+    }
+    stop = true;
+    writer.join();
+    // Every line after the first in the newest file follows on from it.
+    const std::string text = read_file(sub / "rot_20260303_00.log");
+    ASSERT_FALSE(text.empty());
+    int expect = -1;
+    size_t lines = 0;
+    for (size_t p = 0; p < text.size();) {
+        size_t nl = text.find('\n', p);
+        ASSERT_NE(std::string::npos, nl) << "a cut line";
+        int n = std::stoi(text.substr(p, nl - p));
+        if (expect >= 0) {
+            ASSERT_EQ(expect, n);
+        }
+        expect = n + 1;
+        ++lines;
+        p = nl + 1;
+    }
+    EXPECT_EQ(last.load() + 1, expect);
+    EXPECT_GT(lines, 100u);
+}
+
+#if !defined(_WIN32)
+// A file-size limit stands in for a full disk: the write that crosses it is
+// cut short, later ones fail until room comes back.
+TEST_F(LoggerFile, ALineCutByAFullDiskIsEndedBeforeTheNextLine) {
+    void (*saved_handler)(int) = signal(SIGXFSZ, SIG_IGN);
+    dated_file_t f(dir.string(), 3);
+    ASSERT_EQ(RESULT_SUCCESS, f.write("first line\n"));
+    rlimit saved;
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &saved));
+    rlimit low = {16, saved.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &low));
+    f.write("second line is long\n");
+    f.write("lost while full\n");
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &saved));
+    signal(SIGXFSZ, saved_handler);
+    ASSERT_EQ(RESULT_SUCCESS, f.write("third\n"));
+    EXPECT_EQ("first line\nsecon\nthird\n", read_file(dir / "rot_20260303_00.log"));
+}
+#endif
+
+// Sets environment variables for one scope and puts them back after.
+class env_scope_t {
+public:
+    void set(const char* name, const std::string& value) {
+        const char* old = getenv(name);
+        m_saved.push_back(keep(std::string(name) + "=" + (old ? old : "")));
+        putenv(keep(std::string(name) + "=" + value));
+    }
+    ~env_scope_t() {
+        for (char* s : m_saved)
+            putenv(s);
+    }
+
+private:
+    // putenv keeps the pointer, so the texts live as long as the process.
+    static char* keep(const std::string& text) {
+        static std::deque<std::string> s_texts;
+        s_texts.push_back(text);
+        return &s_texts.back()[0];
+    }
+    std::vector<char*> m_saved;
+};
+
+// With neither HOME nor XDG_DATA_HOME there is no per-user folder: the logs
+// go to the temporary folder, never to the root of the file system.
+TEST_F(LoggerFile, WithoutAUserFolderTheLogsGoToTheTemporaryFolder) {
+    const fs::path tmp = dir / "tmp";
+    env_scope_t env;
+    env.set("HOME", "");
+    env.set("XDG_DATA_HOME", "");
+    env.set("TMPDIR", tmp.string());
+    env.set("TMP", tmp.string());
+    env.set("TEMP", tmp.string());
+    char probe[4096];
+    if (get_special_path(SSB_FOLDER_APPDATA, probe, sizeof(probe), 0) == RESULT_SUCCESS)
+        GTEST_SKIP() << "the application-data folder does not come from HOME on this system";
+    logger_file_base_t f(nullptr, reinterpret_cast<const signed char*>("fallback"), DEFAULT_EXTENSION, 0, 9);
+    const std::string sep(1, fs::path::preferred_separator);
+    EXPECT_EQ(tmp.string() + sep + "OrcaDecks" + sep + "logs" + sep, f.directory());
+    EXPECT_TRUE(fs::exists(f.current_path()));
 }
 
 }  // namespace

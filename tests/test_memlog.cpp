@@ -53,6 +53,16 @@ TEST_F(MemLog, AppendsUntilALineNoLongerFitsStrictlyAndStaysFull) {
     EXPECT_TRUE(m->is_full());
 }
 
+// An empty line stores nothing and succeeds, even with no text at all (the
+// undefined-behaviour sanitizer checks the null source is never copied).
+TEST_F(MemLog, AnEmptyLineWithNoTextIsStoredAsNothing) {
+    mem_log_file* m = mem_log_file::instance(0);
+    add(m, "ab");
+    EXPECT_EQ(RESULT_SUCCESS, m->cout(1, 3, nullptr, 0));
+    EXPECT_EQ(2u, m->used());
+    EXPECT_EQ("ab", text_of(m));
+}
+
 TEST_F(MemLog, ResizeKeepsTheNewestBytes) {
     mem_log_file* m = mem_log_file::instance(0);
     add(m, "aaaa");

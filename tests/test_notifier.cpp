@@ -3,6 +3,7 @@
 #include <atomic>
 #include <chrono>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -14,6 +15,7 @@
 #endif
 
 #include "notifier.h"
+#include "test_log_support.h"
 #include "test_support.h"
 
 using namespace ssb;
@@ -27,13 +29,13 @@ const int WATCHDOG_MS = 10000;
 [[maybe_unused]] const ::testing::Environment* const s_socket_env =
     ::testing::AddGlobalTestEnvironment(new util_test::socket_environment_t);
 
+// Closed with nobody waiting: what would send or take a byte answers 9.
 void expect_closed(notifier_it& n) {
     EXPECT_FALSE(n.is_active());
     EXPECT_EQ(INVALID_NOTIFIER_HANDLE, n.get_id());
     EXPECT_EQ(RESULT_NOTHING_TO_DO, n.signal());
     EXPECT_EQ(RESULT_NOTHING_TO_DO, n.wait(-1, false));  // must not block
-    EXPECT_EQ(RESULT_NOTHING_TO_DO, n.reset());
-    EXPECT_EQ(RESULT_NOTHING_TO_DO, n.pulse(false));
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, n.pulse(true));
 }
 
 // Writers post, signal and wait for their post to be handled, so posts land as
@@ -140,6 +142,96 @@ TEST(NotifierSock, HeldSetSemanticsOfPulseAndReset) {
     EXPECT_EQ(RESULT_SUCCESS, w.wait(WATCHDOG_MS, false));
     EXPECT_EQ(RESULT_BUSY, w.wait(0, false)) << "pulse and signal sent a byte each, reset took one";
     EXPECT_EQ(1u, w.waiters()) << "wait restores the count";
+}
+
+// On a closed notifier only an operation that owes a byte (to a waiter, or
+// the held byte of a pipe) fails; one with nothing to send or take answers 0
+// and logs nothing. The pipe's `waits` word stands for the waiter count.
+TEST(ClosedNotifier, OnlyAnOperationThatOwesAByteFails) {
+    enum op_t { PULSE_FALSE, PULSE_TRUE, RESET, SIGNAL };
+    struct row_t {
+        bool sock;
+        unsigned int waiters;
+        bool held;
+        op_t op;
+        int rv;
+        const char* line;  // the ERROR line, or null for none
+    };
+    const row_t rows[] = {
+        {true, 0, false, PULSE_FALSE, RESULT_SUCCESS, nullptr},
+        {true, 0, true, RESET, RESULT_SUCCESS, nullptr},
+        {true, 0, false, RESET, RESULT_SUCCESS, nullptr},
+        {true, 1, false, PULSE_FALSE, RESULT_NOTHING_TO_DO, "notifier_sock_t::pulse() handles are not initialzed"},
+        {true, 1, false, RESET, RESULT_NOTHING_TO_DO, "notifier_sock_t::reset() handles are not initialzed"},
+        {true, 0, false, PULSE_TRUE, RESULT_NOTHING_TO_DO, "notifier_sock_t::pulse() handles are not initialzed"},
+        {true, 1, false, SIGNAL, RESULT_NOTHING_TO_DO, nullptr},
+        {false, 0, false, PULSE_FALSE, RESULT_SUCCESS, nullptr},
+        {false, 0, false, RESET, RESULT_SUCCESS, nullptr},
+        {false, 1, false, PULSE_FALSE, RESULT_NOTHING_TO_DO, nullptr},
+        {false, 1, false, RESET, RESULT_SUCCESS, nullptr},
+        {false, 0, true, RESET, RESULT_NOTHING_TO_DO, nullptr},
+        {false, 0, false, PULSE_TRUE, RESULT_NOTHING_TO_DO, nullptr},
+        {false, 1, false, SIGNAL, RESULT_NOTHING_TO_DO, nullptr},
+    };
+    util_test::text_capture_t cap;
+    util_test::capture_util_log(&cap);
+    for (size_t i = 0; i < sizeof(rows) / sizeof(rows[0]); ++i) {
+        const row_t& r = rows[i];
+        std::unique_ptr<notifier_it> n;
+        if (r.sock)
+            n.reset(new notifier_sock_t(r.waiters));
+        else
+            n.reset(new notifier_pipe_t(r.waiters));
+        if (r.held) {
+            ASSERT_EQ(RESULT_SUCCESS, n->pulse(!r.sock)) << i;  // the socket holds with false, the pipe with true
+        }
+        n->close();
+        cap.clear();
+        int rv = -1;
+        switch (r.op) {
+        case PULSE_FALSE:
+            rv = n->pulse(false);
+            break;
+        case PULSE_TRUE:
+            rv = n->pulse(true);
+            break;
+        case RESET:
+            rv = n->reset();
+            break;
+        case SIGNAL:
+            rv = n->signal();
+            break;
+        }
+        EXPECT_EQ(r.rv, rv) << "row " << i;
+        if (r.line) {
+            EXPECT_TRUE(cap.contains(r.line)) << "row " << i;
+        } else {
+            EXPECT_FALSE(cap.contains("handles are not initialzed")) << "row " << i;
+        }
+    }
+    util_test::restore_log_routing();
+}
+
+// pulse(false) holds a closed socket notifier set all the same, and a reset
+// with nobody waiting leaves the hold: after reopening, waits return at once.
+TEST(NotifierSock, AClosedNotifierKeepsItsHeldFlagWhenNobodyWaits) {
+    for (bool pulse : {false, true}) {
+        notifier_sock_t n(0);
+        n.close();
+        if (pulse) {
+            ASSERT_EQ(RESULT_SUCCESS, n.pulse(false));
+        }
+        ASSERT_EQ(RESULT_SUCCESS, n.reset());
+        ASSERT_EQ(RESULT_SUCCESS, n.open());
+        EXPECT_EQ(pulse ? RESULT_SUCCESS : RESULT_BUSY, n.wait(0, false)) << pulse;
+    }
+    // With a waiter counted, a closed reset clears the hold before answering 9.
+    notifier_sock_t w(1);
+    w.close();
+    ASSERT_EQ(RESULT_NOTHING_TO_DO, w.pulse(false));
+    ASSERT_EQ(RESULT_NOTHING_TO_DO, w.reset());
+    ASSERT_EQ(RESULT_SUCCESS, w.open());
+    EXPECT_EQ(RESULT_BUSY, w.wait(0, false));
 }
 
 #if !defined(_WIN32)

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -116,6 +117,112 @@ TEST_F(SingletonLife, ConcurrentRegistrationsAreAllKept) {
     EXPECT_EQ(4u, reg().size());
     reg().cleanup();
     EXPECT_EQ(4u, g_order.size());
+}
+
+struct counted_t {
+    counted_t() { ++s_live; }
+    ~counted_t() { --s_live; }
+    int m_cleared = 0;
+    static std::atomic<int> s_live;
+};
+std::atomic<int> counted_t::s_live{0};
+
+void destroy_plain();
+void destroy_kept();
+lazy_singleton_t<counted_t> g_plain(destroy_plain, false);
+lazy_singleton_t<counted_t> g_kept(destroy_kept, true);
+void destroy_plain() { g_plain.destroy(); }
+void destroy_kept() {
+    g_kept.destroy([](counted_t* p) { ++p->m_cleared; });
+}
+
+class LazySingleton : public ::testing::Test {
+protected:
+    void SetUp() override {
+        singleton_life_t::instance().cleanup();
+        g_plain.reopen();
+        g_plain.destroy();
+        m_base = counted_t::s_live.load();
+    }
+    void TearDown() override { singleton_life_t::instance().cleanup(); }
+    // Objects alive beyond those at the start (a kept one outlives its test).
+    int live() const { return counted_t::s_live.load() - m_base; }
+    int m_base = 0;
+};
+
+TEST_F(LazySingleton, RacingFirstUsersMakeExactlyOneObject) {
+    const int THREADS = 8, ROUNDS = 200;
+    for (int round = 0; round < ROUNDS; ++round) {
+        std::atomic<int> ready{0}, made{0};
+        std::atomic<counted_t*> seen[THREADS];
+        util_test::run_threads(THREADS, [&](int t) {
+            ++ready;
+            util_test::wait_until("all racers at the start line", [&] { return ready.load() == THREADS; });
+            seen[t] = g_plain.instance([&] {
+                ++made;
+                return new counted_t;
+            });
+        });
+        ASSERT_EQ(1, made.load()) << "round " << round;
+        for (int t = 0; t < THREADS; ++t)
+            ASSERT_EQ(g_plain.get(), seen[t].load());
+        g_plain.destroy();
+        ASSERT_EQ(0, live());
+    }
+}
+
+TEST_F(LazySingleton, RegistryDestroysItOnceAndTheNextUseMakesAFreshOne) {
+    counted_t* first = g_plain.instance([] { return new counted_t; });
+    ASSERT_NE(nullptr, first);
+    EXPECT_EQ(1u, singleton_life_t::instance().size());
+    singleton_life_t::instance().cleanup();
+    EXPECT_EQ(nullptr, g_plain.get());
+    EXPECT_EQ(0, live());
+    EXPECT_EQ(0u, singleton_life_t::instance().size());
+    // An explicit destroy of nothing only unregisters.
+    g_plain.destroy();
+    EXPECT_NE(nullptr, g_plain.instance([] { return new counted_t; }));
+    EXPECT_EQ(1, live());
+    g_plain.destroy();
+    EXPECT_EQ(0u, singleton_life_t::instance().size());
+    EXPECT_EQ(0, live());
+}
+
+TEST_F(LazySingleton, AFailedMakePublishesNothingAndIsRetried) {
+    EXPECT_EQ(nullptr, g_plain.instance([] { return static_cast<counted_t*>(nullptr); }));
+    EXPECT_EQ(0u, singleton_life_t::instance().size());
+    EXPECT_NE(nullptr, g_plain.instance([] { return new counted_t; }));
+}
+
+TEST_F(LazySingleton, AKeptSingletonIsEmptiedAndItsStorageHandedOutAgain) {
+    int made = 0;
+    auto make = [&] {
+        ++made;
+        return new counted_t;
+    };
+    counted_t* p = g_kept.instance(make);
+    singleton_life_t::instance().cleanup();
+    EXPECT_EQ(nullptr, g_kept.get());
+    // A reader still holding it meets an emptied object, not freed memory.
+    EXPECT_EQ(1, p->m_cleared);
+    EXPECT_EQ(p, g_kept.instance(make));
+    EXPECT_EQ(1, made);
+    EXPECT_EQ(1u, singleton_life_t::instance().size());
+}
+
+TEST_F(LazySingleton, AClosedSingletonStaysNullUntilReopened) {
+    counted_t* p = g_plain.instance([] { return new counted_t; });
+    EXPECT_FALSE(g_plain.reopen());
+    counted_t* seen_under_lock = nullptr;
+    EXPECT_EQ(p, g_plain.take(true, [&](counted_t* q) { seen_under_lock = q; }));
+    EXPECT_EQ(p, seen_under_lock);
+    delete p;
+    EXPECT_TRUE(g_plain.closed());
+    EXPECT_EQ(nullptr, g_plain.instance([] { return new counted_t; }));
+    EXPECT_EQ(0, live());
+    EXPECT_TRUE(g_plain.reopen());
+    EXPECT_FALSE(g_plain.reopen());
+    EXPECT_NE(nullptr, g_plain.instance([] { return new counted_t; }));
 }
 
 TEST(GlobalLock, IsOneRecursiveLock) {

@@ -140,6 +140,21 @@ TEST(Tls, DeallocatingClearsTheCallersEntry) {
     EXPECT_EQ(key, new_key());
 }
 
+// Releasing a key twice, or one never handed out, must not let two owners
+// get the same key later.
+TEST(Tls, ADoubleOrUnknownReleaseNeverHandsAKeyOutTwice) {
+    unsigned int key = new_key();
+    EXPECT_EQ(RESULT_SUCCESS, tls_deallocate_key(key));
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, tls_deallocate_key(key));
+    EXPECT_EQ(RESULT_OUT_OF_LIMIT, tls_deallocate_key(0xFFFFFFF0u));
+    unsigned int first = new_key(), second = new_key(), third = new_key();
+    EXPECT_EQ(key, first);
+    EXPECT_NE(first, second);
+    EXPECT_NE(first, third);
+    EXPECT_NE(0xFFFFFFF0u, second);
+    EXPECT_NE(0xFFFFFFF0u, third);
+}
+
 TEST(Tls, ConcurrentAllocationHandsOutDistinctKeys) {
     std::vector<unsigned int> got[4];
     util_test::run_threads(4, [&](int i) {

@@ -119,6 +119,13 @@ int self_exe_path(char* out, size_t size);
 int current_dir(char* out, size_t size);
 // Opens a text file for writing, truncating it; null on failure.
 FILE* open_text_file(const char* path);
+// True when the open file no longer has a name (it, or its folder, was
+// removed while open), so what is written to it is lost. Windows never
+// removes a file while the C runtime holds it open.
+bool file_unlinked(FILE* file);
+// The temporary folder without a trailing separator ($TMPDIR when absolute,
+// else /tmp; GetTempPath on Windows); 0 or the OS error number.
+int temp_folder(char* out, size_t size);
 
 // ---- OS threads -------------------------------------------------------------
 // A started thread: a HANDLE on Windows, a small reference-counted block on
