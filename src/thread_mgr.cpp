@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "ref_holder.h"
+#include "singleton.h"
 #include "thread_event.h"
 #include "thread_identity.h"
 #include "tls.h"
@@ -19,8 +20,9 @@ const unsigned int MAIN_QUEUE_SIZE = 8192;
 const unsigned int TIMER_QUEUE_SIZE = 64;
 const unsigned int STOP_JOIN_MS = 1000;
 
-std::atomic<thread_mgr_t*> s_thread_mgr_instance(nullptr);
-std::atomic<bool> s_mgr_release(false);
+// Made under the class lock; closed by destroy() until reset(). Not listed
+// with the singleton registry: util_uninit destroys it first of all.
+lazy_singleton_t<thread_mgr_t> s_mgr(nullptr, false, &thread_mgr_t::class_lock);
 // The manager being destroyed: its threads still detach from it while it
 // stops them, though instance() no longer hands it out.
 std::atomic<thread_mgr_t*> s_closing(nullptr);
@@ -69,7 +71,7 @@ struct thread_mgr_t::lists_t {
     std::vector<thread_ref_t> stopped;
 };
 
-thread_mgr_t* thread_mgr_t::peek() { return s_thread_mgr_instance.load(std::memory_order_acquire); }
+thread_mgr_t* thread_mgr_t::peek() { return s_mgr.get(); }
 
 thread_mgr_t* thread_mgr_t::holder() {
     thread_mgr_t* mgr = peek();
@@ -77,29 +79,16 @@ thread_mgr_t* thread_mgr_t::holder() {
 }
 
 thread_mgr_t* thread_mgr_t::instance() {
-    thread_mgr_t* mgr = s_thread_mgr_instance.load(std::memory_order_acquire);
-    if (mgr || s_mgr_release.load(std::memory_order_acquire))
-        return mgr;
-    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    mgr = s_thread_mgr_instance.load(std::memory_order_acquire);
-    if (mgr || s_mgr_release.load(std::memory_order_acquire))
-        return mgr;
     // Built under the class lock: the threads it starts never take it
     // while it is being built.
-    mgr = new thread_mgr_t;
-    s_thread_mgr_instance.store(mgr, std::memory_order_release);
-    return mgr;
+    return s_mgr.instance([] { return new thread_mgr_t; });
 }
 
 void thread_mgr_t::destroy() {
     UTIL_LOG(LOG_INFO, "thread_mgr_t::destroy()");
-    thread_mgr_t* mgr = nullptr;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-        mgr = s_thread_mgr_instance.exchange(nullptr, std::memory_order_acq_rel);
-        s_mgr_release.store(true, std::memory_order_release);
-        s_closing.store(mgr, std::memory_order_release);
-    }
+    // Its threads still detach from it while it stops them, though
+    // instance() no longer hands it out.
+    thread_mgr_t* mgr = s_mgr.take(true, [](thread_mgr_t* m) { s_closing.store(m, std::memory_order_release); });
     // Deleted outside the lock: stopping threads detach themselves, which
     // takes the lock on their own threads.
     delete mgr;
@@ -107,14 +96,12 @@ void thread_mgr_t::destroy() {
 }
 
 int thread_mgr_t::reset() {
-    UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset(), s_mgr_release = " << s_mgr_release.load()
+    UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset(), s_mgr_release = " << s_mgr.closed()
                                                                     << ", s_thread_mgr_instance = " << log_ptr(peek()));
-    auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
-    if (!s_mgr_release.load(std::memory_order_acquire)) {
+    if (!s_mgr.reopen()) {
         UTIL_LOG(LOG_WARNING, "thread_mgr_t::reset() already in creatable status ");
         return RESULT_ALREADY_EXISTS;
     }
-    s_mgr_release.store(false, std::memory_order_release);
     return RESULT_SUCCESS;
 }
 
