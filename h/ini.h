@@ -6,13 +6,22 @@
 #include <stddef.h>
 
 #include <string>
-#include <unordered_map>
+#include <stdint.h>
+
 #include <utility>
 #include <vector>
 
 #include "util_def.h"
 
 namespace ssb {
+
+// Names to positions in a vector held elsewhere, by open addressing: one
+// 64-bit slot per entry (32 bits of the name's hash, the position plus 1),
+// no strings and no nodes, so loading a large file stays cache-friendly.
+struct UTIL_API ini_name_index_t {
+    std::vector<uint64_t> slots;  // a power of two, at most half full; 0 is free
+    size_t count = 0;
+};
 
 // One section ("key") of an INI file: its name, its name/value pairs and its
 // comments, each in file order.
@@ -22,7 +31,7 @@ struct UTIL_API ini_key_t {
     std::vector<std::string> comments;
     // Position of each value name; kept only for sections with more than a
     // few values, where a scan would make loading quadratic.
-    std::unordered_map<std::string, unsigned> value_index;
+    ini_name_index_t value_index;
 };
 
 // An INI file loaded into memory: ordered sections of ordered name/value
@@ -171,6 +180,9 @@ public:
     bool delete_key_comments(const std::string& key);
 
 private:
+    // One line without its "\n"; `current` is the section lines go to, -1
+    // before the first "[" line or pair. False when the line fails the read.
+    bool read_line(const char* line, const char* end, long& current);
     const std::string& folded(const std::string& name, std::string& scratch) const;
     int find_folded_key(const std::string& name) const;
     unsigned add_folded_key(const std::string& name);
@@ -183,7 +195,7 @@ private:
     bool m_case_insensitive;
     std::vector<ini_key_t> m_keys;
     std::vector<std::string> m_header_comments;
-    std::unordered_map<std::string, unsigned> m_key_index;
+    ini_name_index_t m_key_index;
 };
 
 // ---- the configuration path ----

@@ -16,7 +16,7 @@ namespace ssb {
 namespace {
 
 // Sections with more values than this get a name index; below it a scan of
-// a few short names is cheaper than hashing.
+// a few names (length first, then bytes) is cheaper than hashing.
 const size_t SCAN_LIMIT = 8;
 
 bool is_trimmed(char c) { return c == '\r' || c == '\n' || c == ' ' || c == '\t'; }
@@ -38,20 +38,70 @@ void fold_ascii(std::string& s) {
     }
 }
 
+uint32_t name_hash(const std::string& name) {
+    const uint64_t h = std::hash<std::string>()(name);
+    return static_cast<uint32_t>(h ^ (h >> 32));
+}
+
+void index_clear(ini_name_index_t& index) {
+    index.slots.clear();
+    index.count = 0;
+}
+
+void index_put(ini_name_index_t& index, uint32_t hash, unsigned position);
+
+void index_grow(ini_name_index_t& index) {
+    std::vector<uint64_t> old;
+    old.swap(index.slots);
+    index.slots.assign(old.empty() ? 16 : old.size() * 2, 0);
+    index.count = 0;
+    for (uint64_t slot : old) {
+        if (slot)
+            index_put(index, static_cast<uint32_t>(slot >> 32), static_cast<unsigned>(slot & 0xFFFFFFFFu) - 1);
+    }
+}
+
+void index_put(ini_name_index_t& index, uint32_t hash, unsigned position) {
+    if ((index.count + 1) * 2 > index.slots.size())
+        index_grow(index);
+    const size_t mask = index.slots.size() - 1;
+    size_t i = hash & mask;
+    while (index.slots[i])
+        i = (i + 1) & mask;
+    index.slots[i] = (static_cast<uint64_t>(hash) << 32) | (static_cast<uint64_t>(position) + 1);
+    ++index.count;
+}
+
+// The position of `name`, or -1; name_at(position) gives the stored names.
+template <class name_at_t>
+int index_find(const ini_name_index_t& index, const std::string& name, name_at_t name_at) {
+    if (index.slots.empty())
+        return -1;
+    const uint32_t hash = name_hash(name);
+    const size_t mask = index.slots.size() - 1;
+    for (size_t i = hash & mask; index.slots[i]; i = (i + 1) & mask) {
+        const uint64_t slot = index.slots[i];
+        if (static_cast<uint32_t>(slot >> 32) == hash) {
+            const unsigned position = static_cast<unsigned>(slot & 0xFFFFFFFFu) - 1;
+            if (name_at(position) == name)
+                return static_cast<int>(position);
+        }
+    }
+    return -1;
+}
+
 void rebuild_value_index(ini_key_t& key) {
-    key.value_index.clear();
+    index_clear(key.value_index);
     if (key.values.size() <= SCAN_LIMIT)
         return;
-    key.value_index.reserve(key.values.size());
     for (size_t i = 0; i < key.values.size(); ++i)
-        key.value_index.emplace(key.values[i].first, static_cast<unsigned>(i));
+        index_put(key.value_index, name_hash(key.values[i].first), static_cast<unsigned>(i));
 }
 
 int find_in_key(const ini_key_t& key, const std::string& name) {
-    if (key.values.size() > SCAN_LIMIT) {
-        std::unordered_map<std::string, unsigned>::const_iterator it = key.value_index.find(name);
-        return it == key.value_index.end() ? -1 : static_cast<int>(it->second);
-    }
+    if (key.values.size() > SCAN_LIMIT)
+        return index_find(key.value_index, name,
+                          [&key](unsigned position) -> const std::string& { return key.values[position].first; });
     for (size_t i = 0; i < key.values.size(); ++i) {
         if (key.values[i].first == name)
             return static_cast<int>(i);
@@ -64,7 +114,7 @@ void append_to_key(ini_key_t& key, std::string name, std::string value) {
     if (key.values.size() == SCAN_LIMIT + 1)
         rebuild_value_index(key);
     else if (key.values.size() > SCAN_LIMIT + 1)
-        key.value_index.emplace(key.values.back().first, static_cast<unsigned>(key.values.size() - 1));
+        index_put(key.value_index, name_hash(key.values.back().first), static_cast<unsigned>(key.values.size() - 1));
 }
 
 }  // namespace
@@ -96,23 +146,96 @@ const std::string& ini_t::folded(const std::string& name, std::string& scratch) 
 
 // ---- reading and writing ------------------------------------------------------
 
+bool ini_t::read_line(const char* line, const char* end, long& current) {
+    if (end > line && end[-1] == '\r')
+        --end;
+    if (end == line)
+        return true;
+    unsigned char first = static_cast<unsigned char>(*line);
+    if (!is_printable(first)) {
+        printf("Failing on int8_t %d\n", static_cast<int>(static_cast<int8_t>(first)));
+        return false;
+    }
+    const char* mark = line;
+    while (mark < end && *mark != ';' && *mark != '#' && *mark != '[' && *mark != '=')
+        ++mark;
+    if (mark == end)
+        return true;
+    if (*mark == ';' || *mark == '#') {
+        std::string text(mark + 1, end);
+        if (current >= 0 && static_cast<size_t>(current) < m_keys.size())
+            m_keys[static_cast<size_t>(current)].comments.push_back(std::move(text));
+        else
+            m_header_comments.push_back(std::move(text));
+    } else if (*mark == '=') {
+        const char* name_begin = line;
+        const char* name_end = mark;
+        trim_range(name_begin, name_end);
+        const char* value_begin = mark + 1;
+        const char* value_end = value_begin;
+        while (value_end < end && *value_end != ';' && *value_end != '#')
+            ++value_end;
+        trim_range(value_begin, value_end);
+        if (current < 0)
+            current = static_cast<long>(add_folded_key(std::string()));
+        std::string name(name_begin, name_end);
+        if (m_case_insensitive)
+            fold_ascii(name);
+        ini_key_t& k = m_keys[static_cast<size_t>(current)];
+        int found = find_in_key(k, name);
+        if (found >= 0)
+            k.values[static_cast<size_t>(found)].second.assign(value_begin, value_end);
+        else
+            append_to_key(k, std::move(name), std::string(value_begin, value_end));
+    } else {
+        const char* close = end;
+        while (close > mark + 1 && close[-1] != ']')
+            --close;
+        if (close > mark + 1)
+            current = static_cast<long>(add_key(std::string(mark + 1, close - 1)));
+    }
+    return true;
+}
+
 bool ini_t::read_file() {
     FILE* f = plat::open_read_file(m_path.c_str());
     if (!f)
         return false;
-    std::string text;
+    // Parsed chunk by chunk, so a large file never sits in memory twice and
+    // the text being parsed stays in cache. `partial` holds a line cut by
+    // the chunk's end.
+    long current = -1;
+    std::string partial;
     char chunk[65536];
     bool ok = true;
     for (;;) {
-        size_t n = fread(chunk, 1, sizeof(chunk), f);
-        text.append(chunk, n);
-        if (n < sizeof(chunk)) {
-            ok = ferror(f) == 0;
+        const size_t n = fread(chunk, 1, sizeof(chunk), f);
+        const char* line = chunk;
+        const char* end_of_chunk = chunk + n;
+        while (ok && line < end_of_chunk) {
+            const char* nl = static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(end_of_chunk - line)));
+            if (!nl) {
+                partial.append(line, end_of_chunk);
+                break;
+            }
+            if (partial.empty()) {
+                ok = read_line(line, nl, current);
+            } else {
+                partial.append(line, nl);
+                ok = read_line(partial.data(), partial.data() + partial.size(), current);
+                partial.clear();
+            }
+            line = nl + 1;
+        }
+        if (!ok || n < sizeof(chunk)) {
+            ok = ok && ferror(f) == 0;
             break;
         }
     }
     fclose(f);
-    return ok && read_text(text.data(), text.size());
+    if (ok && !partial.empty())
+        ok = read_line(partial.data(), partial.data() + partial.size(), current);
+    return ok;
 }
 
 bool ini_t::read_text(const char* data, size_t size) {
@@ -126,61 +249,9 @@ bool ini_t::read_text(const char* data, size_t size) {
     while (line < end_of_text) {
         const char* nl = static_cast<const char*>(memchr(line, '\n', static_cast<size_t>(end_of_text - line)));
         const char* end = nl ? nl : end_of_text;
-        const char* next = nl ? nl + 1 : end_of_text;
-        if (end > line && end[-1] == '\r')
-            --end;
-        if (end == line) {
-            line = next;
-            continue;
-        }
-        unsigned char first = static_cast<unsigned char>(*line);
-        if (!is_printable(first)) {
-            printf("Failing on int8_t %d\n", static_cast<int>(static_cast<int8_t>(first)));
+        if (!read_line(line, end, current))
             return false;
-        }
-        const char* mark = line;
-        while (mark < end && *mark != ';' && *mark != '#' && *mark != '[' && *mark != '=')
-            ++mark;
-        if (mark == end) {
-            line = next;
-            continue;
-        }
-        if (*mark == ';' || *mark == '#') {
-            std::string text(mark + 1, end);
-            if (current >= 0 && static_cast<size_t>(current) < m_keys.size())
-                m_keys[static_cast<size_t>(current)].comments.push_back(std::move(text));
-            else
-                m_header_comments.push_back(std::move(text));
-        } else if (*mark == '=') {
-            const char* name_begin = line;
-            const char* name_end = mark;
-            trim_range(name_begin, name_end);
-            const char* value_begin = mark + 1;
-            const char* value_end = value_begin;
-            while (value_end < end && *value_end != ';' && *value_end != '#')
-                ++value_end;
-            trim_range(value_begin, value_end);
-            if (current < 0)
-                current = static_cast<long>(add_folded_key(std::string()));
-            std::string name(name_begin, name_end);
-            if (m_case_insensitive)
-                fold_ascii(name);
-            ini_key_t& k = m_keys[static_cast<size_t>(current)];
-            int found = find_in_key(k, name);
-            if (found >= 0)
-                k.values[static_cast<size_t>(found)].second.assign(value_begin, value_end);
-            else
-                append_to_key(k, std::move(name), std::string(value_begin, value_end));
-        } else {
-            const char* close = end;
-            while (close > mark + 1 && close[-1] != ']')
-                --close;
-            if (close > mark + 1) {
-                std::string name(mark + 1, close - 1);
-                current = static_cast<long>(add_key(name));
-            }
-        }
-        line = next;
+        line = nl ? nl + 1 : end_of_text;
     }
     return true;
 }
@@ -235,14 +306,14 @@ bool ini_t::flush_file() {
 void ini_t::clear() {
     m_keys.clear();
     m_header_comments.clear();
-    m_key_index.clear();
+    index_clear(m_key_index);
 }
 
 // ---- sections -----------------------------------------------------------------
 
 int ini_t::find_folded_key(const std::string& name) const {
-    std::unordered_map<std::string, unsigned>::const_iterator it = m_key_index.find(name);
-    return it == m_key_index.end() ? -1 : static_cast<int>(it->second);
+    return index_find(m_key_index, name,
+                      [this](unsigned position) -> const std::string& { return m_keys[position].name; });
 }
 
 int ini_t::find_key(const std::string& name) const {
@@ -257,7 +328,7 @@ unsigned ini_t::add_folded_key(const std::string& name) {
     unsigned index = static_cast<unsigned>(m_keys.size());
     m_keys.push_back(ini_key_t());
     m_keys.back().name = name;
-    m_key_index.emplace(name, index);
+    index_put(m_key_index, name_hash(name), index);
     return index;
 }
 
@@ -272,10 +343,9 @@ std::string ini_t::key_name(unsigned key) const {
 }
 
 void ini_t::rebuild_key_index() {
-    m_key_index.clear();
-    m_key_index.reserve(m_keys.size());
+    index_clear(m_key_index);
     for (size_t i = 0; i < m_keys.size(); ++i)
-        m_key_index.emplace(m_keys[i].name, static_cast<unsigned>(i));
+        index_put(m_key_index, name_hash(m_keys[i].name), static_cast<unsigned>(i));
 }
 
 bool ini_t::delete_key(const std::string& name) {
