@@ -2,6 +2,7 @@
 
 #include <stdlib.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
 #include <filesystem>
@@ -181,6 +182,33 @@ TEST_F(IniFile, FlushThenReadGivesTheSameFile) {
     ASSERT_TRUE(second.read_file());
     EXPECT_EQ(2u, second.num_header_comments());
     EXPECT_EQ(2u, second.name_values("s"));
+}
+
+// read_file parses in 64 KiB pieces: lines cut by a piece's end, a CRLF
+// split between two pieces and a 1 MiB line must read as read_text reads
+// the same bytes.
+TEST_F(IniFile, FileReadsAsTheSameTextInMemory) {
+    std::string text = ";" + std::string(65534, 'x') + "\r\n[s]\nbig=" + std::string(1 << 20, 'y') + "\n";
+    std::mt19937 rng(11);
+    const char* pieces[] = {"[", "]", "=", ";", "#", "\n", "\r\n", "k", " ", "v", "\n[a]\n"};
+    while (text.size() < 600000)
+        text += pieces[rng() % (sizeof(pieces) / sizeof(pieces[0]))];
+    text += "last=no newline";
+    const fs::path path = m_dir / "big.ini";
+    for (const std::string& t : {text, text.substr(0, 65536), text.substr(0, 65537),
+                                 text + "\n\x05"
+                                        "bad\nz=1\n"}) {
+        spit(path, t);
+        ssb::ini_t from_file(path.string());
+        ssb::ini_t from_memory;
+        testing::internal::CaptureStdout();
+        const bool file_ok = from_file.read_file();
+        const bool memory_ok = from_memory.read_text(t.data(), t.size());
+        const std::string printed = testing::internal::GetCapturedStdout();
+        EXPECT_EQ(memory_ok, file_ok) << t.size();
+        EXPECT_EQ(dump(from_memory), dump(from_file)) << t.size();
+        EXPECT_EQ(file_ok ? 0u : 2u, printed.empty() ? 0u : std::count(printed.begin(), printed.end(), '\n'));
+    }
 }
 
 TEST_F(IniFile, UnreadablePathsFail) {

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <string>
@@ -233,6 +234,17 @@ TEST_F(SystemInfoLog, CpuUsageOfTheProcess) {
     EXPECT_EQ(2, get_process_cpu_usage_r(&future, &usage));
     EXPECT_EQ(~0ull, future.wall_us);
     EXPECT_TRUE(cap.contains("assert: msg[get_process_cpu_usage_r elapsed should bigger than 0] file["));
+}
+
+TEST(SystemInfo, SharedCpuSampleFromManyThreads) {
+    std::atomic<int> over(0);
+    util_test::run_threads(4, [&](int) {
+        for (int i = 0; i < 200; ++i) {
+            if (get_process_cpu_usage() > 100)
+                ++over;
+        }
+    });
+    EXPECT_EQ(0, over.load());
 }
 
 TEST_F(SystemInfoLog, ModuleVersions) {
