@@ -4,7 +4,10 @@
 
 #include <string>
 
+#include "lock.h"
 #include "platform/platform.h"
+#include "stream.h"
+#include "trace.h"
 
 using ssb::RESULT_FAILURE;
 using ssb::RESULT_INVALID_ARG;
@@ -14,6 +17,11 @@ using ssb::RESULT_SUCCESS;
 namespace {
 
 const size_t MAX_PATH_TEXT = 4096;
+const char SOURCE_PATH[] = ".\\toolkit";
+// get_system_info's smallest buffer.
+const unsigned int MIN_SYSTEM_INFO = 65;
+// "65535.65535.65535.65535" and its NUL.
+const unsigned int MIN_VERSION_TEXT = 24;
 
 bool is_separator(char c) { return c == '/' || c == '\\'; }
 
@@ -102,5 +110,364 @@ int split_path(const char* path, char* dir, unsigned int dir_size, char* file, u
         return RESULT_INVALID_ARG;
     if (file && copy_out(f, file, file_size) != RESULT_SUCCESS)
         return RESULT_INVALID_ARG;
+    return RESULT_SUCCESS;
+}
+
+// ---- system and process information ---------------------------------------------
+
+namespace {
+
+bool system_text_args(char* buffer, unsigned int buf_size) {
+    if (buffer && buf_size >= MIN_SYSTEM_INFO)
+        return true;
+    UTIL_ASSERT_MSG("get_system_info INVALID ARGS", SOURCE_PATH, __LINE__,
+                    ", buf = " << static_cast<const void*>(buffer) << ", buf_size = " << buf_size);
+    return false;
+}
+
+const char* windows_name(unsigned int major, unsigned int minor, unsigned int product_type, unsigned int suite_mask,
+                         int is_64bits, int r2) {
+    const unsigned int WORKSTATION = 1;
+    const unsigned int STORAGE_SERVER = 0x2000;
+    if (major == 5) {
+        switch (minor) {
+        case 0:
+            return "Windows 2000";
+        case 1:
+            return "Windows XP";
+        case 2:
+            if (product_type == WORKSTATION && is_64bits)
+                return "Windows XP Professional x64 Edition";
+            if (suite_mask & STORAGE_SERVER)
+                return "Windows Storage Server 2003";
+            return r2 ? "Windows Server 2003 R2" : "Windows Server 2003";
+        default:
+            return "Windows undefined";
+        }
+    }
+    const bool ws = product_type == WORKSTATION;
+    switch (minor) {
+    case 0:
+        return ws ? "Windows Vista" : "Windows Server 2008";
+    case 1:
+        return ws ? "Windows 7" : "Windows Server 2008 R2";
+    case 2:
+        return ws ? "Windows 8" : "Windows Server 2012";
+    case 3:
+        return ws ? "Windows 8.1" : "Windows Server 2012 R2";
+    case 4:
+        return ws ? "Windows 10 workstation" : "Windows 10 Server";
+    default:
+        return "Newer system";
+    }
+}
+
+const char* windows_edition(unsigned int product) {
+    static const char* const EDITIONS[] = {
+        nullptr,
+        "Ultimate Edition",
+        "Home Basic Edition",
+        "Home Premium Edition",
+        "Enterprise Edition",
+        "Home Basic Edition",
+        "Business Edition",
+        "Server Standard Edition (full installation)",
+        "Server Datacenter Edition (full installation)",
+        "Small Business Server",
+        "Server Enterprise Edition (full installation)",
+        "Starter Edition",
+        "Server Datacenter Edition (core installation)",
+        "Server Standard Edition (core installation)",
+        "Server Enterprise Edition (core installation)",
+        "Server Enterprise Edition for Itanium-based Systems",
+        "Business Edition",
+        "Web Server Edition (full installation)",
+        "Cluster Server Edition",
+        "Home Server Edition",
+        "Storage Server Express Edition",
+        "Storage Server Standard Edition",
+        "Storage Server Workgroup Edition",
+        "Storage Server Enterprise Edition",
+        "Server for Small Business Edition",
+        "Small Business Server Premium Edition",
+    };
+    if (product == 0 || product >= sizeof(EDITIONS) / sizeof(EDITIONS[0]))
+        return "An unknown product";
+    return EDITIONS[product];
+}
+
+// os-release's value of `name`, unquoted; empty when absent.
+std::string os_release_value(const char* text, const char* name) {
+    const size_t name_len = strlen(name);
+    const char* line = text;
+    while (line && *line) {
+        const char* end = strchr(line, '\n');
+        if (!end)
+            end = line + strlen(line);
+        if (static_cast<size_t>(end - line) > name_len && strncmp(line, name, name_len) == 0 && line[name_len] == '=') {
+            std::string value;
+            const char* p = line + name_len + 1;
+            char quote = (*p == '"' || *p == '\'') ? *p++ : '\0';
+            for (; p < end && *p != quote && *p != '\r'; ++p) {
+                if (*p == '\\' && quote == '"' && p + 1 < end)
+                    ++p;
+                value += *p;
+            }
+            return value;
+        }
+        line = *end ? end + 1 : end;
+    }
+    return std::string();
+}
+
+uint64_t monotonic_us() {
+    int64_t frequency = 0;
+    int64_t counts = 0;
+    if (!ssb::plat::perf_frequency(&frequency) || frequency <= 0 || !ssb::plat::perf_counter(&counts))
+        return static_cast<uint64_t>(ssb::plat::tick_count_ms()) * 1000u;
+    const uint64_t f = static_cast<uint64_t>(frequency);
+    const uint64_t c = static_cast<uint64_t>(counts);
+    return c / f * 1000000u + c % f * 1000000u / f;
+}
+
+// The wildcard rule of regex_match: "?" counts only in patterns without "*";
+// pieces between stars are found in order, first occurrence; the first is
+// anchored at 0 unless the pattern starts with "*"; the last must end the
+// text unless the pattern ends with "*", and may then start anywhere after
+// the previous piece.
+bool wildcard_match(const std::string& text, const std::string& pattern) {
+    if (pattern.find('*') == std::string::npos) {
+        if (text.size() != pattern.size())
+            return false;
+        for (size_t i = 0; i < text.size(); ++i) {
+            if (pattern[i] != '?' && pattern[i] != text[i])
+                return false;
+        }
+        return true;
+    }
+    const bool lead = pattern[0] == '*';
+    const bool trail = pattern[pattern.size() - 1] == '*';
+    size_t at = 0;
+    size_t p = 0;
+    bool first = true;
+    while (p < pattern.size()) {
+        if (pattern[p] == '*') {
+            ++p;
+            continue;
+        }
+        size_t piece_end = pattern.find('*', p);
+        if (piece_end == std::string::npos)
+            piece_end = pattern.size();
+        const size_t len = piece_end - p;
+        const bool last = piece_end == pattern.size();
+        if (last && !trail) {
+            if (text.size() < at + len || text.compare(text.size() - len, len, pattern, p, len) != 0)
+                return false;
+        } else if (first && !lead) {
+            if (text.compare(0, len, pattern, p, len) != 0 || text.size() < len)
+                return false;
+            at = len;
+        } else {
+            size_t found = text.find(pattern.data() + p, at, len);
+            if (found == std::string::npos)
+                return false;
+            at = found + len;
+        }
+        first = false;
+        p = piece_end;
+    }
+    return true;
+}
+
+ssb::thread_mutex s_cpu_lock;
+ssb_cpu_sample_t s_cpu_sample = {0, 0};
+unsigned int s_cpu_usage = 0;
+
+}  // namespace
+
+void windows_system_text(unsigned int major, unsigned int minor, unsigned int product_type, unsigned int suite_mask,
+                         unsigned int product, int is_64bits, int r2, char* buffer, unsigned int buf_size) {
+    if (!system_text_args(buffer, buf_size))
+        return;
+    memset(buffer, 0, buf_size);
+    ssb::text_stream_t out(reinterpret_cast<signed char*>(buffer), buf_size);
+    if (major == 5) {
+        out << windows_name(major, minor, product_type, suite_mask, is_64bits, r2);
+        return;
+    }
+    if (major != 6) {
+        out << "Windows undefined";
+        return;
+    }
+    out << windows_name(major, minor, product_type, suite_mask, is_64bits, r2);
+    if (is_64bits)
+        out << ", 64bits, ";
+    out << windows_edition(product);
+}
+
+void posix_system_text(const char* os_release, const char* sysname, const char* release, int is_64bits, char* buffer,
+                       unsigned int buf_size) {
+    if (!system_text_args(buffer, buf_size))
+        return;
+    memset(buffer, 0, buf_size);
+    const char* os = os_release ? os_release : "";
+    std::string distribution = os_release_value(os, "PRETTY_NAME");
+    if (distribution.empty()) {
+        distribution = os_release_value(os, "NAME");
+        std::string version = os_release_value(os, "VERSION");
+        if (!distribution.empty() && !version.empty())
+            distribution += " " + version;
+    }
+    std::string kernel = sysname ? sysname : "";
+    if (release && *release)
+        kernel += (kernel.empty() ? "" : " ") + std::string(release);
+    if (kernel.empty())
+        kernel = "unknown system";
+    ssb::text_stream_t out(reinterpret_cast<signed char*>(buffer), buf_size);
+    if (!distribution.empty())
+        out << distribution << (is_64bits ? ", 64bits, " : ", ");
+    else if (is_64bits)
+        out << "64bits, ";
+    out << kernel;
+}
+
+void get_system_info(char* buffer, unsigned int buf_size) {
+    if (!system_text_args(buffer, buf_size))
+        return;
+    ssb::plat::system_raw_t raw;
+    ssb::plat::sysinfo_status_t status = ssb::plat::system_query(&raw);
+    if (status == ssb::plat::SYSINFO_NO_SYSTEM_MODULE)
+        UTIL_LOG(ssb::LOG_ERROR, "_get_system_info failed to load kernel32.dll");
+    const int is_64bits = is_64bits_system() ? 1 : 0;
+    if (raw.windows)
+        windows_system_text(raw.major, raw.minor, raw.product_type, raw.suite_mask, raw.product, is_64bits, raw.r2,
+                            buffer, buf_size);
+    else
+        posix_system_text(raw.os_release, raw.sysname, raw.release, is_64bits, buffer, buf_size);
+}
+
+int _get_system_info(unsigned int* major, unsigned int* minor, unsigned int* product_type, unsigned int* suite_mask,
+                     unsigned int* product) {
+    if (!major || !minor || !product_type || !suite_mask || !product)
+        return RESULT_INVALID_ARG;
+    *major = *minor = *product_type = *suite_mask = *product = 0;
+    ssb::plat::system_raw_t raw;
+    ssb::plat::sysinfo_status_t status = ssb::plat::system_query(&raw);
+    if (status == ssb::plat::SYSINFO_NO_SYSTEM_MODULE) {
+        UTIL_LOG(ssb::LOG_ERROR, "_get_system_info failed to load kernel32.dll");
+        return RESULT_FAILURE;
+    }
+    if (status != ssb::plat::SYSINFO_OK)
+        return RESULT_FAILURE;
+    if (!raw.windows)
+        return RESULT_NOT_FOUND;
+    *major = raw.major;
+    *minor = raw.minor;
+    *product_type = raw.product_type;
+    *suite_mask = raw.suite_mask;
+    *product = raw.product;
+    return RESULT_SUCCESS;
+}
+
+bool is_64bits_system(void) {
+    bool is_64bits = false;
+    ssb::plat::sysinfo_status_t status = ssb::plat::native_64bit(&is_64bits);
+    if (status == ssb::plat::SYSINFO_NO_SYSTEM_MODULE)
+        UTIL_LOG(ssb::LOG_ERROR, "is_64bits_system failed to load kernel32.dll");
+    return status == ssb::plat::SYSINFO_OK && is_64bits;
+}
+
+unsigned int get_number_of_cpus(void) { return ssb::plat::cpus_online(); }
+
+unsigned int get_number_of_conf_cpus(void) { return ssb::plat::cpus_configured(); }
+
+int get_process_cpu_usage_r(ssb_cpu_sample_t* last, unsigned int* usage) {
+    if (!last || !usage)
+        return RESULT_INVALID_ARG;
+    uint64_t cpu = 0;
+    if (!ssb::plat::process_cpu_time_us(&cpu))
+        return RESULT_FAILURE;
+    const uint64_t wall = monotonic_us();
+    if (last->wall_us == 0) {
+        last->wall_us = wall;
+        last->cpu_us = cpu;
+        *usage = 0;
+        return RESULT_SUCCESS;
+    }
+    if (wall <= last->wall_us) {
+        UTIL_ASSERT_MSG("get_process_cpu_usage_r elapsed should bigger than 0", SOURCE_PATH, __LINE__,
+                        ", elapsed = " << static_cast<long long>(wall - last->wall_us));
+        return RESULT_INVALID_ARG;
+    }
+    const uint64_t elapsed = wall - last->wall_us;
+    const uint64_t used = cpu > last->cpu_us ? cpu - last->cpu_us : 0;
+    const uint64_t capacity = elapsed * get_number_of_cpus();
+    const uint64_t percent = (used * 100 + capacity / 2) / capacity;
+    *usage = percent > 100 ? 100u : static_cast<unsigned int>(percent);
+    last->wall_us = wall;
+    last->cpu_us = cpu;
+    return RESULT_SUCCESS;
+}
+
+unsigned int get_process_cpu_usage(void) {
+    ssb::auto_lock_t<ssb::thread_mutex> guard(s_cpu_lock);
+    // Two calls within the clock's resolution report the last figure again
+    // instead of tripping the assertion of the _r form.
+    if (s_cpu_sample.wall_us != 0 && monotonic_us() <= s_cpu_sample.wall_us)
+        return s_cpu_usage;
+    unsigned int usage = 0;
+    if (get_process_cpu_usage_r(&s_cpu_sample, &usage) == RESULT_SUCCESS)
+        s_cpu_usage = usage;
+    return s_cpu_usage;
+}
+
+int match_system_info(const char* pattern) {
+    if (!pattern)
+        return 0;
+    char info[512];
+    get_system_info(info, sizeof(info));
+    return wildcard_match(info, pattern) ? 1 : 0;
+}
+
+int get_dll_version(const char* name, unsigned int* major, unsigned int* minor, unsigned int* build_number,
+                    unsigned int* revision_number) {
+    if (!name || !*name || !major || !minor || !build_number || !revision_number) {
+        UTIL_LOG(ssb::LOG_ERROR, "::get_dll_version invalid args");
+        return RESULT_INVALID_ARG;
+    }
+    uint32_t parts[4] = {0, 0, 0, 0};
+    switch (ssb::plat::module_version(name, parts)) {
+    case ssb::plat::MODULE_VERSION_OK:
+        *major = parts[0];
+        *minor = parts[1];
+        *build_number = parts[2];
+        *revision_number = parts[3];
+        return RESULT_SUCCESS;
+    case ssb::plat::MODULE_ABSENT:
+        return RESULT_NOT_FOUND;
+    default:
+        return RESULT_FAILURE;
+    }
+}
+
+int get_ie_version_info(char* buffer, unsigned int size) {
+    if (!buffer || size < MIN_VERSION_TEXT) {
+        UTIL_LOG(ssb::LOG_ERROR, "get_ie_version_info INVALID ARGS"
+                                     << ", buf = " << static_cast<const void*>(buffer) << ", size = " << size);
+        return RESULT_INVALID_ARG;
+    }
+    memset(buffer, 0, size);
+    unsigned int v[4] = {0, 0, 0, 0};
+    int rc = get_dll_version("mshtml.dll", &v[0], &v[1], &v[2], &v[3]);
+    ssb::text_stream_t out(reinterpret_cast<signed char*>(buffer), size);
+    if (rc == RESULT_NOT_FOUND) {
+        out << "not installed";
+        return RESULT_SUCCESS;
+    }
+    if (rc != RESULT_SUCCESS) {
+        UTIL_LOG(ssb::LOG_ERROR, "get_ie_version_info failed to retrieve the version information");
+        return RESULT_FAILURE;
+    }
+    out << v[0] << "." << v[1] << "." << v[2] << "." << v[3];
     return RESULT_SUCCESS;
 }

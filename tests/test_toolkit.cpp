@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <string>
 
 #include "lock.h"
+#include "test_log_support.h"
+#include "test_support.h"
 #include "toolkit.h"
 
 namespace fs = std::filesystem;
@@ -93,6 +97,255 @@ TEST(Toolkit, ApplicationDataFolderExistsAfterTheCall) {
     EXPECT_EQ(2, get_special_path(SSB_FOLDER_APPDATA, nullptr, 0, 0));
     char tiny[2];
     EXPECT_EQ(2, get_special_path(SSB_FOLDER_APPDATA, tiny, sizeof(tiny), 0));
+}
+
+struct windows_row_t {
+    unsigned major, minor, product_type, suite_mask, product;
+    int is_64bits, r2;
+    const char* text;
+};
+
+TEST(SystemInfo, WindowsTableFromRawValues) {
+    const unsigned WS = 1, SERVER = 3, STORAGE = 0x2000;
+    const windows_row_t rows[] = {
+        {5, 0, WS, 0, 0, 0, 0, "Windows 2000"},
+        {5, 1, WS, 0, 1, 1, 0, "Windows XP"},
+        {5, 2, WS, 0, 0, 1, 0, "Windows XP Professional x64 Edition"},
+        {5, 2, WS, STORAGE, 0, 0, 1, "Windows Storage Server 2003"},
+        {5, 2, SERVER, STORAGE, 0, 1, 1, "Windows Storage Server 2003"},
+        {5, 2, SERVER, 0, 0, 0, 1, "Windows Server 2003 R2"},
+        {5, 2, SERVER, 0, 0, 1, 0, "Windows Server 2003"},
+        {5, 3, WS, 0, 0, 0, 0, "Windows undefined"},
+        {6, 1, WS, 0, 1, 1, 0, "Windows 7, 64bits, Ultimate Edition"},
+        {6, 1, WS, 0, 3, 0, 0, "Windows 7Home Premium Edition"},
+        {6, 0, WS, 0, 2, 0, 0, "Windows VistaHome Basic Edition"},
+        {6, 0, SERVER, 0, 7, 1, 0, "Windows Server 2008, 64bits, Server Standard Edition (full installation)"},
+        {6, 1, SERVER, 0, 5, 0, 0, "Windows Server 2008 R2Home Basic Edition"},
+        {6, 2, WS, 0, 6, 0, 0, "Windows 8Business Edition"},
+        {6, 2, 2, 0, 16, 0, 0, "Windows Server 2012Business Edition"},
+        {6, 3, WS, 0, 4, 1, 0, "Windows 8.1, 64bits, Enterprise Edition"},
+        {6, 3, SERVER, 0, 25, 0, 0, "Windows Server 2012 R2Small Business Server Premium Edition"},
+        {6, 4, WS, 0, 11, 0, 0, "Windows 10 workstationStarter Edition"},
+        {6, 4, SERVER, 0, 15, 0, 0, "Windows 10 ServerServer Enterprise Edition for Itanium-based Systems"},
+        {6, 5, WS, 0, 0, 1, 0, "Newer system, 64bits, An unknown product"},
+        {6, 9, SERVER, 0, 26, 0, 0, "Newer systemAn unknown product"},
+        {6, 1, WS, 0, 0xABCD, 0, 0, "Windows 7An unknown product"},
+        {10, 0, WS, 0, 1, 1, 0, "Windows undefined"},
+        {4, 0, WS, 0, 1, 0, 0, "Windows undefined"},
+        {0, 0, 0, 0, 0, 0, 0, "Windows undefined"},
+    };
+    for (const windows_row_t& r : rows) {
+        char buf[128];
+        memset(buf, 'x', sizeof(buf));
+        windows_system_text(r.major, r.minor, r.product_type, r.suite_mask, r.product, r.is_64bits, r.r2, buf,
+                            sizeof(buf));
+        EXPECT_STREQ(r.text, buf) << r.major << "." << r.minor << " product " << r.product;
+    }
+    // Every edition number has its own text or the unknown one.
+    const char* editions[] = {nullptr,
+                              "Ultimate Edition",
+                              "Home Basic Edition",
+                              "Home Premium Edition",
+                              "Enterprise Edition",
+                              "Home Basic Edition",
+                              "Business Edition",
+                              "Server Standard Edition (full installation)",
+                              "Server Datacenter Edition (full installation)",
+                              "Small Business Server",
+                              "Server Enterprise Edition (full installation)",
+                              "Starter Edition",
+                              "Server Datacenter Edition (core installation)",
+                              "Server Standard Edition (core installation)",
+                              "Server Enterprise Edition (core installation)",
+                              "Server Enterprise Edition for Itanium-based Systems",
+                              "Business Edition",
+                              "Web Server Edition (full installation)",
+                              "Cluster Server Edition",
+                              "Home Server Edition",
+                              "Storage Server Express Edition",
+                              "Storage Server Standard Edition",
+                              "Storage Server Workgroup Edition",
+                              "Storage Server Enterprise Edition",
+                              "Server for Small Business Edition",
+                              "Small Business Server Premium Edition"};
+    for (unsigned n = 1; n < sizeof(editions) / sizeof(editions[0]); ++n) {
+        char buf[128];
+        windows_system_text(6, 1, WS, 0, n, 1, 0, buf, sizeof(buf));
+        EXPECT_EQ(std::string("Windows 7, 64bits, ") + editions[n], buf) << n;
+    }
+}
+
+class SystemInfoLog : public ::testing::Test {
+protected:
+    void SetUp() override { util_test::capture_util_log(&cap); }
+    void TearDown() override { util_test::restore_log_routing(); }
+    util_test::text_capture_t cap;
+};
+
+TEST_F(SystemInfoLog, BuffersBelow65BytesAreRefused) {
+    char buf[65];
+    memset(buf, 'x', sizeof(buf));
+    windows_system_text(6, 1, 1, 0, 1, 1, 0, buf, 64);
+    EXPECT_EQ('x', buf[0]);
+    EXPECT_TRUE(cap.contains("assert: msg[get_system_info INVALID ARGS] file["));
+    EXPECT_TRUE(cap.contains(", buf_size = 64"));
+    cap.clear();
+    get_system_info(buf, 64);
+    EXPECT_EQ('x', buf[0]);
+    EXPECT_TRUE(cap.contains("get_system_info INVALID ARGS"));
+    cap.clear();
+    get_system_info(nullptr, 1000);
+    posix_system_text("", "Linux", "6", 1, nullptr, 1000);
+    EXPECT_TRUE(cap.contains(", buf = 0x"));
+    cap.clear();
+    // 65 is enough, and a long text is cut at the buffer's end.
+    windows_system_text(6, 0, 3, 0, 15, 1, 0, buf, 65);
+    EXPECT_FALSE(cap.contains("INVALID ARGS"));
+    EXPECT_EQ(64u, strlen(buf));
+    EXPECT_EQ(0, strncmp("Windows Server 2008, 64bits, Server Enterprise Edition for Itanium", buf, 64));
+}
+
+TEST_F(SystemInfoLog, CpuUsageOfTheProcess) {
+    EXPECT_GE(get_number_of_cpus(), 1u);
+    EXPECT_GE(get_number_of_conf_cpus(), get_number_of_cpus());
+    unsigned usage = 1234;
+    EXPECT_EQ(2, get_process_cpu_usage_r(nullptr, &usage));
+    ssb_cpu_sample_t sample = {0, 0};
+    EXPECT_EQ(2, get_process_cpu_usage_r(&sample, nullptr));
+    ASSERT_EQ(0, get_process_cpu_usage_r(&sample, &usage));
+    EXPECT_EQ(0u, usage);
+    EXPECT_NE(0u, sample.wall_us);
+    // Spinning shows up as a non-zero share of the machine.
+    const ssb_cpu_sample_t start = sample;
+    volatile unsigned sink = 0;
+    auto spinning_shows = [&] {
+        for (int i = 0; i < 2000000; ++i)
+            sink = sink + static_cast<unsigned>(i);
+        ssb_cpu_sample_t s = start;
+        return get_process_cpu_usage_r(&s, &usage) == 0 && usage > 0;
+    };
+    UTIL_WAIT_UNTIL(spinning_shows);
+    EXPECT_LE(usage, 100u);
+    EXPECT_LE(get_process_cpu_usage(), 100u);
+    EXPECT_LE(get_process_cpu_usage(), 100u);
+    EXPECT_FALSE(cap.contains("elapsed should bigger than 0"));
+    // A sample from the future: no time has passed.
+    ssb_cpu_sample_t future = {~0ull, 0};
+    EXPECT_EQ(2, get_process_cpu_usage_r(&future, &usage));
+    EXPECT_EQ(~0ull, future.wall_us);
+    EXPECT_TRUE(cap.contains("assert: msg[get_process_cpu_usage_r elapsed should bigger than 0] file["));
+}
+
+TEST(SystemInfo, SharedCpuSampleFromManyThreads) {
+    std::atomic<int> over(0);
+    util_test::run_threads(4, [&](int) {
+        for (int i = 0; i < 200; ++i) {
+            if (get_process_cpu_usage() > 100)
+                ++over;
+        }
+    });
+    EXPECT_EQ(0, over.load());
+}
+
+TEST_F(SystemInfoLog, ModuleVersions) {
+    unsigned a = 0, b = 0, c = 0, d = 0;
+    EXPECT_EQ(2, get_dll_version(nullptr, &a, &b, &c, &d));
+    EXPECT_EQ(2, get_dll_version("kernel32.dll", nullptr, &b, &c, &d));
+    EXPECT_EQ(2, get_dll_version("", &a, &b, &c, &d));
+    EXPECT_TRUE(cap.contains("::get_dll_version invalid args"));
+    EXPECT_EQ(5, get_dll_version("no_such_module_4711.dll", &a, &b, &c, &d));
+    // kernel32.dll on Windows, the C++ runtime's shared object elsewhere.
+    const int windows = get_dll_version("kernel32.dll", &a, &b, &c, &d);
+    const int posix = get_dll_version("libstdc++.so.6", &a, &b, &c, &d);
+    EXPECT_TRUE(windows == 0 || posix == 0) << windows << " " << posix;
+    EXPECT_GT(a, 0u);
+
+    char small[23];
+    EXPECT_EQ(2, get_ie_version_info(small, sizeof(small)));
+    EXPECT_EQ(2, get_ie_version_info(nullptr, 100));
+    EXPECT_TRUE(cap.contains("get_ie_version_info INVALID ARGS"));
+    char ie[24];
+    const int rc = get_ie_version_info(ie, sizeof(ie));
+    if (rc == 0) {
+        unsigned v[4];
+        char tail = 0;
+        const bool dotted = sscanf(ie, "%u.%u.%u.%u%c", &v[0], &v[1], &v[2], &v[3], &tail) == 4;
+        EXPECT_TRUE(dotted || std::string(ie) == "not installed") << ie;
+    } else {
+        EXPECT_EQ(999, rc);
+        EXPECT_TRUE(cap.contains("get_ie_version_info failed to retrieve the version information"));
+    }
+}
+
+struct posix_row_t {
+    const char* os_release;
+    const char* sysname;
+    const char* release;
+    int is_64bits;
+    const char* text;
+};
+
+TEST(SystemInfo, PosixDescriptionFromUnameAndOsRelease) {
+    const posix_row_t rows[] = {
+        {"NAME=\"Debian GNU/Linux\"\nPRETTY_NAME=\"Debian GNU/Linux 12 (bookworm)\"\nVERSION=\"12\"\n", "Linux",
+         "6.1.0-18-amd64", 1, "Debian GNU/Linux 12 (bookworm), 64bits, Linux 6.1.0-18-amd64"},
+        {"PRETTY_NAME='Alpine v3'\r\n", "Linux", "5.10", 0, "Alpine v3, Linux 5.10"},
+        {"NAME=Fedora\nVERSION=\"39 (Server)\"\n", "Linux", "6.5", 1, "Fedora 39 (Server), 64bits, Linux 6.5"},
+        {"NAME=Plain\n", "Linux", "6.5", 1, "Plain, 64bits, Linux 6.5"},
+        {"PRETTY_NAME=\"say \\\"hi\\\"\"\n", "Linux", "1", 0, "say \"hi\", Linux 1"},
+        {"XPRETTY_NAME=no\nID=x\n", "FreeBSD", "14.0", 1, "64bits, FreeBSD 14.0"},
+        {"", "Linux", "", 0, "Linux"},
+        {nullptr, nullptr, nullptr, 0, "unknown system"},
+    };
+    for (const posix_row_t& r : rows) {
+        char buf[128];
+        posix_system_text(r.os_release, r.sysname, r.release, r.is_64bits, buf, sizeof(buf));
+        EXPECT_STREQ(r.text, buf) << (r.os_release ? r.os_release : "null");
+    }
+}
+
+TEST(SystemInfo, ThisSystem) {
+    char info[256];
+    memset(info, 'x', sizeof(info));
+    get_system_info(info, sizeof(info));
+    ASSERT_LT(strlen(info), sizeof(info));
+    EXPECT_GT(strlen(info), 0u);
+    unsigned major = 0, minor = 0, type = 0, suite = 0, product = 0;
+    EXPECT_EQ(2, _get_system_info(nullptr, &minor, &type, &suite, &product));
+    const int rc = _get_system_info(&major, &minor, &type, &suite, &product);
+    if (rc == 0) {
+        // Windows: the description is the table's row for the raw values
+        // (the R2 flag only matters for 5.2).
+        char expected[256];
+        windows_system_text(major, minor, type, suite, product, is_64bits_system() ? 1 : 0, 0, expected,
+                            sizeof(expected));
+        if (!(major == 5 && minor == 2)) {
+            EXPECT_STREQ(expected, info);
+        }
+        EXPECT_EQ(0, strncmp(info, "Windows", 7) == 0 || strncmp(info, "Newer system", 12) == 0 ? 0 : 1) << info;
+    } else {
+        EXPECT_EQ(5, rc);
+    }
+    const bool has_64 = strstr(info, "64bits, ") != nullptr;
+    const bool windows_without_edition_part = rc == 0 && (major != 6);
+    if (!windows_without_edition_part) {
+        EXPECT_EQ(is_64bits_system(), has_64) << info;
+    }
+
+    const std::string text(info);
+    EXPECT_EQ(1, match_system_info("*"));
+    EXPECT_EQ(1, match_system_info(text.c_str()));
+    EXPECT_EQ(0, match_system_info((text + "x").c_str()));
+    EXPECT_EQ(0, match_system_info(""));
+    EXPECT_EQ(0, match_system_info(nullptr));
+    EXPECT_EQ(1, match_system_info(("*" + text.substr(3)).c_str()));
+    EXPECT_EQ(1, match_system_info((text.substr(0, 3) + "*").c_str()));
+    EXPECT_EQ(1, match_system_info((text.substr(0, 2) + "*" + text.substr(text.size() - 2)).c_str()));
+    EXPECT_EQ(1, match_system_info(std::string(text.size(), '?').c_str()));
+    EXPECT_EQ(0, match_system_info(std::string(text.size() + 1, '?').c_str()));
+    // "?" is literal once the pattern has a star.
+    EXPECT_EQ(0, match_system_info(("?" + text.substr(1, 3) + "*").c_str()));
+    EXPECT_EQ(has_64 ? 1 : 0, match_system_info("*64bits*"));
 }
 
 }  // namespace

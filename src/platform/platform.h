@@ -127,6 +127,55 @@ bool file_unlinked(FILE* file);
 // else /tmp; GetTempPath on Windows); 0 or the OS error number.
 int temp_folder(char* out, size_t size);
 
+// ---- configuration files ------------------------------------------------------
+// Opens a file for binary reading; null on failure. On POSIX a '\\' in the
+// path is read as '/', so paths built with Windows separators work there.
+FILE* open_read_file(const char* path);
+// Replaces a file's contents in one step: the data goes to a temporary file
+// next to it, which is then renamed over the path (keeping the old file's
+// permissions; through a symbolic link, its target). A read-only file is
+// refused even for a privileged user, and any failure leaves the old file as
+// it was. Same '\\' reading as open_read_file. 0 or the OS error number.
+int replace_file(const char* path, const char* data, size_t size);
+
+// ---- system information -------------------------------------------------------
+// What the system reports about itself. Windows fills the version fields,
+// POSIX the uname and os-release ones; the shared code formats either.
+struct system_raw_t {
+    bool windows;
+    uint32_t major;
+    uint32_t minor;
+    uint32_t product_type;  // 1 workstation, 2 domain controller, 3 server
+    uint32_t suite_mask;
+    uint32_t product;  // GetProductInfo's number; 0 without it
+    int r2;            // GetSystemMetrics(SM_SERVERR2)
+    char sysname[65];
+    char release[65];
+    char machine[65];
+    char os_release[4096];  // the start of /etc/os-release (or /usr/lib/os-release)
+};
+enum sysinfo_status_t {
+    SYSINFO_OK,
+    SYSINFO_NO_SYSTEM_MODULE,  // kernel32.dll could not be loaded
+    SYSINFO_FAILED
+};
+sysinfo_status_t system_query(system_raw_t* out);
+// Whether the processor runs a 64-bit system (GetNativeSystemInfo looked up
+// at run time, so a 32-bit process on a 64-bit Windows says true).
+sysinfo_status_t native_64bit(bool* is_64bits);
+// Processors online now, and configured.
+uint32_t cpus_online();
+uint32_t cpus_configured();
+// CPU time the process has used, user and kernel, in microseconds.
+bool process_cpu_time_us(uint64_t* out);
+
+enum module_version_t { MODULE_VERSION_OK, MODULE_ABSENT, MODULE_NO_VERSION };
+// A module's four version numbers: on Windows from the version resource of
+// the named DLL (version.dll looked up at run time); on POSIX from the
+// numbers after ".so." in the real file name of a loaded shared object
+// whose name is `name` or starts with `name` and a '.'.
+module_version_t module_version(const char* name, uint32_t parts[4]);
+
 // ---- OS threads -------------------------------------------------------------
 // A started thread: a HANDLE on Windows, a small reference-counted block on
 // POSIX. The invalid value is all ones. One thread at a time may wait on,
