@@ -214,6 +214,8 @@ private:
     // The write queue of this (the calling) thread's channel to `target`,
     // or null after logging why.
     w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);
+    // The stop that cannot fail: a flag the next pass reads, and a wake-up.
+    void request_stop_by_flag();
     // Runs or drops one popped message; the load it counts.
     unsigned int run_msg(msg_it* msg, bool control);
     void drain_all();

@@ -65,6 +65,14 @@ namespace {
 
 std::atomic<int> s_live_wrappers(0);
 
+// A control queue must hold at least a stop and a few control messages, and
+// a size near 2^32 would fail to allocate and leave a ring that is always
+// full: sizes outside the ring's own range are clamped to it.
+unsigned int sane_queue_size(unsigned int size) {
+    return size < RING_QUEUE_MIN_CAPACITY ? RING_QUEUE_MIN_CAPACITY
+                                          : (size > RING_QUEUE_MAX_CAPACITY ? RING_QUEUE_MAX_CAPACITY : size);
+}
+
 }  // namespace
 
 int live_thread_wrappers() { return s_live_wrappers.load(std::memory_order_relaxed); }
@@ -77,7 +85,7 @@ thread_wrapper_t::thread_wrapper_t(unsigned int mode, unsigned int type, unsigne
       m_id((mode & THREAD_MODE_WRAP) ? get_cur_tid() : 0),
       m_status(THREAD_RUNNING),
       m_thread_manager(thr_manager),
-      m_queue_size(queue_size),
+      m_queue_size(sane_queue_size(queue_size)),
       m_notifier(nullptr),
       m_interact_timer(interact_timer),
       m_idle(true),
@@ -89,9 +97,12 @@ thread_wrapper_t::thread_wrapper_t(unsigned int mode, unsigned int type, unsigne
                            << mode << ", id = " << get_id() << ", type = " << type << ", thr_manager = "
                            << log_ptr(thr_manager) << ", waits = " << waits << ", interact_timer = " << interact_timer
                            << ", m_timer_precision = " << get_timer_precision() << ", this = " << log_ptr(this));
+    if (m_queue_size != queue_size)
+        UTIL_LOG(LOG_WARNING, "thread_wrapper_t::thread_wrapper_t control queue size out of range, queue_size = "
+                                  << queue_size << ", used = " << m_queue_size << ", this = " << log_ptr(this));
     // Any thread may write the control queue; its reader is this loop.
     m_parts->ctrl_queue =
-        ref_holder_t<msg_queue_t>(new msg_queue_t(nullptr, nullptr, queue_size, MSG_QUEUE_SIGNAL_WHEN_EMPTY));
+        ref_holder_t<msg_queue_t>(new msg_queue_t(nullptr, nullptr, m_queue_size, MSG_QUEUE_SIGNAL_WHEN_EMPTY));
 }
 
 thread_wrapper_t::~thread_wrapper_t() {
@@ -160,6 +171,7 @@ void thread_wrapper_t::abandon() {
     if (status != THREAD_STOPPED)
         UTIL_LOG(LOG_WARNING, "thread_wrapper_t::abandon() the loop ended without stop, this = " << log_ptr(this));
     drain_all();
+    m_parts->stopped.signal();
 }
 
 void thread_wrapper_t::thread_run(void*) {
@@ -205,6 +217,12 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     if (!m_parts->ctrl_queue) {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::process_msg waiting for control message has been created, this = "
                                << log_ptr(this));
+        return 0;
+    }
+    if (m_parts->stop_requested.load(std::memory_order_acquire)) {
+        stop_i(nullptr);
+        drain_all();
+        m_pass_end = PASS_IDLE;
         return 0;
     }
     channel_map_t& channels = m_parts->channels;
@@ -254,10 +272,8 @@ int thread_wrapper_t::request_stop() {
     if (on_own_thread())
         return stop_i(this);
     msg_holder_t msg(new stop_thread_msg_t(nullptr, this));
-    if (msg.handed_over(m_parts->ctrl_queue->post_msg(msg.get(), nullptr)) != RESULT_SUCCESS) {
-        m_status.store(THREAD_RUNNING, std::memory_order_release);
-        return RESULT_QUEUE_FULL;
-    }
+    if (msg.handed_over(m_parts->ctrl_queue->post_msg(msg.get(), nullptr)) != RESULT_SUCCESS)
+        request_stop_by_flag();
     return RESULT_SUCCESS;
 }
 
@@ -285,12 +301,21 @@ int thread_wrapper_t::stop() {
     msg_holder_t msg(new stop_thread_msg_t(caller, this));
     const int rv = msg.handed_over(m_parts->ctrl_queue->send_msg(msg.get(), nullptr, -1));
     if (rv == RESULT_QUEUE_FULL) {
-        // Not delivered: the thread runs on, and a later stop may retry.
-        m_status.store(THREAD_RUNNING, std::memory_order_release);
+        // The control queue is full: the flag that every pass reads takes
+        // the stop instead, and this waits as the message would have.
+        request_stop_by_flag();
+        m_parts->stopped.wait(-1);
     }
     if (caller && caller->on_own_thread() && caller->m_parts->channels.find(this))
         caller->detach_queue(this);
-    return rv == RESULT_QUEUE_FULL ? rv : RESULT_SUCCESS;
+    return RESULT_SUCCESS;
+}
+
+void thread_wrapper_t::request_stop_by_flag() {
+    UTIL_LOG(LOG_WARNING, "thread_wrapper_t::stop() the control queue is full, the loop stops at its next pass, this = "
+                              << log_ptr(this));
+    m_parts->stop_requested.store(true, std::memory_order_release);
+    notify();
 }
 
 int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
@@ -319,6 +344,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
     }
     // Nothing queued runs any more; a synchronous sender is woken.
     drain_queue(m_parts->ctrl_queue.get());
+    m_parts->stopped.signal();
     if (m_mode & THREAD_MODE_WRAP)
         cleanup_tls();
     // Whoever lists the threads now: the manager that made this one may be

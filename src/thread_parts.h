@@ -83,6 +83,12 @@ private:
 
 struct thread_wrapper_t::parts_t {
     ref_holder_t<msg_queue_t> ctrl_queue;
+    // The stop's fallback when its message finds the control queue full:
+    // every pass looks at the flag, so a stop always reaches the loop.
+    std::atomic<bool> stop_requested{false};
+    // Signalled once the loop has stopped, for a stopper that could not
+    // hand over its message and so waits here.
+    event_t stopped{true, false};
     channel_map_t channels;
     parked_msg_t parked;
     timer_drive_t timer;

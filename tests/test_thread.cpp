@@ -344,3 +344,50 @@ TEST_F(Threads, WaitsThatWouldDeadlockAreRefusedWith12) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Threads, AStopAlwaysReachesTheLoopEvenThroughAFullControlQueue) {
+    // Sizes that would leave a control queue without room are clamped.
+    for (unsigned int size : {0u, 1u, 4294967295u}) {
+        thread_wrapper_t* odd = m_mgr->spawn(THREAD_MODE_EVENT, size, 102, false, nullptr, 0xFFFFFFFFu);
+        ASSERT_NE(nullptr, odd);
+        EXPECT_GE(odd->queue_size(), 32u);
+        std::atomic<bool> ran(false);
+        run_on(odd, [&] { ran = true; });
+        EXPECT_TRUE(ran.load());
+        EXPECT_EQ(1, m_mgr->stop_threads_by_type(102)) << "size " << size;
+    }
+    EXPECT_TRUE(m_log.contains("control queue size out of range"));
+
+    // A busy loop whose control queue a host filled: the stop message finds
+    // no room, the flag takes the stop instead, and stop() returns once the
+    // loop has stopped.
+    thread_wrapper_t* busy = spawn_event(103);
+    ASSERT_NE(nullptr, busy);
+    std::atomic<bool> gate(false), inside(false);
+    ASSERT_EQ(RESULT_SUCCESS, busy->post_ctrl_msg(new fn_msg_t([&] {
+                                                      inside = true;
+                                                      util_test::wait_until("the gate to open",
+                                                                            [&] { return gate.load(); });
+                                                  }),
+                                                  nullptr));
+    UTIL_WAIT_UNTIL([&] { return inside.load(); });
+    std::atomic<int> ran(0);
+    for (;;) {
+        fn_msg_t* m = new fn_msg_t([&] { ++ran; });
+        if (busy->post_ctrl_msg(m, nullptr) != RESULT_SUCCESS) {
+            m->release();
+            break;
+        }
+    }
+    std::atomic<int> stop_rv(-1);
+    std::thread stopper([&] { stop_rv = busy->stop(); });
+    UTIL_WAIT_UNTIL([&] { return m_log.contains("the loop stops at its next pass"); });
+    gate = true;
+    stopper.join();
+    EXPECT_EQ(RESULT_SUCCESS, stop_rv.load());
+    EXPECT_TRUE(busy->is_stopped());
+}
+
+}  // namespace
