@@ -3,6 +3,8 @@
 // side in thread_timer.cpp.
 #include "thread.h"
 
+#include <memory>
+
 #include "notifier.h"
 #include "platform/platform.h"
 #include "thread_identity.h"
@@ -15,6 +17,49 @@ namespace ssb {
 namespace {
 
 const char SOURCE_PATH[] = "thread";
+
+// Carries a sent message and records that it ran: a stop drops queued
+// messages unrun, and the sender must not take that for success. The flag
+// is shared, as a sender whose wait timed out may leave before it runs.
+class ran_msg_t : public msg_it {
+public:
+    ran_msg_t(msg_it* inner, std::shared_ptr<std::atomic<bool>> ran)
+        : msg_it(inner->get_type(), inner->load(), MSG_TIMEOUT_NEVER, inner->is_lockable()),
+          m_inner(inner),
+          m_ran(std::move(ran)) {}
+    void on_message() override {
+        m_ran->store(true, std::memory_order_release);
+        m_inner->on_message();
+    }
+    // A send refused before the hand-over leaves the message the caller's.
+    void disown() { m_inner = nullptr; }
+
+protected:
+    ~ran_msg_t() override {
+        if (m_inner)
+            m_inner->release();
+    }
+
+private:
+    msg_it* m_inner;
+    std::shared_ptr<std::atomic<bool>> m_ran;
+};
+
+// Sends `msg` through `queue` and waits: the queue's result, or 9 when the
+// message was released without running (its thread stopped first).
+int send_tracked(w_msg_queue_it* queue, msg_it* msg, msg_queue_sink_it* sink, int timeout) {
+    if (!msg)
+        return queue->send_msg(msg, sink, timeout);
+    std::shared_ptr<std::atomic<bool>> ran = std::make_shared<std::atomic<bool>>(false);
+    ran_msg_t* carrier = new ran_msg_t(msg, ran);
+    const int rv = queue->send_msg(carrier, sink, timeout);
+    if (rv != RESULT_SUCCESS && rv != RESULT_BUSY) {
+        carrier->disown();
+        carrier->release();
+        return rv;
+    }
+    return rv == RESULT_SUCCESS && !ran->load(std::memory_order_acquire) ? RESULT_NOTHING_TO_DO : rv;
+}
 
 // A synchronous wait of the calling thread for `target`, refused (12, with
 // an assertion line) when `target` already waits for the caller, directly
@@ -455,7 +500,7 @@ int thread_wrapper_t::send_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
     if (!queue)
         return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
     wait_for_t wait("thread_wrapper_t::send_msg_i", target);
-    return wait.refused() ? wait.refused() : queue->send_msg(msg, sink, timeout);
+    return wait.refused() ? wait.refused() : send_tracked(queue, msg, sink, timeout);
 }
 
 int thread_wrapper_t::post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink) {
@@ -477,7 +522,7 @@ int thread_wrapper_t::send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int ti
         return RESULT_INVALID_ARG;
     }
     wait_for_t wait("thread_wrapper_t::send_ctrl_msg", this);
-    return wait.refused() ? wait.refused() : m_parts->ctrl_queue->send_msg(msg, sink, timeout);
+    return wait.refused() ? wait.refused() : send_tracked(m_parts->ctrl_queue.get(), msg, sink, timeout);
 }
 
 // ---- parked messages ------------------------------------------------------------
