@@ -77,6 +77,12 @@ public:
     // Calls every registered sink with 0, in registration order, and forgets
     // them. Runs on the writer's thread.
     void on_sink();
+    // Beyond the described interface (unregister_sink leaves a sink listed
+    // until the next wake-up): removes `sink` so it is never called again.
+    // When a call to it is under way on the writer's thread, returns after
+    // that call (at once from inside the call-back itself). Any thread. 0,
+    // 5 when not listed, 2 for null.
+    int withdraw_sink(msg_queue_sink_it* sink);
     // Hands the sink wake-up to `writer`'s thread when a writer found the
     // queue full: 0, 9 when that thread has stopped, 12 without a thread.
     int lanuch_on_sink(thread_wrapper_t* writer);
@@ -119,6 +125,11 @@ protected:
     std::atomic<uint32_t> m_status;
     std::atomic<notifier_it*> m_reader;
     std::list<msg_queue_sink_it*> m_sinks UTIL_GUARDED_BY(m_lock);
+    // The sinks of the wake-up under way, and the one being called now (on
+    // the thread m_calling_tid), which the lock is not held across.
+    std::list<msg_queue_sink_it*> m_firing UTIL_GUARDED_BY(m_lock);
+    msg_queue_sink_it* m_calling UTIL_GUARDED_BY(m_lock) = nullptr;
+    unsigned int m_calling_tid UTIL_GUARDED_BY(m_lock) = 0;
     // Messages in the ring, counted by both sides to decide the wake-up
     // when writers signal only an empty queue.
     std::atomic<uint32_t> m_queued;

@@ -217,13 +217,43 @@ int msg_queue_base_t::sink_op(msg_queue_sink_it* sink, bool add) {
 void msg_queue_base_t::on_sink() {
     UTIL_LOG(LOG_INFO,
              "msg_queue_base_t::on_sink(), m_status = " << status() << ", this = " << static_cast<void*>(this));
+    // The sinks are called without the queue's lock, so a sink may do
+    // anything a message may (post, send, stop the reader) without meeting
+    // the reader on that lock. A sink that registers again from its
+    // call-back waits for the next wake-up.
+    m_lock.acquire();
+    m_firing.splice(m_firing.end(), m_sinks);
+    while (!m_firing.empty()) {
+        msg_queue_sink_it* sink = m_firing.front();
+        m_firing.pop_front();
+        m_calling = sink;
+        m_calling_tid = get_cur_tid();
+        m_lock.release();
+        sink->on_queue_room(0);
+        m_lock.acquire();
+        m_calling = nullptr;
+        m_calling_tid = 0;
+    }
+    m_lock.release();
+}
+
+int msg_queue_base_t::withdraw_sink(msg_queue_sink_it* sink) {
+    if (!sink)
+        return refuse_null(__LINE__);
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    // A sink may register again from its call-back; it then waits for the
-    // next wake-up.
-    std::list<msg_queue_sink_it*> sinks;
-    sinks.swap(m_sinks);
-    for (msg_queue_sink_it* s : sinks)
-        s->on_queue_room(0);
+    const size_t before = m_sinks.size() + m_firing.size();
+    m_sinks.remove(sink);
+    m_firing.remove(sink);
+    bool found = m_sinks.size() + m_firing.size() != before;
+    // A call already under way on the writer's thread ends before this
+    // returns, unless this runs inside that call-back.
+    while (m_calling == sink && m_calling_tid != get_cur_tid()) {
+        found = true;
+        m_lock.release();
+        thread_yield();
+        m_lock.acquire();
+    }
+    return found || m_calling == sink ? RESULT_SUCCESS : RESULT_NOT_FOUND;
 }
 
 int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {

@@ -435,3 +435,72 @@ TEST_F(Threads, ASendDroppedUnrunByAStopReports9NotSuccess) {
 }
 
 }  // namespace
+
+namespace {
+
+// Keeps a channel full and, each time there is room, also talks to the
+// reader synchronously: the pattern that met the reader on the queue's lock
+// when sinks were called under it.
+class chatty_writer_t : public msg_queue_sink_it {
+public:
+    chatty_writer_t(thread_wrapper_t* reader, int rounds) : m_reader(reader), m_rounds(rounds) {}
+    void fill() {
+        for (;;) {
+            fn_msg_t* m = new fn_msg_t([] {});
+            if (m_reader->post_msg(m, this) != RESULT_SUCCESS) {
+                m->release();
+                return;
+            }
+        }
+    }
+    void on_queue_room(int) override {
+        if (++m_calls > m_rounds)
+            return;
+        fill();
+        m_sent_rv = m_reader->send_ctrl_msg(new fn_msg_t([] {}), nullptr, -1);
+    }
+    thread_wrapper_t* m_reader;
+    int m_rounds;
+    std::atomic<int> m_calls{0};
+    std::atomic<int> m_sent_rv{-1};
+};
+
+TEST_F(Threads, ASinkMayTalkToTheReaderSynchronously) {
+    thread_wrapper_t* writer = spawn_event(106);
+    thread_wrapper_t* reader = spawn_event(107);
+    ASSERT_TRUE(writer && reader);
+    ASSERT_EQ(RESULT_SUCCESS, writer->create_channel(reader, 8, 8));
+    chatty_writer_t chat(reader, 200);
+    run_on(writer, [&] { chat.fill(); });
+    UTIL_WAIT_UNTIL([&] { return chat.m_calls.load() > chat.m_rounds; });
+    EXPECT_EQ(RESULT_SUCCESS, chat.m_sent_rv.load());
+}
+
+TEST_F(Threads, AWithdrawnSinkIsNeverCalledAgain) {
+    thread_wrapper_t* writer = spawn_event(108);
+    ASSERT_NE(nullptr, writer);
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
+    struct count_t : msg_queue_sink_it {
+        void on_queue_room(int) override { ++calls; }
+        std::atomic<int> calls{0};
+    } kept, withdrawn;
+    run_on(writer, [&] {
+        msg_queue_sink_it* sinks[] = {&kept, &withdrawn};
+        for (msg_queue_sink_it* sink : sinks) {
+            fn_msg_t* m = new fn_msg_t([] {});
+            while (m_main->post_msg(m, sink) == RESULT_SUCCESS)
+                m = new fn_msg_t([] {});
+            m->release();
+        }
+        msg_queue_base_t* queue = dynamic_cast<msg_queue_base_t*>(writer->get_write_msgq(m_main));
+        ASSERT_NE(nullptr, queue);
+        EXPECT_EQ(RESULT_SUCCESS, queue->withdraw_sink(&withdrawn));
+        EXPECT_EQ(RESULT_NOT_FOUND, queue->withdraw_sink(&withdrawn));
+    });
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());  // drains: the wake-up goes back to the writer
+    UTIL_WAIT_UNTIL([&] { return kept.calls.load() == 1; });
+    run_on(writer, [] {});
+    EXPECT_EQ(0, withdrawn.calls.load());
+}
+
+}  // namespace
