@@ -4,6 +4,7 @@
 #include <list>
 #include <vector>
 
+#include "notifier.h"
 #include "ref_holder.h"
 #include "singleton.h"
 #include "thread_event.h"
@@ -200,8 +201,13 @@ thread_wrapper_t* thread_mgr_t::spawn(unsigned int mode, unsigned int w_queue_si
         else
             loop = new thread_io_t(mode, type, w_queue_size, this, 1, interact_timer, thr_name);
         thr = thread_ref_t(loop);
-        // Before the thread starts, so channels made at once can wake it.
+        // Before the thread starts, so channels made at once can wake it. A
+        // loop that cannot be woken could never run a message nor stop.
         loop->open_notifier(1);
+        if (!loop->get_notifier() || !loop->get_notifier()->is_active()) {
+            UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn failed to open the wake-up notifier, this = " << log_ptr(this));
+            return nullptr;
+        }
         if (loop->start(nullptr, nullptr, 0, 0) == 0) {
             UTIL_LOG(LOG_ERROR, "thread_mgr_t::spawn start thread failed, this = " << log_ptr(this));
             return nullptr;

@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "notifier.h"
+#include "platform/platform.h"
 #include "test_log_support.h"
 #include "test_support.h"
 #include "test_thread_support.h"
@@ -176,6 +177,26 @@ TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
     EXPECT_TRUE(m_log.contains("has been not supported"));
     EXPECT_EQ(RESULT_NOTHING_TO_DO, io->stop());
     io->decrement();
+}
+
+}  // namespace
+
+namespace {
+
+TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
+    if (!ssb::plat::descriptor_limit_supported())
+        GTEST_SKIP() << "this system has no descriptor limit to lower";
+    const unsigned long saved = ssb::plat::descriptor_limit();
+    const int first_free = ssb::plat::lowest_free_descriptor();
+    ASSERT_GT(first_free, 0);
+    // No descriptor left: the I/O thread's socket-pair notifier cannot open.
+    ASSERT_EQ(0, ssb::plat::set_descriptor_limit(static_cast<unsigned long>(first_free)));
+    ssb::thread_wrapper_t* io = m_mgr->spawn(ssb::THREAD_MODE_IO, 256, 110, false, nullptr, 0xFFFFFFFFu);
+    ASSERT_EQ(0, ssb::plat::set_descriptor_limit(saved));
+    EXPECT_EQ(nullptr, io);
+    EXPECT_TRUE(m_log.contains("failed to open the wake-up notifier"));
+    EXPECT_EQ(first_free, ssb::plat::lowest_free_descriptor()) << "a descriptor was left behind";
+    EXPECT_EQ(nullptr, m_mgr->find_by_type(110));
 }
 
 }  // namespace

@@ -10,6 +10,8 @@
 #include <stdio.h>
 #include <stdint.h>
 
+#include "util_def.h"
+
 namespace ssb {
 namespace plat {
 
@@ -257,6 +259,15 @@ wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_
 // Whether an anonymous pipe's read end may join socket_wait_any: true on
 // POSIX; false on Windows, whose select takes sockets only.
 bool pipe_waitable();
+
+// ---- descriptor limits (fault injection in tests; exported for them) ------
+// Whether this system has a per-process descriptor limit a test may lower.
+UTIL_API bool descriptor_limit_supported();
+// The lowest free descriptor number now; -1 where there is none.
+UTIL_API int lowest_free_descriptor();
+// Sets the soft limit on open descriptors: 0 or the OS error number.
+UTIL_API int set_descriptor_limit(unsigned long limit);
+UTIL_API unsigned long descriptor_limit();
 
 // ---- sockets and pipes ------------------------------------------------------
 // Functions returning int give 0 or the OS error number (WSAGetLastError on
