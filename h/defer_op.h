@@ -54,8 +54,11 @@ private:
 };
 
 // What a queue asks of its writer's loop without knowing the thread layer:
-// whether it still runs (a stopped writer gets no wake-up).
+// whether it still runs (a stopped writer gets no wake-up), and to keep a
+// sink wake-up that found the loop's control queue full, to run at its next
+// pass (0, 9 when the loop has stopped).
 UTIL_API bool loop_is_running(const thread_wrapper_t* thr);
+UTIL_API int loop_hold_sink_wakeup(thread_wrapper_t* thr, msg_queue_base_t* queue);
 
 }  // namespace ssb
 

@@ -180,6 +180,11 @@ public:
     const std::string& name() const { return m_name; }
     unsigned int queue_size() const { return m_queue_size; }
 
+    // [any thread] Keeps a queue's sink wake-up that could not be posted
+    // (the control queue was full) and runs it at the next pass, on this
+    // thread. 0, 9 when this thread has stopped.
+    int hold_sink_wakeup(msg_queue_base_t* queue);
+
     // [any thread] Stops the loop without waiting for it: the stop runs at
     // its next pass.
     // For threads whose loop the caller cannot count on (a wrapped thread
@@ -216,6 +221,8 @@ private:
     w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);
     // The stop that cannot fail: a flag the next pass reads, and a wake-up.
     void request_stop_by_flag();
+    // Runs the sink wake-ups held by hold_sink_wakeup. Loop thread.
+    void run_held_wakeups();
     // Runs or drops one popped message; the load it counts.
     unsigned int run_msg(msg_it* msg, bool control);
     void drain_all();

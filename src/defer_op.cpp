@@ -61,4 +61,8 @@ void on_sink_oper::execute() {
 
 bool loop_is_running(const thread_wrapper_t* thr) { return thr && thr->is_running(); }
 
+int loop_hold_sink_wakeup(thread_wrapper_t* thr, msg_queue_base_t* queue) {
+    return thr && queue ? thr->hold_sink_wakeup(queue) : RESULT_INVALID_ARG;
+}
+
 }  // namespace ssb

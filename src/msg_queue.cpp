@@ -273,7 +273,10 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
                                                                           << static_cast<void*>(this));
         return RESULT_NOTHING_TO_DO;
     }
-    deferred_msg_op_t::launch(writer, new on_sink_oper(this));
+    // A wake-up must not be lost to a full control queue: the writer's loop
+    // then keeps it aside and runs it at its next pass.
+    if (deferred_msg_op_t::launch(writer, new on_sink_oper(this)) == RESULT_QUEUE_FULL)
+        loop_hold_sink_wakeup(writer, this);
     return RESULT_SUCCESS;
 }
 

@@ -270,6 +270,8 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
         m_pass_end = PASS_IDLE;
         return 0;
     }
+    if (m_parts->has_held_wakeups.load(std::memory_order_acquire))
+        run_held_wakeups();
     channel_map_t& channels = m_parts->channels;
     channels.free_retired();
     const unsigned int bound = max < THREAD_PASS_LOAD ? max : THREAD_PASS_LOAD;
@@ -306,6 +308,27 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
         drain_all();
     m_pass_end = total < THREAD_PASS_LOAD ? PASS_IDLE : PASS_BUSY;
     return total;
+}
+
+int thread_wrapper_t::hold_sink_wakeup(msg_queue_base_t* queue) {
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    if (is_stopped())
+        return RESULT_NOTHING_TO_DO;
+    m_parts->held_wakeups.push_back(ref_holder_t<msg_queue_base_t>(queue));
+    m_parts->has_held_wakeups.store(true, std::memory_order_release);
+    notify();
+    return RESULT_SUCCESS;
+}
+
+void thread_wrapper_t::run_held_wakeups() {
+    std::vector<ref_holder_t<msg_queue_base_t>> due;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        due.swap(m_parts->held_wakeups);
+        m_parts->has_held_wakeups.store(false, std::memory_order_relaxed);
+    }
+    for (const ref_holder_t<msg_queue_base_t>& queue : due)
+        queue->on_sink();
 }
 
 // ---- stopping ------------------------------------------------------------------

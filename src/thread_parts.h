@@ -89,6 +89,10 @@ struct thread_wrapper_t::parts_t {
     // Signalled once the loop has stopped, for a stopper that could not
     // hand over its message and so waits here.
     event_t stopped{true, false};
+    // Sink wake-ups that found the control queue full; any thread adds
+    // under the loop's lock, the pass runs them.
+    std::vector<ref_holder_t<msg_queue_base_t>> held_wakeups;
+    std::atomic<bool> has_held_wakeups{false};
     channel_map_t channels;
     parked_msg_t parked;
     timer_drive_t timer;

@@ -504,3 +504,50 @@ TEST_F(Threads, AWithdrawnSinkIsNeverCalledAgain) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(Threads, ASinkWakeUpSurvivesTheWritersFullControlQueue) {
+    thread_wrapper_t* writer = spawn_event(109);
+    ASSERT_NE(nullptr, writer);
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
+    struct sink_t : msg_queue_sink_it {
+        void on_queue_room(int) override {
+            tid = get_cur_tid();
+            ++calls;
+        }
+        std::atomic<int> calls{0};
+        std::atomic<unsigned int> tid{0};
+    } sink;
+    std::atomic<bool> gate(false), inside(false);
+    // The writer fills its channel to the main thread, then blocks.
+    ASSERT_EQ(RESULT_SUCCESS, writer->post_ctrl_msg(new fn_msg_t([&] {
+                                                        fn_msg_t* m = new fn_msg_t([] {});
+                                                        while (m_main->post_msg(m, &sink) == RESULT_SUCCESS)
+                                                            m = new fn_msg_t([] {});
+                                                        m->release();
+                                                        inside = true;
+                                                        util_test::wait_until("the gate to open",
+                                                                              [&] { return gate.load(); });
+                                                    }),
+                                                    nullptr));
+    UTIL_WAIT_UNTIL([&] { return inside.load(); });
+    // Its control queue fills up meanwhile.
+    for (;;) {
+        fn_msg_t* m = new fn_msg_t([] {});
+        if (writer->post_ctrl_msg(m, nullptr) != RESULT_SUCCESS) {
+            m->release();
+            break;
+        }
+    }
+    // The main thread drains the channel: the wake-up finds no room.
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
+    EXPECT_TRUE(m_log.contains("deferred_msg_op_t::launch failed"));
+    gate = true;
+    UTIL_WAIT_UNTIL([&] { return sink.calls.load() == 1; });
+    EXPECT_EQ(writer->get_id(), sink.tid.load());
+    run_on(writer, [] {});
+    EXPECT_EQ(1, sink.calls.load());
+}
+
+}  // namespace
