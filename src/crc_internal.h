@@ -1,0 +1,54 @@
+// Internals of the CRC family shared by crc.cpp, crc_x86.cpp and the tests:
+// the selectable paths and the carry-less multiply folding kernels.
+#ifndef SSB_CRC_INTERNAL_H
+#define SSB_CRC_INTERNAL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "util_def.h"
+
+namespace ssb {
+namespace crc_detail {
+
+enum crc_path_t {
+    CRC_PATH_BYTE,      // one table lookup per byte: the reference
+    CRC_PATH_SLICE,     // 16 bytes per step through 16 tables; any CPU
+    CRC_PATH_CLMUL128,  // PCLMULQDQ folding, 4 x 128-bit accumulators
+    CRC_PATH_CLMUL512,  // VPCLMULQDQ folding, 4 x 512-bit accumulators
+    CRC_PATH_COUNT
+};
+
+// Whether this CPU (and its OS, for the vector state) can run `path`.
+UTIL_API bool path_supported(crc_path_t path);
+// The path both CRCs take now.
+UTIL_API crc_path_t current_path();
+// Test seam, not part of the public interface: every later call of both
+// CRCs takes `path`. False, and nothing changed, when it is unsupported.
+UTIL_API bool force_path(crc_path_t path);
+// Back to the fastest path this machine supports.
+UTIL_API void reset_path();
+
+// Folding constants for one polynomial, each pair (x^(D+63) mod P,
+// x^(D-1) mod P) bit-reflected into 64 bits, for a fold over D bits.
+struct fold_keys_t {
+    uint64_t k128[2];
+    uint64_t k512[2];
+    uint64_t k2048[2];
+};
+
+bool cpu_has_clmul128();
+bool cpu_has_clmul512();
+
+// Fold a reflected CRC's message (its running value `crc` XORed into the
+// first bytes) down to 16 bytes whose CRC from 0 equals the CRC of the
+// consumed prefix from `crc`. Return the bytes consumed, a multiple of 16;
+// the caller finishes with a table path. fold_clmul128 needs n >= 64,
+// fold_clmul512 n >= 256.
+size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
+size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
+
+}  // namespace crc_detail
+}  // namespace ssb
+
+#endif
