@@ -27,12 +27,14 @@ struct cpu_features_t {
     bool clmul512;
 };
 
+#  if defined(__x86_64__)
 // XCR0: which register states the OS saves on a context switch.
 uint64_t read_xcr0() {
     uint32_t eax = 0, edx = 0;
     __asm__ volatile("xgetbv" : "=a"(eax), "=d"(edx) : "c"(0));
     return static_cast<uint64_t>(edx) << 32 | eax;
 }
+#  endif
 
 cpu_features_t detect() {
     cpu_features_t f = {false, false};
