@@ -17,8 +17,8 @@ const uint32_t CRC32_POLY = 0xEDB88320u;
 const uint16_t CRC16_POLY = 0xA001u;
 
 // Thresholds below which folding does not pay for its set-up and finish.
-const size_t CLMUL128_MIN = 64;
-const size_t CLMUL512_MIN = 1024;
+const size_t CLMUL128_MIN = 32;
+const size_t CLMUL512_MIN = 256;
 
 template <class T>
 constexpr T byte_step(T crc, T poly) {
@@ -71,9 +71,12 @@ constexpr uint64_t fold_key(unsigned n, uint64_t reflected_poly, unsigned degree
 }
 
 constexpr fold_keys_t make_fold_keys(uint64_t reflected_poly, unsigned degree) {
-    return fold_keys_t{{fold_key(128 + 63, reflected_poly, degree), fold_key(128 - 1, reflected_poly, degree)},
-                       {fold_key(512 + 63, reflected_poly, degree), fold_key(512 - 1, reflected_poly, degree)},
-                       {fold_key(2048 + 63, reflected_poly, degree), fold_key(2048 - 1, reflected_poly, degree)}};
+    fold_keys_t keys{};
+    for (unsigned i = 1; i <= 16; ++i) {
+        keys.k[i][0] = fold_key(128 * i + 63, reflected_poly, degree);
+        keys.k[i][1] = fold_key(128 * i - 1, reflected_poly, degree);
+    }
+    return keys;
 }
 
 constexpr fold_keys_t CRC32_KEYS = make_fold_keys(CRC32_POLY, 32);
@@ -98,6 +101,22 @@ T slice16(T crc, const unsigned char* p, size_t n, const T (*t)[256]) {
                              t[3][d & 0xFF] ^ t[2][d >> 8 & 0xFF] ^ t[1][d >> 16 & 0xFF] ^ t[0][d >> 24]);
         p += 16;
         n -= 16;
+    }
+    // A short tail in 8- and 4-byte steps: one byte at a time is a chain of
+    // dependent lookups, slow enough to show at packet sizes.
+    if (n >= 8) {
+        const uint32_t a = load_le32(p) ^ crc;
+        const uint32_t b = load_le32(p + 4);
+        crc = static_cast<T>(t[7][a & 0xFF] ^ t[6][a >> 8 & 0xFF] ^ t[5][a >> 16 & 0xFF] ^ t[4][a >> 24] ^
+                             t[3][b & 0xFF] ^ t[2][b >> 8 & 0xFF] ^ t[1][b >> 16 & 0xFF] ^ t[0][b >> 24]);
+        p += 8;
+        n -= 8;
+    }
+    if (n >= 4) {
+        const uint32_t a = load_le32(p) ^ crc;
+        crc = static_cast<T>(t[3][a & 0xFF] ^ t[2][a >> 8 & 0xFF] ^ t[1][a >> 16 & 0xFF] ^ t[0][a >> 24]);
+        p += 4;
+        n -= 4;
     }
     while (n--)
         crc = static_cast<T>((crc >> 8) ^ t[0][(crc ^ *p++) & 0xFF]);

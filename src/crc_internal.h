@@ -29,12 +29,11 @@ UTIL_API bool force_path(crc_path_t path);
 // Back to the fastest path this machine supports.
 UTIL_API void reset_path();
 
-// Folding constants for one polynomial, each pair (x^(D+63) mod P,
-// x^(D-1) mod P) bit-reflected into 64 bits, for a fold over D bits.
+// Folding constants for one polynomial: k[i] moves a 16-byte block
+// D = 128 * i bits further (i = 1..16), as the pair (x^(D+63) mod P,
+// x^(D-1) mod P), each bit-reflected into 64 bits. k[0] is unused.
 struct fold_keys_t {
-    uint64_t k128[2];
-    uint64_t k512[2];
-    uint64_t k2048[2];
+    uint64_t k[17][2];
 };
 
 bool cpu_has_clmul128();
@@ -43,7 +42,7 @@ bool cpu_has_clmul512();
 // Fold a reflected CRC's message (its running value `crc` XORed into the
 // first bytes) down to 16 bytes whose CRC from 0 equals the CRC of the
 // consumed prefix from `crc`. Return the bytes consumed, a multiple of 16;
-// the caller finishes with a table path. fold_clmul128 needs n >= 64,
+// the caller finishes with a table path. fold_clmul128 needs n >= 16,
 // fold_clmul512 n >= 256.
 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);

@@ -70,16 +70,29 @@ const cpu_features_t& features() {
 
 #  define SSB_TARGET_128 __attribute__((target("sse2,pclmul")))
 
-SSB_TARGET_128 inline __m128i keys128(const uint64_t k[2]) {
-    return _mm_set_epi64x(static_cast<long long>(k[1]), static_cast<long long>(k[0]));
+SSB_TARGET_128 inline __m128i key128(const fold_keys_t& keys, unsigned i) {
+    return _mm_set_epi64x(static_cast<long long>(keys.k[i][1]), static_cast<long long>(keys.k[i][0]));
 }
 
-SSB_TARGET_128 inline __m128i fold128(__m128i x, __m128i keys, __m128i next) {
-    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, keys, 0x00), _mm_clmulepi64_si128(x, keys, 0x11)), next);
+// x moved D bits further, D given by the key; congruent, not reduced.
+SSB_TARGET_128 inline __m128i shift128(__m128i x, __m128i key) {
+    return _mm_xor_si128(_mm_clmulepi64_si128(x, key, 0x00), _mm_clmulepi64_si128(x, key, 0x11));
 }
 
 SSB_TARGET_128 inline __m128i load128(const unsigned char* p) {
     return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+// x followed by the m (0..7) whole blocks at p, reduced to one block. The
+// shifts are independent, so they overlap instead of queuing behind one
+// another.
+SSB_TARGET_128 inline __m128i absorb_blocks(const fold_keys_t& keys, __m128i x, const unsigned char* p, size_t m) {
+    if (!m)
+        return x;
+    __m128i acc = shift128(x, key128(keys, static_cast<unsigned>(m)));
+    for (size_t i = 0; i + 1 < m; ++i)
+        acc = _mm_xor_si128(acc, shift128(load128(p + 16 * i), key128(keys, static_cast<unsigned>(m - 1 - i))));
+    return _mm_xor_si128(acc, load128(p + 16 * (m - 1)));
 }
 
 }  // namespace
@@ -87,34 +100,39 @@ SSB_TARGET_128 inline __m128i load128(const unsigned char* p) {
 bool cpu_has_clmul128() { return features().clmul128; }
 bool cpu_has_clmul512() { return features().clmul512; }
 
+// Eight accumulators 128 bytes apart: enough independent multiplies in
+// flight to cover the multiplier's latency.
 SSB_TARGET_128 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
                                     unsigned char out[16]) {
     const unsigned char* const start = p;
-    __m128i x0 = _mm_xor_si128(load128(p), _mm_cvtsi32_si128(static_cast<int>(crc)));
-    __m128i x1 = load128(p + 16);
-    __m128i x2 = load128(p + 32);
-    __m128i x3 = load128(p + 48);
-    p += 64;
-    n -= 64;
-    const __m128i k512 = keys128(keys.k512);
-    while (n >= 64) {
-        x0 = fold128(x0, k512, load128(p));
-        x1 = fold128(x1, k512, load128(p + 16));
-        x2 = fold128(x2, k512, load128(p + 32));
-        x3 = fold128(x3, k512, load128(p + 48));
-        p += 64;
-        n -= 64;
-    }
-    const __m128i k128 = keys128(keys.k128);
-    x0 = fold128(x0, k128, x1);
-    x0 = fold128(x0, k128, x2);
-    x0 = fold128(x0, k128, x3);
-    while (n >= 16) {
-        x0 = fold128(x0, k128, load128(p));
+    const __m128i first = _mm_cvtsi32_si128(static_cast<int>(crc));
+    __m128i x;
+    if (n >= 128) {
+        __m128i a[8];
+        for (int i = 0; i < 8; ++i)
+            a[i] = load128(p + 16 * i);
+        a[0] = _mm_xor_si128(a[0], first);
+        p += 128;
+        n -= 128;
+        const __m128i k8 = key128(keys, 8);
+        while (n >= 128) {
+            for (int i = 0; i < 8; ++i)
+                a[i] = _mm_xor_si128(shift128(a[i], k8), load128(p + 16 * i));
+            p += 128;
+            n -= 128;
+        }
+        x = a[7];
+        for (int i = 0; i < 7; ++i)
+            x = _mm_xor_si128(x, shift128(a[i], key128(keys, static_cast<unsigned>(7 - i))));
+    } else {
+        x = _mm_xor_si128(load128(p), first);
         p += 16;
         n -= 16;
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x0);
+    const size_t m = n / 16;
+    x = absorb_blocks(keys, x, p, m);
+    p += 16 * m;
+    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
     return static_cast<size_t>(p - start);
 }
 
@@ -124,71 +142,72 @@ SSB_TARGET_128 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const
 
 namespace {
 
-SSB_TARGET_512 inline __m512i fold512(__m512i x, __m512i keys, __m512i next) {
-    // 0x96: three-way XOR.
-    return _mm512_ternarylogic_epi64(_mm512_clmulepi64_epi128(x, keys, 0x00), _mm512_clmulepi64_epi128(x, keys, 0x11),
-                                     next, 0x96);
+SSB_TARGET_512 inline __m512i key512(const fold_keys_t& keys, unsigned i) {
+    const long long lo = static_cast<long long>(keys.k[i][0]);
+    const long long hi = static_cast<long long>(keys.k[i][1]);
+    return _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo);
+}
+
+// 0x96: three-way XOR.
+SSB_TARGET_512 inline __m512i xor3(__m512i a, __m512i b, __m512i c) { return _mm512_ternarylogic_epi64(a, b, c, 0x96); }
+
+SSB_TARGET_512 inline __m512i fold512(__m512i x, __m512i key, __m512i next) {
+    return xor3(_mm512_clmulepi64_epi128(x, key, 0x00), _mm512_clmulepi64_epi128(x, key, 0x11), next);
+}
+
+SSB_TARGET_512 inline __m512i shift512(__m512i x, __m512i key) {
+    return _mm512_xor_si512(_mm512_clmulepi64_epi128(x, key, 0x00), _mm512_clmulepi64_epi128(x, key, 0x11));
 }
 
 SSB_TARGET_512 inline __m512i load512(const unsigned char* p) { return _mm512_loadu_si512(p); }
 
-SSB_TARGET_512 inline __m512i keys512(const uint64_t k[2]) {
-    const long long lo = static_cast<long long>(k[0]);
-    const long long hi = static_cast<long long>(k[1]);
-    return _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo);
-}
-
-// The zero-masked form: GCC 12 warns about the undefined source of the
-// plain extract.
-template <int LANE>
-SSB_TARGET_512 inline __m128i lane(__m512i z) {
-    return _mm512_maskz_extracti32x4_epi32(0xF, z, LANE);
-}
-
-SSB_TARGET_512 inline __m128i fold128_vex(__m128i x, __m128i keys, __m128i next) {
-    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, keys, 0x00), _mm_clmulepi64_si128(x, keys, 0x11)), next);
-}
-
 }  // namespace
 
+// Four 512-bit accumulators 256 bytes apart; the four 16-byte lanes of the
+// last one are folded together in one multiply with a key per lane.
 SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
                                     unsigned char out[16]) {
     const unsigned char* const start = p;
-    const __m512i first = _mm512_inserti32x4(_mm512_setzero_si512(), _mm_cvtsi32_si128(static_cast<int>(crc)), 0);
+    // Zero-masked forms throughout: GCC 12 warns about the undefined source
+    // of the plain insert and extract.
+    const __m512i first = _mm512_maskz_broadcast_i32x4(0x000F, _mm_cvtsi32_si128(static_cast<int>(crc)));
     __m512i z0 = _mm512_xor_si512(load512(p), first);
     __m512i z1 = load512(p + 64);
     __m512i z2 = load512(p + 128);
     __m512i z3 = load512(p + 192);
     p += 256;
     n -= 256;
-    const __m512i k2048 = keys512(keys.k2048);
+    const __m512i k16 = key512(keys, 16);
     while (n >= 256) {
-        z0 = fold512(z0, k2048, load512(p));
-        z1 = fold512(z1, k2048, load512(p + 64));
-        z2 = fold512(z2, k2048, load512(p + 128));
-        z3 = fold512(z3, k2048, load512(p + 192));
+        z0 = fold512(z0, k16, load512(p));
+        z1 = fold512(z1, k16, load512(p + 64));
+        z2 = fold512(z2, k16, load512(p + 128));
+        z3 = fold512(z3, k16, load512(p + 192));
         p += 256;
         n -= 256;
     }
-    const __m512i k512 = keys512(keys.k512);
-    z0 = fold512(z0, k512, z1);
-    z0 = fold512(z0, k512, z2);
-    z0 = fold512(z0, k512, z3);
+    __m512i z = xor3(shift512(z0, key512(keys, 12)), shift512(z1, key512(keys, 8)), shift512(z2, key512(keys, 4)));
+    z = _mm512_xor_si512(z, z3);
+    const __m512i k4 = key512(keys, 4);
     while (n >= 64) {
-        z0 = fold512(z0, k512, load512(p));
+        z = fold512(z, k4, load512(p));
         p += 64;
         n -= 64;
     }
-    const __m128i k128 = _mm_set_epi64x(static_cast<long long>(keys.k128[1]), static_cast<long long>(keys.k128[0]));
-    __m128i x = lane<0>(z0);
-    x = fold128_vex(x, k128, lane<1>(z0));
-    x = fold128_vex(x, k128, lane<2>(z0));
-    x = fold128_vex(x, k128, lane<3>(z0));
-    while (n >= 16) {
-        x = fold128_vex(x, k128, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-        p += 16;
-        n -= 16;
-    }
+    // Lanes 0, 1, 2 move 48, 32, 16 bytes on; lane 3 stays (its key is 0
+    // and it is added back unmoved).
+    const __m512i lane_keys =
+        _mm512_set_epi64(0, 0, static_cast<long long>(keys.k[1][1]), static_cast<long long>(keys.k[1][0]),
+                         static_cast<long long>(keys.k[2][1]), static_cast<long long>(keys.k[2][0]),
+                         static_cast<long long>(keys.k[3][1]), static_cast<long long>(keys.k[3][0]));
+    const __m512i t = xor3(_mm512_clmulepi64_epi128(z, lane_keys, 0x00), _mm512_clmulepi64_epi128(z, lane_keys, 0x11),
+                           _mm512_maskz_mov_epi64(0xC0, z));
+    const __m256i y =
+        _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, t, 0), _mm512_maskz_extracti64x4_epi64(0xF, t, 1));
+    __m128i x = _mm_xor_si128(_mm256_castsi256_si128(y), _mm256_extracti128_si256(y, 1));
+    const size_t m = n / 16;
+    x = absorb_blocks(keys, x, p, m);
+    p += 16 * m;
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
     return static_cast<size_t>(p - start);
 }
