@@ -4,8 +4,9 @@
 //
 // Groups: "crc32_hot" runs one buffer that stays in cache; "crc32_stream"
 // walks a 64 MiB buffer so every call reads memory the cache has lost.
-// "crc32_clmul128_*" and "crc32_portable_*" force our 128-bit folding and
-// our table path, to compare each with the peers it has to beat.
+// "crc32_clmul128_*" (VEX encoding), "crc32_clmul128_sse_*" (for CPUs
+// without AVX) and "crc32_portable_*" force our 128-bit folding and our table
+// path, to compare each with the peers it has to beat.
 // util-bench-peers: zlib deflate isal crcutil
 #include <isa-l/crc.h>
 #include <libdeflate.h>
@@ -124,8 +125,10 @@ int register_all() {
         add(g + "/libdeflate", deflate32, mode, -1);
         add(g + "/isa-l", isal32, mode, -1);
     }
-    add("crc32_clmul128_hot/ours", ours32, 0, ssb::crc_detail::CRC_PATH_CLMUL128);
+    add("crc32_clmul128_hot/ours", ours32, 0, ssb::crc_detail::CRC_PATH_CLMUL128_AVX);
     add("crc32_clmul128_hot/libdeflate", deflate32, 0, -1);
+    add("crc32_clmul128_sse_hot/ours", ours32, 0, ssb::crc_detail::CRC_PATH_CLMUL128);
+    add("crc32_clmul128_sse_hot/libdeflate", deflate32, 0, -1);
     add("crc32_portable_hot/ours", ours32, 0, ssb::crc_detail::CRC_PATH_SLICE);
     add("crc32_portable_hot/zlib", zlib32, 0, -1);
     for (int64_t size : SIZES) {

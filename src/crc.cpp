@@ -177,6 +177,8 @@ std::atomic<int> s_path(-1);
 crc_path_t best_path() {
     if (cpu_has_clmul512())
         return CRC_PATH_CLMUL512;
+    if (cpu_has_clmul128_avx())
+        return CRC_PATH_CLMUL128_AVX;
     if (cpu_has_clmul128())
         return CRC_PATH_CLMUL128;
     return CRC_PATH_SLICE;
@@ -186,8 +188,13 @@ template <class T>
 T run(crc_path_t path, T crc, const unsigned char* p, size_t n, const T (*t)[256], const fold_keys_t& keys) {
     if (path >= CRC_PATH_CLMUL128 && n >= CLMUL128_MIN) {
         unsigned char folded[16];
-        const size_t done = path == CRC_PATH_CLMUL512 && n >= CLMUL512_MIN ? fold_clmul512(keys, crc, p, n, folded)
-                                                                           : fold_clmul128(keys, crc, p, n, folded);
+        size_t done;
+        if (path == CRC_PATH_CLMUL512 && n >= CLMUL512_MIN)
+            done = fold_clmul512(keys, crc, p, n, folded);
+        else if (path >= CRC_PATH_CLMUL128_AVX)
+            done = fold_clmul128_avx(keys, crc, p, n, folded);
+        else
+            done = fold_clmul128(keys, crc, p, n, folded);
         crc = slice16<T>(0, folded, sizeof folded, t);
         p += done;
         n -= done;
@@ -204,6 +211,8 @@ bool path_supported(crc_path_t path) {
         return true;
     case CRC_PATH_CLMUL128:
         return cpu_has_clmul128();
+    case CRC_PATH_CLMUL128_AVX:
+        return cpu_has_clmul128_avx();
     case CRC_PATH_CLMUL512:
         return cpu_has_clmul512();
     default:

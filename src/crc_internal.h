@@ -12,10 +12,11 @@ namespace ssb {
 namespace crc_detail {
 
 enum crc_path_t {
-    CRC_PATH_BYTE,      // one table lookup per byte: the reference
-    CRC_PATH_SLICE,     // 16 bytes per step through 16 tables; any CPU
-    CRC_PATH_CLMUL128,  // PCLMULQDQ folding, 4 x 128-bit accumulators
-    CRC_PATH_CLMUL512,  // VPCLMULQDQ folding, 4 x 512-bit accumulators
+    CRC_PATH_BYTE,          // one table lookup per byte: the reference
+    CRC_PATH_SLICE,         // 16 bytes per step through 16 tables; any CPU
+    CRC_PATH_CLMUL128,      // PCLMULQDQ folding, 8 x 128-bit accumulators, SSE encoding
+    CRC_PATH_CLMUL128_AVX,  // the same in VEX encoding, where the CPU has AVX
+    CRC_PATH_CLMUL512,      // VPCLMULQDQ folding, 4 x 512-bit accumulators
     CRC_PATH_COUNT
 };
 
@@ -37,14 +38,17 @@ struct fold_keys_t {
 };
 
 bool cpu_has_clmul128();
+bool cpu_has_clmul128_avx();
 bool cpu_has_clmul512();
 
 // Fold a reflected CRC's message (its running value `crc` XORed into the
 // first bytes) down to 16 bytes whose CRC from 0 equals the CRC of the
 // consumed prefix from `crc`. Return the bytes consumed, a multiple of 16;
-// the caller finishes with a table path. fold_clmul128 needs n >= 16,
+// the caller finishes with a table path. the 128-bit kernels need n >= 16,
 // fold_clmul512 n >= 256.
 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
+size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
+                         unsigned char out[16]);
 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
 
 }  // namespace crc_detail

@@ -24,27 +24,31 @@ namespace {
 
 struct cpu_features_t {
     bool clmul128;
+    bool clmul128_avx;
     bool clmul512;
 };
 
-#  if defined(__x86_64__)
 // XCR0: which register states the OS saves on a context switch.
 uint64_t read_xcr0() {
     uint32_t eax = 0, edx = 0;
     __asm__ volatile("xgetbv" : "=a"(eax), "=d"(edx) : "c"(0));
     return static_cast<uint64_t>(edx) << 32 | eax;
 }
-#  endif
 
 cpu_features_t detect() {
-    cpu_features_t f = {false, false};
+    cpu_features_t f = {false, false, false};
     unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
     if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx))
         return f;
     const bool sse2 = edx & (1u << 26);
     const bool pclmul = ecx & (1u << 1);
     const bool osxsave = ecx & (1u << 27);
+    const bool avx = ecx & (1u << 28);
     f.clmul128 = sse2 && pclmul;
+    // SSE and AVX register state saved by the OS.
+    const uint64_t YMM_STATE = 0x6;
+    const uint64_t xcr0 = osxsave ? read_xcr0() : 0;
+    f.clmul128_avx = f.clmul128 && avx && (xcr0 & YMM_STATE) == YMM_STATE;
 #  if defined(__x86_64__)
     // The 512-bit kernel is left out of 32-bit builds: with 8 vector
     // registers it would spill, and 32-bit Windows compilers do not align
@@ -55,9 +59,7 @@ cpu_features_t detect() {
     const bool vpclmul = ecx & (1u << 10);
     // SSE, AVX, opmask, and both halves of the 512-bit registers.
     const uint64_t ZMM_STATE = 0xE6;
-    f.clmul512 = f.clmul128 && avx512f && vpclmul && (read_xcr0() & ZMM_STATE) == ZMM_STATE;
-#  else
-    (void)osxsave;
+    f.clmul512 = f.clmul128_avx && avx512f && vpclmul && (xcr0 & ZMM_STATE) == ZMM_STATE;
 #  endif
     return f;
 }
@@ -68,72 +70,34 @@ const cpu_features_t& features() {
     return f;
 }
 
-#  define SSB_TARGET_128 __attribute__((target("sse2,pclmul")))
+// Legacy SSE for CPUs without AVX; the VEX form where AVX exists, since
+// legacy SSE code runs slowly while another library has left the upper
+// halves of the vector registers dirty, and VEX needs no register copies.
+namespace sse {
+#  define SSB_FOLD_TARGET __attribute__((target("sse2,pclmul")))
+#  include "crc_x86_fold128.inc"
+#  undef SSB_FOLD_TARGET
+}  // namespace sse
 
-SSB_TARGET_128 inline __m128i key128(const fold_keys_t& keys, unsigned i) {
-    return _mm_set_epi64x(static_cast<long long>(keys.k[i][1]), static_cast<long long>(keys.k[i][0]));
-}
-
-// x moved D bits further, D given by the key; congruent, not reduced.
-SSB_TARGET_128 inline __m128i shift128(__m128i x, __m128i key) {
-    return _mm_xor_si128(_mm_clmulepi64_si128(x, key, 0x00), _mm_clmulepi64_si128(x, key, 0x11));
-}
-
-SSB_TARGET_128 inline __m128i load128(const unsigned char* p) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
-
-// x followed by the m (0..7) whole blocks at p, reduced to one block. The
-// shifts are independent, so they overlap instead of queuing behind one
-// another.
-SSB_TARGET_128 inline __m128i absorb_blocks(const fold_keys_t& keys, __m128i x, const unsigned char* p, size_t m) {
-    if (!m)
-        return x;
-    __m128i acc = shift128(x, key128(keys, static_cast<unsigned>(m)));
-    for (size_t i = 0; i + 1 < m; ++i)
-        acc = _mm_xor_si128(acc, shift128(load128(p + 16 * i), key128(keys, static_cast<unsigned>(m - 1 - i))));
-    return _mm_xor_si128(acc, load128(p + 16 * (m - 1)));
-}
+namespace avx {
+#  define SSB_FOLD_TARGET __attribute__((target("avx,pclmul")))
+#  include "crc_x86_fold128.inc"
+#  undef SSB_FOLD_TARGET
+}  // namespace avx
 
 }  // namespace
 
 bool cpu_has_clmul128() { return features().clmul128; }
+bool cpu_has_clmul128_avx() { return features().clmul128_avx; }
 bool cpu_has_clmul512() { return features().clmul512; }
 
-// Eight accumulators 128 bytes apart: enough independent multiplies in
-// flight to cover the multiplier's latency.
-SSB_TARGET_128 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                                    unsigned char out[16]) {
-    const unsigned char* const start = p;
-    const __m128i first = _mm_cvtsi32_si128(static_cast<int>(crc));
-    __m128i x;
-    if (n >= 128) {
-        __m128i a[8];
-        for (int i = 0; i < 8; ++i)
-            a[i] = load128(p + 16 * i);
-        a[0] = _mm_xor_si128(a[0], first);
-        p += 128;
-        n -= 128;
-        const __m128i k8 = key128(keys, 8);
-        while (n >= 128) {
-            for (int i = 0; i < 8; ++i)
-                a[i] = _mm_xor_si128(shift128(a[i], k8), load128(p + 16 * i));
-            p += 128;
-            n -= 128;
-        }
-        x = a[7];
-        for (int i = 0; i < 7; ++i)
-            x = _mm_xor_si128(x, shift128(a[i], key128(keys, static_cast<unsigned>(7 - i))));
-    } else {
-        x = _mm_xor_si128(load128(p), first);
-        p += 16;
-        n -= 16;
-    }
-    const size_t m = n / 16;
-    x = absorb_blocks(keys, x, p, m);
-    p += 16 * m;
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
-    return static_cast<size_t>(p - start);
+size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]) {
+    return sse::fold(keys, crc, p, n, out);
+}
+
+size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
+                         unsigned char out[16]) {
+    return avx::fold(keys, crc, p, n, out);
 }
 
 #  if defined(__x86_64__)
@@ -206,7 +170,7 @@ SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const
         _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, t, 0), _mm512_maskz_extracti64x4_epi64(0xF, t, 1));
     __m128i x = _mm_xor_si128(_mm256_castsi256_si128(y), _mm256_extracti128_si256(y, 1));
     const size_t m = n / 16;
-    x = absorb_blocks(keys, x, p, m);
+    x = avx::absorb_blocks(keys, x, p, m);
     p += 16 * m;
     _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
     return static_cast<size_t>(p - start);
@@ -228,8 +192,10 @@ namespace crc_detail {
 
 // No folding kernels on other architectures: the table paths serve.
 bool cpu_has_clmul128() { return false; }
+bool cpu_has_clmul128_avx() { return false; }
 bool cpu_has_clmul512() { return false; }
 size_t fold_clmul128(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
+size_t fold_clmul128_avx(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
 size_t fold_clmul512(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
 
 }  // namespace crc_detail
