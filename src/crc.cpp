@@ -76,6 +76,8 @@ constexpr fold_keys_t make_fold_keys(uint64_t reflected_poly, unsigned degree) {
         keys.k[i][0] = fold_key(128 * i + 63, reflected_poly, degree);
         keys.k[i][1] = fold_key(128 * i - 1, reflected_poly, degree);
     }
+    keys.finish[0] = fold_key(63, reflected_poly, degree);
+    keys.finish[1] = fold_key(95, reflected_poly, degree);
     return keys;
 }
 
@@ -86,6 +88,14 @@ constexpr fold_keys_t CRC16_KEYS = make_fold_keys(CRC16_POLY, 16);
 inline uint32_t load_le32(const unsigned char* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
            static_cast<uint32_t>(p[3]) << 24;
+}
+
+// The value after 8 bytes read as two little-endian words, the running
+// value already XORed into the first.
+template <class T>
+inline T step8(uint32_t a, uint32_t b, const T (*t)[256]) {
+    return static_cast<T>(t[7][a & 0xFF] ^ t[6][a >> 8 & 0xFF] ^ t[5][a >> 16 & 0xFF] ^ t[4][a >> 24] ^ t[3][b & 0xFF] ^
+                          t[2][b >> 8 & 0xFF] ^ t[1][b >> 16 & 0xFF] ^ t[0][b >> 24]);
 }
 
 template <class T>
@@ -105,10 +115,7 @@ T slice16(T crc, const unsigned char* p, size_t n, const T (*t)[256]) {
     // A short tail in 8- and 4-byte steps: one byte at a time is a chain of
     // dependent lookups, slow enough to show at packet sizes.
     if (n >= 8) {
-        const uint32_t a = load_le32(p) ^ crc;
-        const uint32_t b = load_le32(p + 4);
-        crc = static_cast<T>(t[7][a & 0xFF] ^ t[6][a >> 8 & 0xFF] ^ t[5][a >> 16 & 0xFF] ^ t[4][a >> 24] ^
-                             t[3][b & 0xFF] ^ t[2][b >> 8 & 0xFF] ^ t[1][b >> 16 & 0xFF] ^ t[0][b >> 24]);
+        crc = step8<T>(load_le32(p) ^ crc, load_le32(p + 4), t);
         p += 8;
         n -= 8;
     }
@@ -184,10 +191,19 @@ crc_path_t best_path() {
     return CRC_PATH_SLICE;
 }
 
+inline crc_path_t path_now() {
+    int path = s_path.load(std::memory_order_relaxed);
+    if (path < 0) {
+        path = best_path();
+        s_path.store(path, std::memory_order_relaxed);
+    }
+    return static_cast<crc_path_t>(path);
+}
+
 template <class T>
 T run(crc_path_t path, T crc, const unsigned char* p, size_t n, const T (*t)[256], const fold_keys_t& keys) {
     if (path >= CRC_PATH_CLMUL128 && n >= CLMUL128_MIN) {
-        unsigned char folded[16];
+        unsigned char folded[8];
         size_t done;
         if (path == CRC_PATH_CLMUL512 && n >= CLMUL512_MIN)
             done = fold_clmul512(keys, crc, p, n, folded);
@@ -195,9 +211,11 @@ T run(crc_path_t path, T crc, const unsigned char* p, size_t n, const T (*t)[256
             done = fold_clmul128_avx(keys, crc, p, n, folded);
         else
             done = fold_clmul128(keys, crc, p, n, folded);
-        crc = slice16<T>(0, folded, sizeof folded, t);
+        crc = step8<T>(load_le32(folded), load_le32(folded + 4), t);
         p += done;
         n -= done;
+        if (!n)
+            return crc;
     }
     return slice16<T>(crc, p, n, t);
 }
@@ -220,14 +238,7 @@ bool path_supported(crc_path_t path) {
     }
 }
 
-crc_path_t current_path() {
-    int path = s_path.load(std::memory_order_relaxed);
-    if (path < 0) {
-        path = best_path();
-        s_path.store(path, std::memory_order_relaxed);
-    }
-    return static_cast<crc_path_t>(path);
-}
+crc_path_t current_path() { return path_now(); }
 
 bool force_path(crc_path_t path) {
     if (!path_supported(path))
@@ -239,7 +250,7 @@ bool force_path(crc_path_t path) {
 void reset_path() { s_path.store(best_path(), std::memory_order_relaxed); }
 
 uint32_t crc32_update(uint32_t crc, const unsigned char* p, size_t n) {
-    const crc_path_t path = current_path();
+    const crc_path_t path = path_now();
     if (path == CRC_PATH_BYTE) {
         const uint32_t* t = CRC32_TABLES.t[0];
         while (n--)
@@ -251,7 +262,7 @@ uint32_t crc32_update(uint32_t crc, const unsigned char* p, size_t n) {
 
 uint16_t crc16_update(uint16_t crc, const unsigned char* p, size_t n) {
     const crc16_tables_t& tables = crc16_tables_t::instance();
-    const crc_path_t path = current_path();
+    const crc_path_t path = path_now();
     if (path == CRC_PATH_BYTE) {
         unsigned char low = static_cast<unsigned char>(crc & 0xFF);
         unsigned char high = static_cast<unsigned char>(crc >> 8);

@@ -35,6 +35,9 @@ UTIL_API void reset_path();
 // x^(D-1) mod P), each bit-reflected into 64 bits. k[0] is unused.
 struct fold_keys_t {
     uint64_t k[17][2];
+    // x^63 and x^95 mod P, reflected: the last block's first 8 bytes are
+    // folded onto its other 8 in two halves.
+    uint64_t finish[2];
 };
 
 bool cpu_has_clmul128();
@@ -42,14 +45,13 @@ bool cpu_has_clmul128_avx();
 bool cpu_has_clmul512();
 
 // Fold a reflected CRC's message (its running value `crc` XORed into the
-// first bytes) down to 16 bytes whose CRC from 0 equals the CRC of the
+// first bytes) down to 8 bytes whose CRC from 0 equals the CRC of the
 // consumed prefix from `crc`. Return the bytes consumed, a multiple of 16;
-// the caller finishes with a table path. the 128-bit kernels need n >= 16,
+// the caller finishes with a table path. The 128-bit kernels need n >= 16,
 // fold_clmul512 n >= 256.
-size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
-size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                         unsigned char out[16]);
-size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]);
+size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]);
+size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]);
+size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]);
 
 }  // namespace crc_detail
 }  // namespace ssb

@@ -91,12 +91,12 @@ bool cpu_has_clmul128() { return features().clmul128; }
 bool cpu_has_clmul128_avx() { return features().clmul128_avx; }
 bool cpu_has_clmul512() { return features().clmul512; }
 
-size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[16]) {
+size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]) {
     return sse::fold(keys, crc, p, n, out);
 }
 
 size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                         unsigned char out[16]) {
+                         unsigned char out[8]) {
     return avx::fold(keys, crc, p, n, out);
 }
 
@@ -130,7 +130,7 @@ SSB_TARGET_512 inline __m512i load512(const unsigned char* p) { return _mm512_lo
 // Four 512-bit accumulators 256 bytes apart; the four 16-byte lanes of the
 // last one are folded together in one multiply with a key per lane.
 SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                                    unsigned char out[16]) {
+                                    unsigned char out[8]) {
     const unsigned char* const start = p;
     // Zero-masked forms throughout: GCC 12 warns about the undefined source
     // of the plain insert and extract.
@@ -172,7 +172,7 @@ SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const
     const size_t m = n / 16;
     x = avx::absorb_blocks(keys, x, p, m);
     p += 16 * m;
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
+    avx::finish(keys, x, out);
     return static_cast<size_t>(p - start);
 }
 
