@@ -76,6 +76,10 @@ constexpr fold_keys_t make_fold_keys(uint64_t reflected_poly, unsigned degree) {
         keys.k[i][0] = fold_key(128 * i + 63, reflected_poly, degree);
         keys.k[i][1] = fold_key(128 * i - 1, reflected_poly, degree);
     }
+    for (unsigned t = 1; t < 16; ++t) {
+        keys.tail[t][0] = fold_key(8 * t + 63, reflected_poly, degree);
+        keys.tail[t][1] = fold_key(8 * t - 1, reflected_poly, degree);
+    }
     keys.finish[0] = fold_key(63, reflected_poly, degree);
     keys.finish[1] = fold_key(95, reflected_poly, degree);
     return keys;

@@ -38,6 +38,8 @@ struct fold_keys_t {
     // x^63 and x^95 mod P, reflected: the last block's first 8 bytes are
     // folded onto its other 8 in two halves.
     uint64_t finish[2];
+    // tail[t] moves a block 8t bits on (t = 1..15), for a last partial block.
+    uint64_t tail[16][2];
 };
 
 bool cpu_has_clmul128();
@@ -46,8 +48,8 @@ bool cpu_has_clmul512();
 
 // Fold a reflected CRC's message (its running value `crc` XORed into the
 // first bytes) down to 8 bytes whose CRC from 0 equals the CRC of the
-// consumed prefix from `crc`. Return the bytes consumed, a multiple of 16;
-// the caller finishes with a table path. The 128-bit kernels need n >= 16,
+// consumed prefix from `crc`. They consume all n bytes; the caller turns
+// the 8 bytes into the CRC with one table step. The 128-bit kernels need n >= 16,
 // fold_clmul512 n >= 256.
 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]);
 size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]);

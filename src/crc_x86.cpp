@@ -70,6 +70,11 @@ const cpu_features_t& features() {
     return f;
 }
 
+// Read from offset t: 16 - t zero bytes, then t bytes kept.
+const unsigned char TAIL_MASK[32] = {0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
+                                     0,    0,    0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                     0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
+
 // Legacy SSE for CPUs without AVX; the VEX form where AVX exists, since
 // legacy SSE code runs slowly while another library has left the upper
 // halves of the vector registers dirty, and VEX needs no register copies.
@@ -172,6 +177,10 @@ SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const
     const size_t m = n / 16;
     x = avx::absorb_blocks(keys, x, p, m);
     p += 16 * m;
+    if (n % 16) {
+        p += n % 16;
+        x = avx::absorb_tail(keys, x, p, n % 16);
+    }
     avx::finish(keys, x, out);
     return static_cast<size_t>(p - start);
 }
