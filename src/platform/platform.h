@@ -289,8 +289,8 @@ size_t wcs_to_mbs(const wchar_t* src, size_t len, char* dst, size_t dst_len);
 
 // ---- network addresses ------------------------------------------------------
 // AF_INET and AF_INET6 of this system (AF_INET6 is 10 on Linux, 23 on Windows).
-extern const int FAMILY_INET;
-extern const int FAMILY_INET6;
+extern UTIL_API const int FAMILY_INET;
+extern UTIL_API const int FAMILY_INET6;
 // The IPv4 addresses held by this machine's interfaces, in network order:
 // fills at most `max` and returns how many there are, or -1 with *error the
 // OS error number (getifaddrs; gethostname and getaddrinfo on Windows, which
