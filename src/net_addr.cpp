@@ -17,15 +17,45 @@ const char SOURCE_PATH[] = ".\\net_addr";
 
 typedef unsigned char uchar;
 
+// Hex digit values; 0xFF for every other byte.
+struct hex_table_t {
+    unsigned char value[256];
+    constexpr hex_table_t() : value() {
+        for (int i = 0; i < 256; ++i)
+            value[i] = 0xFF;
+        for (int i = 0; i < 10; ++i)
+            value['0' + i] = static_cast<unsigned char>(i);
+        for (int i = 0; i < 6; ++i) {
+            value['a' + i] = static_cast<unsigned char>(10 + i);
+            value['A' + i] = static_cast<unsigned char>(10 + i);
+        }
+    }
+};
+constexpr hex_table_t HEX_TABLE;
+
 int hex_value(char c) {
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
+    const unsigned char v = HEX_TABLE.value[static_cast<uchar>(c)];
+    return v == 0xFF ? -1 : v;
 }
+
+// The texts of 0..255, each padded to four bytes so one fixed-size copy
+// writes it.
+struct octet_table_t {
+    char text[256][4];
+    unsigned char length[256];
+    constexpr octet_table_t() : text(), length() {
+        for (int v = 0; v < 256; ++v) {
+            int n = 0;
+            if (v >= 100)
+                text[v][n++] = static_cast<char>('0' + v / 100);
+            if (v >= 10)
+                text[v][n++] = static_cast<char>('0' + v / 10 % 10);
+            text[v][n++] = static_cast<char>('0' + v % 10);
+            length[v] = static_cast<unsigned char>(n);
+        }
+    }
+};
+constexpr octet_table_t OCTET_TABLE;
 
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
@@ -33,141 +63,133 @@ bool is_digit(char c) { return c >= '0' && c <= '9'; }
 bool is_space(char c) { return c == ' ' || (c >= '\t' && c <= '\r'); }
 
 // Exactly four decimal parts of 0..255, no leading zero, nothing around.
-bool pton4(const char* s, uchar* out) {
+// Reads no byte past the NUL: a byte is looked at only after a digit.
+bool pton4(const char* text, uchar* out) {
+    const uchar* p = reinterpret_cast<const uchar*>(text);
     uchar tmp[4];
-    int octets = 0;
-    bool saw_digit = false;
-    unsigned cur = 0;
-    for (; *s; ++s) {
-        const char ch = *s;
-        if (is_digit(ch)) {
-            if (saw_digit && cur == 0)
-                return false;
-            cur = cur * 10 + static_cast<unsigned>(ch - '0');
-            if (cur > 255)
-                return false;
-            if (!saw_digit) {
-                if (++octets > 4)
-                    return false;
-                saw_digit = true;
-            }
-        } else if (ch == '.' && saw_digit) {
-            if (octets == 4)
-                return false;
-            tmp[octets - 1] = static_cast<uchar>(cur);
-            cur = 0;
-            saw_digit = false;
-        } else {
+    for (int k = 0; k < 4; ++k) {
+        unsigned v = static_cast<unsigned>(p[0]) - '0';
+        if (v > 9)
             return false;
+        const unsigned d1 = static_cast<unsigned>(p[1]) - '0';
+        if (d1 > 9) {
+            p += 1;
+        } else {
+            if (v == 0)
+                return false;
+            v = v * 10 + d1;
+            const unsigned d2 = static_cast<unsigned>(p[2]) - '0';
+            if (d2 > 9) {
+                p += 2;
+            } else {
+                v = v * 10 + d2;
+                if (v > 255)
+                    return false;
+                p += 3;
+            }
+        }
+        tmp[k] = static_cast<uchar>(v);
+        if (k < 3) {
+            if (*p != '.')
+                return false;
+            ++p;
         }
     }
-    if (octets < 4)
+    if (*p != '\0')
         return false;
-    tmp[3] = static_cast<uchar>(cur);
     memcpy(out, tmp, 4);
     return true;
 }
 
 // Up to eight groups of one to four hex digits; one "::" standing for at
-// least one zero group; a dotted IPv4 may take the last four bytes.
-bool pton6(const char* s, uchar* out) {
-    uchar tmp[16];
-    memset(tmp, 0, sizeof(tmp));
-    size_t tp = 0;
-    size_t colonp = 16;
-    bool have_colonp = false;
-    if (*s == '\0')
-        return false;
-    if (*s == ':') {
-        if (s[1] != ':')
+// least one zero group; a dotted IPv4 may take the last four bytes (it
+// starts where its group started, so "::a.1.2.3" is refused).
+bool pton6(const char* text, uchar* out) {
+    const uchar* p = reinterpret_cast<const uchar*>(text);
+    unsigned words[8];
+    int n = 0;
+    int gap = -1;
+    if (p[0] == ':') {
+        if (p[1] != ':')
             return false;
-        ++s;
+        gap = 0;
+        p += 2;
     }
-    const char* curtok = s;
-    int digits = 0;
-    unsigned val = 0;
-    for (;;) {
-        const char ch = *s;
-        if (ch == '\0')
-            break;
-        ++s;
-        const int d = hex_value(ch);
-        if (d >= 0) {
-            if (digits == 4)
+    if (*p != '\0' || gap < 0) {
+        for (;;) {
+            const uchar* start = p;
+            unsigned v = 0;
+            int k = 0;
+            for (unsigned d; k < 4 && (d = HEX_TABLE.value[*p]) != 0xFF; ++k, ++p)
+                v = v << 4 | d;
+            if (k == 0)
                 return false;
-            val = val << 4 | static_cast<unsigned>(d);
-            ++digits;
-            continue;
-        }
-        if (ch == ':') {
-            curtok = s;
-            if (digits == 0) {
-                if (have_colonp)
+            const uchar c = *p;
+            if (c == '.') {
+                uchar v4[4];
+                if (n > 6 || !pton4(reinterpret_cast<const char*>(start), v4))
                     return false;
-                colonp = tp;
-                have_colonp = true;
-                continue;
+                words[n++] = static_cast<unsigned>(v4[0]) << 8 | v4[1];
+                words[n++] = static_cast<unsigned>(v4[2]) << 8 | v4[3];
+                break;
             }
-            if (*s == '\0' || tp + 2 > 16)
+            if (n == 8)
                 return false;
-            tmp[tp++] = static_cast<uchar>(val >> 8);
-            tmp[tp++] = static_cast<uchar>(val);
-            digits = 0;
-            val = 0;
-            continue;
+            words[n++] = v;
+            if (c == '\0')
+                break;
+            if (c != ':')
+                return false;
+            ++p;
+            if (*p == ':') {
+                if (gap >= 0)
+                    return false;
+                gap = n;
+                ++p;
+                if (*p == '\0')
+                    break;
+            } else if (*p == '\0') {
+                return false;
+            }
         }
-        if (ch == '.' && tp + 4 <= 16 && pton4(curtok, tmp + tp)) {
-            tp += 4;
-            digits = 0;
-            break;
+    }
+    uchar tmp[16];
+    if (gap >= 0) {
+        if (n == 8)
+            return false;
+        const int zeros = 8 - n;
+        int w = 0;
+        for (int i = 0; i < gap; ++i, ++w) {
+            tmp[2 * w] = static_cast<uchar>(words[i] >> 8);
+            tmp[2 * w + 1] = static_cast<uchar>(words[i]);
         }
-        return false;
-    }
-    if (digits) {
-        if (tp + 2 > 16)
+        memset(tmp + 2 * w, 0, static_cast<size_t>(2 * zeros));
+        w += zeros;
+        for (int i = gap; i < n; ++i, ++w) {
+            tmp[2 * w] = static_cast<uchar>(words[i] >> 8);
+            tmp[2 * w + 1] = static_cast<uchar>(words[i]);
+        }
+    } else {
+        if (n != 8)
             return false;
-        tmp[tp++] = static_cast<uchar>(val >> 8);
-        tmp[tp++] = static_cast<uchar>(val);
+        for (int i = 0; i < 8; ++i) {
+            tmp[2 * i] = static_cast<uchar>(words[i] >> 8);
+            tmp[2 * i + 1] = static_cast<uchar>(words[i]);
+        }
     }
-    if (have_colonp) {
-        if (tp == 16)
-            return false;
-        const size_t n = tp - colonp;
-        memmove(tmp + 16 - n, tmp + colonp, n);
-        memset(tmp + colonp, 0, 16 - n - colonp);
-        tp = 16;
-    }
-    if (tp != 16)
-        return false;
     memcpy(out, tmp, 16);
     return true;
 }
 
-// Writes 0..255 without leading zeros; returns the characters written.
-size_t put_octet(unsigned v, char* out) {
-    if (v >= 100) {
-        out[0] = static_cast<char>('0' + v / 100);
-        out[1] = static_cast<char>('0' + v / 10 % 10);
-        out[2] = static_cast<char>('0' + v % 10);
-        return 3;
-    }
-    if (v >= 10) {
-        out[0] = static_cast<char>('0' + v / 10);
-        out[1] = static_cast<char>('0' + v % 10);
-        return 2;
-    }
-    out[0] = static_cast<char>('0' + v);
-    return 1;
-}
-
+// Needs three bytes of room past the text for the padded copies.
 size_t ntop4(const uchar* a, char* out) {
-    size_t n = put_octet(a[0], out);
-    out[n++] = '.';
-    n += put_octet(a[1], out + n);
-    out[n++] = '.';
-    n += put_octet(a[2], out + n);
-    out[n++] = '.';
-    n += put_octet(a[3], out + n);
+    size_t n = 0;
+    for (int i = 0; i < 4; ++i) {
+        memcpy(out + n, OCTET_TABLE.text[a[i]], 4);
+        n += OCTET_TABLE.length[a[i]];
+        out[n] = '.';
+        n += i < 3;
+    }
     return n;
 }
 
@@ -356,16 +378,27 @@ int inet_pton(int af, const char* src, void* dst) {
 }
 
 const char* inet_ntop(int af, const void* src, char* dst, size_t size) {
-    char tmp[INET6_ADDR_TEXT];
-    size_t n = 0;
+    size_t (*format)(const uchar*, char*) = nullptr;
+    size_t room = 0;
     if (af == plat::FAMILY_INET) {
-        n = ntop4(static_cast<const uchar*>(src), tmp);
+        format = ntop4;
+        room = INET_ADDR_TEXT;
     } else if (af == plat::FAMILY_INET6) {
-        n = ntop6(static_cast<const uchar*>(src), tmp);
+        format = ntop6;
+        room = INET6_ADDR_TEXT;
     } else {
         errno = EAFNOSUPPORT;
         return nullptr;
     }
+    // A buffer with room for the longest text is written directly (the
+    // formatting may write scratch bytes past the text, never past that
+    // room); a smaller one only after the text is known to fit.
+    if (dst && size >= room) {
+        dst[format(static_cast<const uchar*>(src), dst)] = '\0';
+        return dst;
+    }
+    char tmp[INET6_ADDR_TEXT];
+    const size_t n = format(static_cast<const uchar*>(src), tmp);
     if (n + 1 > size || !dst) {
         errno = ENOSPC;
         return nullptr;

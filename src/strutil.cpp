@@ -98,7 +98,10 @@ size_t two_way_find(const uchar* y, ptrdiff_t n, const uchar* x, ptrdiff_t m) {
     return NOT_FOUND;
 }
 
-// First occurrence of needle in hay; NOT_FOUND when absent.
+// First occurrence of needle in hay; NOT_FOUND when absent. Candidates come
+// from memchr on the first byte and are checked in place, which is fastest
+// on host names and paths; once the failed checks have cost more than twice
+// the text passed over, the rest goes to Two-Way, so the total stays linear.
 size_t find_piece(const char* hay, size_t n, const char* needle, size_t m) {
     if (m > n)
         return NOT_FOUND;
@@ -106,22 +109,27 @@ size_t find_piece(const char* hay, size_t n, const char* needle, size_t m) {
         const void* hit = memchr(hay, needle[0], n);
         return hit ? static_cast<size_t>(static_cast<const char*>(hit) - hay) : NOT_FOUND;
     }
-    if (m == 2) {
-        // Each candidate costs two compares: linear without preparation.
-        const char* cur = hay;
-        const char* const last = hay + n - 1;
-        while (cur < last) {
-            const char* hit = static_cast<const char*>(memchr(cur, needle[0], static_cast<size_t>(last - cur)));
-            if (!hit)
-                return NOT_FOUND;
-            if (hit[1] == needle[1])
-                return static_cast<size_t>(hit - hay);
-            cur = hit + 1;
+    const char* cur = hay;
+    const char* const last = hay + (n - m);
+    size_t wasted = 0;
+    while (cur <= last) {
+        const char* hit = static_cast<const char*>(memchr(cur, needle[0], static_cast<size_t>(last - cur) + 1));
+        if (!hit)
+            return NOT_FOUND;
+        size_t k = 1;
+        while (k < m && hit[k] == needle[k])
+            ++k;
+        if (k == m)
+            return static_cast<size_t>(hit - hay);
+        cur = hit + 1;
+        wasted += k;
+        if (wasted > 2 * static_cast<size_t>(cur - hay) + 64) {
+            const size_t at = two_way_find(reinterpret_cast<const uchar*>(cur), static_cast<ptrdiff_t>(hay + n - cur),
+                                           reinterpret_cast<const uchar*>(needle), static_cast<ptrdiff_t>(m));
+            return at == NOT_FOUND ? NOT_FOUND : static_cast<size_t>(cur - hay) + at;
         }
-        return NOT_FOUND;
     }
-    return two_way_find(reinterpret_cast<const uchar*>(hay), static_cast<ptrdiff_t>(n),
-                        reinterpret_cast<const uchar*>(needle), static_cast<ptrdiff_t>(m));
+    return NOT_FOUND;
 }
 
 void trim_bounds(const char* s, size_t len, size_t* begin, size_t* end) {

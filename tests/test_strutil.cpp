@@ -181,6 +181,21 @@ TEST(RegexMatch, LongPiecesAgreeWithTheRules) {
     }
 }
 
+TEST(RegexMatch, SearchesThatOutgrowTheQuickScanAgreeWithTheRules) {
+    // Runs of one letter make every candidate a near miss, so the search
+    // gives up on checking candidates in place and finishes with Two-Way.
+    std::mt19937 rng(7);
+    for (int i = 0; i < 3000; ++i) {
+        const std::string piece = std::string(1 + rng() % 40, 'a') + random_text(rng, "aaab", 6);
+        const std::string other = random_text(rng, "aab", 5);
+        const std::string text = random_text(rng, "aaaaaaaaaaaaaaab", 3000);
+        const std::string patterns[] = {"*" + piece + "*", "*" + other + "*" + piece + "*", "*" + piece + "*" + other};
+        for (const std::string& pattern : patterns) {
+            ASSERT_EQ(reference_match(text, pattern), regex_match(text, pattern)) << '"' << pattern << '"';
+        }
+    }
+}
+
 TEST(RegexMatch, StarOnlyPatternsAgreeWithFnmatch) {
     if (plat::system_fnmatch("*", "") < 0)
         GTEST_SKIP() << "this system has no fnmatch to compare with";
