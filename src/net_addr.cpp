@@ -379,32 +379,24 @@ int inet_pton(int af, const char* src, void* dst) {
 
 const char* inet_ntop(int af, const void* src, char* dst, size_t size) {
     size_t (*format)(const uchar*, char*) = nullptr;
-    size_t room = 0;
     if (af == plat::FAMILY_INET) {
         format = ntop4;
-        room = INET_ADDR_TEXT;
     } else if (af == plat::FAMILY_INET6) {
         format = ntop6;
-        room = INET6_ADDR_TEXT;
     } else {
         errno = EAFNOSUPPORT;
         return nullptr;
     }
-    // A buffer with room for the longest text is written directly (the
-    // formatting may write scratch bytes past the text, never past that
-    // room); a smaller one only after the text is known to fit.
-    if (dst && size >= room) {
-        dst[format(static_cast<const uchar*>(src), dst)] = '\0';
-        return dst;
-    }
-    char tmp[INET6_ADDR_TEXT];
+    // Formatted aside: the padded octet copies write scratch bytes past the
+    // text, and the caller's buffer gets exactly the text and its NUL.
+    char tmp[INET6_ADDR_TEXT + 4];
     const size_t n = format(static_cast<const uchar*>(src), tmp);
     if (n + 1 > size || !dst) {
         errno = ENOSPC;
         return nullptr;
     }
-    memcpy(dst, tmp, n);
-    dst[n] = '\0';
+    tmp[n] = '\0';
+    memcpy(dst, tmp, n + 1);
     return dst;
 }
 

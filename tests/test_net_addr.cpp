@@ -162,6 +162,10 @@ TEST(InetNtop, BufferMustHoldTheTextAndItsNul) {
     EXPECT_EQ(ENOSPC, errno);
     EXPECT_EQ('x', out[0]) << "a refused call wrote into the buffer";
     EXPECT_STREQ("192.168.100.200", inet_ntop(V4, v4, out, 16));
+    const unsigned char short_v4[4] = {1, 2, 3, 4};
+    memset(out, 'x', sizeof(out));
+    EXPECT_STREQ("1.2.3.4", inet_ntop(V4, short_v4, out, sizeof(out)));
+    EXPECT_EQ('x', out[8]) << "only the text and its NUL are written";
     const std::string v6 = unhex("00000000000000000000000000000001");
     EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), out, 3));
     EXPECT_STREQ("::1", inet_ntop(V6, v6.data(), out, 4));
