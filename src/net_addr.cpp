@@ -106,8 +106,8 @@ bool pton4(const char* text, uchar* out) {
 // starts where its group started, so "::a.1.2.3" is refused).
 bool pton6(const char* text, uchar* out) {
     const uchar* p = reinterpret_cast<const uchar*>(text);
-    unsigned words[8];
-    int n = 0;
+    uchar tmp[16];
+    int tp = 0;
     int gap = -1;
     if (p[0] == ':') {
         if (p[1] != ':')
@@ -118,24 +118,34 @@ bool pton6(const char* text, uchar* out) {
     if (*p != '\0' || gap < 0) {
         for (;;) {
             const uchar* start = p;
-            unsigned v = 0;
-            int k = 0;
-            for (unsigned d; k < 4 && (d = HEX_TABLE.value[*p]) != 0xFF; ++k, ++p)
-                v = v << 4 | d;
-            if (k == 0)
+            unsigned v = HEX_TABLE.value[p[0]];
+            if (v == 0xFF)
                 return false;
+            unsigned d = HEX_TABLE.value[*++p];
+            if (d != 0xFF) {
+                v = v << 4 | d;
+                d = HEX_TABLE.value[*++p];
+                if (d != 0xFF) {
+                    v = v << 4 | d;
+                    d = HEX_TABLE.value[*++p];
+                    if (d != 0xFF) {
+                        v = v << 4 | d;
+                        ++p;
+                    }
+                }
+            }
             const uchar c = *p;
             if (c == '.') {
-                uchar v4[4];
-                if (n > 6 || !pton4(reinterpret_cast<const char*>(start), v4))
+                if (tp > 12 || !pton4(reinterpret_cast<const char*>(start), tmp + tp))
                     return false;
-                words[n++] = static_cast<unsigned>(v4[0]) << 8 | v4[1];
-                words[n++] = static_cast<unsigned>(v4[2]) << 8 | v4[3];
+                tp += 4;
                 break;
             }
-            if (n == 8)
+            if (tp == 16 || HEX_TABLE.value[c] != 0xFF)
                 return false;
-            words[n++] = v;
+            tmp[tp] = static_cast<uchar>(v >> 8);
+            tmp[tp + 1] = static_cast<uchar>(v);
+            tp += 2;
             if (c == '\0')
                 break;
             if (c != ':')
@@ -144,7 +154,7 @@ bool pton6(const char* text, uchar* out) {
             if (*p == ':') {
                 if (gap >= 0)
                     return false;
-                gap = n;
+                gap = tp;
                 ++p;
                 if (*p == '\0')
                     break;
@@ -153,29 +163,14 @@ bool pton6(const char* text, uchar* out) {
             }
         }
     }
-    uchar tmp[16];
     if (gap >= 0) {
-        if (n == 8)
+        if (tp == 16)
             return false;
-        const int zeros = 8 - n;
-        int w = 0;
-        for (int i = 0; i < gap; ++i, ++w) {
-            tmp[2 * w] = static_cast<uchar>(words[i] >> 8);
-            tmp[2 * w + 1] = static_cast<uchar>(words[i]);
-        }
-        memset(tmp + 2 * w, 0, static_cast<size_t>(2 * zeros));
-        w += zeros;
-        for (int i = gap; i < n; ++i, ++w) {
-            tmp[2 * w] = static_cast<uchar>(words[i] >> 8);
-            tmp[2 * w + 1] = static_cast<uchar>(words[i]);
-        }
-    } else {
-        if (n != 8)
-            return false;
-        for (int i = 0; i < 8; ++i) {
-            tmp[2 * i] = static_cast<uchar>(words[i] >> 8);
-            tmp[2 * i + 1] = static_cast<uchar>(words[i]);
-        }
+        const int moved = tp - gap;
+        memmove(tmp + 16 - moved, tmp + gap, static_cast<size_t>(moved));
+        memset(tmp + gap, 0, static_cast<size_t>(16 - moved - gap));
+    } else if (tp != 16) {
+        return false;
     }
     memcpy(out, tmp, 16);
     return true;
