@@ -31,7 +31,8 @@ const size_t INET6_ADDR_TEXT = 46;
 // EAFNOSUPPORT for another family. dst gets 4 or 16 bytes in network order.
 UTIL_API int inet_pton(int af, const char* src, void* dst);
 // dst, or null with errno ENOSPC when the text and its NUL do not fit in
-// `size` (dst untouched), EAFNOSUPPORT for another family.
+// `size` (dst untouched), EAFNOSUPPORT for another family, EINVAL for a
+// null pointer.
 UTIL_API const char* inet_ntop(int af, const void* src, char* dst, size_t size);
 
 // The C library's inet_addr (glibc's inet_aton rules): one to four parts

@@ -382,11 +382,15 @@ const char* inet_ntop(int af, const void* src, char* dst, size_t size) {
         errno = EAFNOSUPPORT;
         return nullptr;
     }
+    if (!src || !dst) {
+        errno = EINVAL;
+        return nullptr;
+    }
     // Formatted aside: the padded octet copies write scratch bytes past the
     // text, and the caller's buffer gets exactly the text and its NUL.
     char tmp[INET6_ADDR_TEXT + 4];
     const size_t n = format(static_cast<const uchar*>(src), tmp);
-    if (n + 1 > size || !dst) {
+    if (n + 1 > size) {
         errno = ENOSPC;
         return nullptr;
     }

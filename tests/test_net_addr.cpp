@@ -171,6 +171,10 @@ TEST(InetNtop, BufferMustHoldTheTextAndItsNul) {
     EXPECT_STREQ("::1", inet_ntop(V6, v6.data(), out, 4));
     EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), out, 0));
     errno = 0;
+    EXPECT_EQ(nullptr, inet_ntop(V4, nullptr, out, sizeof(out)));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), nullptr, 64));
+    errno = 0;
     EXPECT_EQ(nullptr, inet_ntop(999, v4, out, sizeof(out)));
     EXPECT_EQ(EAFNOSUPPORT, errno);
 }
