@@ -162,9 +162,9 @@ void split_into(const std::string& text, C& out, char separator, bool clear_firs
     }
 }
 
-}  // namespace
-
-bool regex_match(const char* t, size_t n, const char* p, size_t m) {
+// The matcher behind both public forms, called directly (no exported-symbol
+// indirection on the hot path).
+bool match_view(const char* t, size_t n, const char* p, size_t m) {
     if (!t) {
         t = "";
         n = 0;
@@ -220,8 +220,14 @@ bool regex_match(const char* t, size_t n, const char* p, size_t m) {
     return n - pos >= tail && memcmp(t + n - tail, p + last_star + 1, tail) == 0;
 }
 
+}  // namespace
+
+bool regex_match(const char* text, size_t text_len, const char* pattern, size_t pattern_len) {
+    return match_view(text, text_len, pattern, pattern_len);
+}
+
 bool regex_match(const std::string& text, const std::string& pattern) {
-    return regex_match(text.data(), text.size(), pattern.data(), pattern.size());
+    return match_view(text.data(), text.size(), pattern.data(), pattern.size());
 }
 
 bool regex_match_pattern_list(const std::string& text, const std::string& pattern_list, char separator) {
@@ -234,7 +240,7 @@ bool regex_match_pattern_list(const std::string& text, const std::string& patter
         size_t b = 0;
         size_t e = 0;
         trim_bounds(s + start, stop - start, &b, &e);
-        if (e > b && regex_match(text.data(), text.size(), s + start + b, e - b))
+        if (e > b && match_view(text.data(), text.size(), s + start + b, e - b))
             return true;
         start = stop + 1;
     }
