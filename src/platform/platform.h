@@ -350,6 +350,37 @@ io_wait_t pipe_wait_readable(pipe_handle_t h, int timeout_ms, int* error);
 // bytes are filled, as well as the source could, either way.
 int uuid_create(unsigned char out[16]);
 
+// ---- text conversions -------------------------------------------------------
+// Multibyte to wide text: UTF-8 to UTF-32 on POSIX (an invalid byte becomes
+// U+FFFD), the ANSI code page to UTF-16 on Windows. Writes at most dst_len
+// characters (none when dst is null) and returns how many the whole
+// conversion gives.
+size_t mbs_to_wcs(const char* src, size_t len, wchar_t* dst, size_t dst_len);
+// The way back; a wide character that is no Unicode scalar value becomes
+// U+FFFD on POSIX.
+size_t wcs_to_mbs(const wchar_t* src, size_t len, char* dst, size_t dst_len);
+
+// ---- network addresses ------------------------------------------------------
+// AF_INET and AF_INET6 of this system (AF_INET6 is 10 on Linux, 23 on Windows).
+extern UTIL_API const int FAMILY_INET;
+extern UTIL_API const int FAMILY_INET6;
+// The IPv4 addresses held by this machine's interfaces, in network order:
+// fills at most `max` and returns how many there are, or -1 with *error the
+// OS error number (getifaddrs; gethostname and getaddrinfo on Windows, which
+// needs the socket library started).
+int local_ipv4_addresses(uint32_t* out, size_t max, int* error);
+
+// The system's own conversions, exported so that the tests can hold the
+// library's against them. system_inet_reference() is true where they are
+// the forms the library reproduces (glibc); elsewhere they are only
+// comparable on the inputs where both systems agree. system_fnmatch gives
+// fnmatch(pattern, text, 0) == 0, or -1 where the system has no fnmatch.
+UTIL_API bool system_inet_reference();
+UTIL_API int system_inet_pton(int af, const char* src, void* dst);
+UTIL_API const char* system_inet_ntop(int af, const void* src, char* dst, size_t size);
+UTIL_API uint32_t system_inet_addr(const char* text);
+UTIL_API int system_fnmatch(const char* pattern, const char* text);
+
 }  // namespace plat
 }  // namespace ssb
 

@@ -1,0 +1,401 @@
+#include <gtest/gtest.h>
+
+#include <stdlib.h>
+
+#include <atomic>
+#include <list>
+#include <new>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "platform/platform.h"
+#include "strutil.h"
+
+using namespace ssb;
+
+// Counts heap allocations made while `s_counting` is set, to show that a
+// match allocates nothing. (The library's own calls reach this replacement
+// where the system resolves operator new across modules, as ELF does.)
+namespace {
+std::atomic<bool> s_counting{false};
+std::atomic<int> s_allocations{0};
+// Through a pointer, so the compiler does not pair this free with new.
+void (*volatile s_free)(void*) = free;
+}  // namespace
+
+void* operator new(size_t size) {
+    if (s_counting.load(std::memory_order_relaxed))
+        s_allocations.fetch_add(1, std::memory_order_relaxed);
+    void* p = malloc(size ? size : 1);
+    if (!p)
+        throw std::bad_alloc();
+    return p;
+}
+void operator delete(void* p) noexcept { s_free(p); }
+void operator delete(void* p, size_t) noexcept { s_free(p); }
+
+namespace {
+
+struct match_case_t {
+    const char* text;
+    const char* pattern;
+    bool expected;
+};
+
+TEST(RegexMatch, WildcardRulesSideBySide) {
+    const match_case_t cases[] = {
+        // "?" counts only without "*"; the lengths must agree.
+        {"abc", "a?c", true},
+        {"abc", "a*", true},
+        {"abc", "a?", false},
+        {"abc", "???", true},
+        {"ab", "???", false},
+        {"a", "?", true},
+        {"", "?", false},
+        // With a star, "?" is a literal question mark.
+        {"abc", "a?*", false},
+        {"a?c", "a?*", true},
+        {"axb?", "*b?", true},
+        {"axbc", "*b?", false},
+        // The last piece is retried until it ends the text.
+        {"abcbc", "*bc", true},
+        {"abcbd", "*bc", false},
+        {"aaa", "*aa", true},
+        {"aa", "*aa", true},
+        {"a", "*aa", false},
+        {"abab", "a*ab", true},
+        {"aab", "a*ab", true},
+        {"ab", "a*ab", false},
+        {"abcab", "ab*ab", true},
+        {"abab", "ab*ab", true},
+        {"aba", "ab*ba", false},
+        // Anchoring of the first piece.
+        {"xabc", "abc*", false},
+        {"xabc", "*abc*", true},
+        {"abcx", "abc*", true},
+        {"abc", "abc*", true},
+        // Middle pieces in order, each after the previous.
+        {"a1b2c", "a*b*c", true},
+        {"acb", "a*b*c", false},
+        {"abcabd", "*abd", true},
+        {"www.example.com", "*.example.com", true},
+        {"example.com", "*.example.com", false},
+        {"mail.example.com.evil", "*.example.com", false},
+        {"/usr/lib/x86/libc.so", "/usr/*/lib*.so", true},
+        {"/usr/lib/x86/libc.so.6", "/usr/*/lib*.so", false},
+        // Star-only and empty patterns.
+        {"", "", true},
+        {"a", "", false},
+        {"", "*", true},
+        {"anything", "*", true},
+        {"", "***", true},
+        {"abc", "**", true},
+        {"", "*a*", false},
+        {"a", "*a**", true},
+        // Case-sensitive, and bytes past 127 are plain characters.
+        {"ABC", "abc", false},
+        {"caf\xC3\xA9", "*\xC3\xA9", true},
+    };
+    for (const match_case_t& c : cases)
+        EXPECT_EQ(c.expected, regex_match(c.text, c.pattern)) << '"' << c.text << "\" vs \"" << c.pattern << '"';
+}
+
+TEST(RegexMatch, TextsWithNulBytesAndNullPointers) {
+    EXPECT_TRUE(regex_match(std::string("a\0b", 3), std::string("a?b")));
+    EXPECT_TRUE(regex_match(std::string("x\0y", 3), std::string("*y")));
+    EXPECT_FALSE(regex_match(std::string("x\0y", 3), std::string("x")));
+    EXPECT_TRUE(regex_match(nullptr, 0, nullptr, 0));
+    EXPECT_TRUE(regex_match(nullptr, 0, "*", 1));
+    EXPECT_FALSE(regex_match("a", 1, nullptr, 0));
+}
+
+// The rules written out directly: std::string search, the retry loop.
+bool reference_match(const std::string& text, const std::string& pattern) {
+    if (pattern.find('*') == std::string::npos) {
+        if (text.size() != pattern.size())
+            return false;
+        for (size_t i = 0; i < pattern.size(); ++i) {
+            if (pattern[i] != '?' && pattern[i] != text[i])
+                return false;
+        }
+        return true;
+    }
+    std::vector<std::string> pieces;
+    std::string cur;
+    for (char c : pattern + "*") {
+        if (c != '*') {
+            cur += c;
+        } else if (!cur.empty()) {
+            pieces.push_back(cur);
+            cur.clear();
+        }
+    }
+    size_t pos = 0;
+    size_t last = 0;
+    for (size_t k = 0; k < pieces.size(); ++k) {
+        last = text.find(pieces[k], pos);
+        if (last == std::string::npos || (k == 0 && pattern[0] != '*' && last != 0))
+            return false;
+        pos = last + pieces[k].size();
+    }
+    if (pattern.back() == '*' || pieces.empty())
+        return true;
+    while (last + pieces.back().size() != text.size()) {
+        last = text.find(pieces.back(), last + 1);
+        if (last == std::string::npos)
+            return false;
+    }
+    return true;
+}
+
+std::string random_text(std::mt19937& rng, const char* alphabet, size_t max_len) {
+    const size_t n = std::uniform_int_distribution<size_t>(0, max_len)(rng);
+    const size_t letters = strlen(alphabet);
+    std::string s;
+    for (size_t i = 0; i < n; ++i)
+        s += alphabet[std::uniform_int_distribution<size_t>(0, letters - 1)(rng)];
+    return s;
+}
+
+TEST(RegexMatch, AgreesWithTheRulesOnRandomPatterns) {
+    std::mt19937 rng(1234);
+    for (int i = 0; i < 200000; ++i) {
+        const std::string pattern = random_text(rng, "ab*?", 8);
+        const std::string text = random_text(rng, "ab?", 12);
+        ASSERT_EQ(reference_match(text, pattern), regex_match(text, pattern))
+            << '"' << text << "\" vs \"" << pattern << '"';
+    }
+}
+
+TEST(RegexMatch, LongPiecesAgreeWithTheRules) {
+    // Long, periodic and near-periodic pieces exercise the linear search.
+    std::mt19937 rng(99);
+    for (int i = 0; i < 20000; ++i) {
+        const std::string a = random_text(rng, "aab", 9);
+        const std::string b = random_text(rng, "abb", 9);
+        const std::string pattern = "*" + a + "*" + b + (i % 2 ? "*" : "");
+        const std::string text = random_text(rng, "ab", 80);
+        ASSERT_EQ(reference_match(text, pattern), regex_match(text, pattern))
+            << '"' << text << "\" vs \"" << pattern << '"';
+    }
+}
+
+TEST(RegexMatch, SearchesThatOutgrowTheQuickScanAgreeWithTheRules) {
+    // Runs of one letter make every candidate a near miss, so the search
+    // gives up on checking candidates in place and finishes with Two-Way.
+    std::mt19937 rng(7);
+    for (int i = 0; i < 3000; ++i) {
+        const std::string piece = std::string(1 + rng() % 40, 'a') + random_text(rng, "aaab", 6);
+        const std::string other = random_text(rng, "aab", 5);
+        const std::string text = random_text(rng, "aaaaaaaaaaaaaaab", 3000);
+        const std::string patterns[] = {"*" + piece + "*", "*" + other + "*" + piece + "*", "*" + piece + "*" + other};
+        for (const std::string& pattern : patterns) {
+            ASSERT_EQ(reference_match(text, pattern), regex_match(text, pattern)) << '"' << pattern << '"';
+        }
+    }
+}
+
+TEST(RegexMatch, StarOnlyPatternsAgreeWithFnmatch) {
+    if (plat::system_fnmatch("*", "") < 0)
+        GTEST_SKIP() << "this system has no fnmatch to compare with";
+    std::mt19937 rng(77);
+    for (int i = 0; i < 50000; ++i) {
+        const std::string pattern = random_text(rng, "ab.*", 7);
+        const std::string text = random_text(rng, "ab.", 10);
+        ASSERT_EQ(plat::system_fnmatch(pattern.c_str(), text.c_str()) == 1, regex_match(text, pattern))
+            << '"' << text << "\" vs \"" << pattern << '"';
+    }
+}
+
+TEST(RegexMatch, PathologicalPatternsStayCorrect) {
+    // Each would take a backtracking matcher far beyond CTest's time-out.
+    const std::string stars(10000, '*');
+    EXPECT_TRUE(regex_match("abc", stars));
+    EXPECT_TRUE(regex_match("", stars));
+    std::string alternating;
+    for (int i = 0; i < 5000; ++i)
+        alternating += "*a";
+    const std::string text(200000, 'a');
+    EXPECT_FALSE(regex_match(text, alternating + "*c"));
+    EXPECT_TRUE(regex_match(text + "c", alternating + "*c"));
+    EXPECT_TRUE(regex_match(text, alternating));
+    EXPECT_FALSE(regex_match(text.substr(0, 4999), alternating));
+    // A long periodic piece against a text that nearly repeats it.
+    const std::string piece = std::string(1000, 'a') + "b";
+    EXPECT_FALSE(regex_match(text, "*" + piece + "*"));
+    EXPECT_TRUE(regex_match(text + "b" + text, "*" + piece + "*"));
+}
+
+TEST(RegexMatch, MatchingAllocatesNothing) {
+    const std::string text = "build-server-17.eu.example.com";
+    const std::string patterns[] = {"*.example.com", "build-*-1?.eu*", "*a*b*c*d*", "", "b??ld*", "*"};
+    const std::string list = " *.test , *.example.com ,";
+    // The probe shows that the library's allocations are seen here at all.
+    s_allocations.store(0);
+    s_counting.store(true);
+    const std::string probe = trim(" a text longer than any short-string buffer ");
+    s_counting.store(false);
+    if (s_allocations.load() == 0)
+        GTEST_SKIP() << "the library's allocations do not reach this program's operator new here";
+    s_allocations.store(0);
+    s_counting.store(true);
+    int hits = 0;
+    for (const std::string& p : patterns)
+        hits += regex_match(text, p);
+    hits += regex_match_pattern_list(text, list, ',');
+    s_counting.store(false);
+    EXPECT_EQ(0, s_allocations.load());
+    EXPECT_EQ(3, hits);
+}
+
+TEST(RegexMatch, PatternListInOrderTrimmedAndSkippingEmptyPieces) {
+    const match_case_t cases[] = {
+        {"zoom.us", "*.example.com, zoom.* ", true},
+        {"zoom.us", " , ,", false},
+        {"zoom.us", "", false},
+        {"", "", false},
+        {"", ",*,", true},
+        {"a b", "a b", true},
+        {"abc", "x,y,a?c", true},
+        {"abc", "x,y,a?*", false},
+    };
+    for (const match_case_t& c : cases)
+        EXPECT_EQ(c.expected, regex_match_pattern_list(c.text, c.pattern, ',')) << c.text << " in " << c.pattern;
+    EXPECT_TRUE(regex_match_pattern_list("b", "a;b", ';'));
+    EXPECT_FALSE(regex_match_pattern_list("b", "a;b", ','));
+}
+
+struct split_case_t {
+    const char* text;
+    std::vector<std::string> pieces;
+};
+
+TEST(SplitString, TrimsEachPieceAndDropsEmptyOnes) {
+    const split_case_t cases[] = {
+        {"a, ,b", {"a", "b"}},
+        {"", {}},
+        {",,,", {}},
+        {" a ", {"a"}},
+        {"a,b,", {"a", "b"}},
+        {",a", {"a"}},
+        {"\ta b\r\n,c", {"a b", "c"}},
+        {"one", {"one"}},
+    };
+    for (const split_case_t& c : cases) {
+        std::vector<std::string> out;
+        split_string(c.text, out, ',', true);
+        EXPECT_EQ(c.pieces, out) << c.text;
+        std::list<std::string> as_list;
+        split_string(c.text, as_list, ',', true);
+        EXPECT_EQ(c.pieces, std::vector<std::string>(as_list.begin(), as_list.end())) << c.text;
+    }
+}
+
+TEST(SplitString, ClearFirstOrAppend) {
+    std::vector<std::string> out = {"keep"};
+    split_string("x;y", out, ';', false);
+    EXPECT_EQ((std::vector<std::string>{"keep", "x", "y"}), out);
+    split_string("z", out, ';', true);
+    EXPECT_EQ((std::vector<std::string>{"z"}), out);
+    split_string("", out, ';', true);
+    EXPECT_TRUE(out.empty());
+    split_string(std::string("a\0b", 3), out, '\0', true);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), out);
+}
+
+TEST(Trim, WhiteSpaceOnEitherSide) {
+    struct trim_case_t {
+        const char* text;
+        const char* both;
+        const char* left;
+        const char* right;
+    };
+    const trim_case_t cases[] = {
+        {"", "", "", ""},
+        {"   ", "", "", ""},
+        {" \t\r\n\v\fa b\f\v\n\r\t ", "a b", "a b\f\v\n\r\t ", " \t\r\n\v\fa b"},
+        {"x", "x", "x", "x"},
+        {"\xA0x\xA0", "\xA0x\xA0", "\xA0x\xA0", "\xA0x\xA0"},
+    };
+    for (const trim_case_t& c : cases) {
+        EXPECT_EQ(c.both, trim(c.text));
+        EXPECT_EQ(c.left, trim_left(c.text));
+        EXPECT_EQ(c.right, trim_right(c.text));
+    }
+    EXPECT_EQ(std::string("a\0", 2), trim(std::string(" a\0 ", 4)));
+}
+
+TEST(TextConversion, AsciiRoundTripsEverywhere) {
+    const std::string ascii = "host-17.example.com: port 443\t~";
+    const std::wstring wide = mbs2wcs(ascii);
+    EXPECT_EQ(std::wstring(L"host-17.example.com: port 443\t~"), wide);
+    EXPECT_EQ(ascii, wcs2mbs(wide));
+    EXPECT_TRUE(mbs2wcs("").empty());
+    EXPECT_TRUE(wcs2mbs(L"").empty());
+    EXPECT_EQ(std::wstring(L"a\0b", 3), mbs2wcs(std::string("a\0b", 3)));
+    EXPECT_EQ(std::string("a\0b", 3), wcs2mbs(std::wstring(L"a\0b", 3)));
+}
+
+TEST(TextConversion, Utf8WhereTheSystemTextIsUtf8) {
+    if (mbs2wcs("\xC3\xA9").size() != 1)
+        GTEST_SKIP() << "multibyte text here is a code page, not UTF-8";
+    EXPECT_EQ(std::wstring(1, wchar_t(0xE9)), mbs2wcs("\xC3\xA9"));
+    EXPECT_EQ(std::wstring(1, wchar_t(0x20AC)), mbs2wcs("\xE2\x82\xAC"));
+    EXPECT_EQ(std::string("\xE2\x82\xAC"), wcs2mbs(std::wstring(1, wchar_t(0x20AC))));
+    const std::wstring fffd(1, wchar_t(0xFFFD));
+    // A stray continuation byte, a cut sequence, an overlong form and an
+    // encoded surrogate each become U+FFFD per byte that cannot start one.
+    EXPECT_EQ(L"a" + fffd + L"b", mbs2wcs("a\x80"
+                                          "b"));
+    EXPECT_EQ(L"a" + fffd + fffd, mbs2wcs("a\xE2\x82"));
+    EXPECT_EQ(fffd + fffd, mbs2wcs("\xC0\xAF"));
+    EXPECT_EQ(fffd + fffd + fffd, mbs2wcs("\xED\xA0\x80"));
+    EXPECT_EQ(fffd + fffd + fffd + fffd, mbs2wcs("\xF4\x90\x80\x80"));
+    if (sizeof(wchar_t) == 4) {
+        const std::string four = "\xF0\x9F\x98\x80";
+        EXPECT_EQ(std::wstring(1, wchar_t(0x1F600)), mbs2wcs(four));
+        EXPECT_EQ(four, wcs2mbs(mbs2wcs(four)));
+        EXPECT_EQ(std::string("\xEF\xBF\xBD"), wcs2mbs(std::wstring(1, wchar_t(0xD800))));
+    }
+}
+
+TEST(MiniCopy, EachRoutineCopiesExactlyItsCount) {
+    typedef void (*copy_fn_t)(void*, const void*);
+    const copy_fn_t routines[65] = {
+        nullptr,     mini_copy1,  mini_copy2,  mini_copy3,  mini_copy4,  mini_copy5,  mini_copy6,  mini_copy7,
+        mini_copy8,  mini_copy9,  mini_copy10, mini_copy11, mini_copy12, mini_copy13, mini_copy14, mini_copy15,
+        mini_copy16, mini_copy17, mini_copy18, mini_copy19, mini_copy20, mini_copy21, mini_copy22, mini_copy23,
+        mini_copy24, mini_copy25, mini_copy26, mini_copy27, mini_copy28, mini_copy29, mini_copy30, mini_copy31,
+        mini_copy32, mini_copy33, mini_copy34, mini_copy35, mini_copy36, mini_copy37, mini_copy38, mini_copy39,
+        mini_copy40, mini_copy41, mini_copy42, mini_copy43, mini_copy44, mini_copy45, mini_copy46, mini_copy47,
+        mini_copy48, mini_copy49, mini_copy50, mini_copy51, mini_copy52, mini_copy53, mini_copy54, mini_copy55,
+        mini_copy56, mini_copy57, mini_copy58, mini_copy59, mini_copy60, mini_copy61, mini_copy62, mini_copy63,
+        mini_copy64};
+    unsigned char src[80];
+    for (int i = 0; i < 80; ++i)
+        src[i] = static_cast<unsigned char>(i + 1);
+    for (int n = 1; n <= 64; ++n) {
+        unsigned char dst[80];
+        memset(dst, 0xEE, sizeof(dst));
+        routines[n](dst + 1, src);
+        EXPECT_EQ(0xEE, dst[0]) << n;
+        EXPECT_EQ(0, memcmp(dst + 1, src, static_cast<size_t>(n))) << n;
+        EXPECT_EQ(0xEE, dst[n + 1]) << n;
+    }
+}
+
+TEST(MiniCopy, FastCopyOfEverySizeAroundTheBlocks) {
+    std::vector<unsigned char> src(300);
+    for (size_t i = 0; i < src.size(); ++i)
+        src[i] = static_cast<unsigned char>(i * 7 + 3);
+    for (size_t n = 0; n <= 260; ++n) {
+        std::vector<unsigned char> dst(n + 2, 0xEE);
+        EXPECT_EQ(dst.data() + 1, fast_copy32(dst.data() + 1, src.data() + 1, n));
+        EXPECT_EQ(0xEE, dst[0]) << n;
+        EXPECT_EQ(0, memcmp(dst.data() + 1, src.data() + 1, n)) << n;
+        EXPECT_EQ(0xEE, dst[n + 1]) << n;
+    }
+}
+
+}  // namespace
