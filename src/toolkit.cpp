@@ -7,6 +7,7 @@
 #include "lock.h"
 #include "platform/platform.h"
 #include "stream.h"
+#include "strutil.h"
 #include "trace.h"
 
 using ssb::RESULT_FAILURE;
@@ -230,55 +231,6 @@ uint64_t monotonic_us() {
     return c / f * 1000000u + c % f * 1000000u / f;
 }
 
-// The wildcard rule of regex_match: "?" counts only in patterns without "*";
-// pieces between stars are found in order, first occurrence; the first is
-// anchored at 0 unless the pattern starts with "*"; the last must end the
-// text unless the pattern ends with "*", and may then start anywhere after
-// the previous piece.
-bool wildcard_match(const std::string& text, const std::string& pattern) {
-    if (pattern.find('*') == std::string::npos) {
-        if (text.size() != pattern.size())
-            return false;
-        for (size_t i = 0; i < text.size(); ++i) {
-            if (pattern[i] != '?' && pattern[i] != text[i])
-                return false;
-        }
-        return true;
-    }
-    const bool lead = pattern[0] == '*';
-    const bool trail = pattern[pattern.size() - 1] == '*';
-    size_t at = 0;
-    size_t p = 0;
-    bool first = true;
-    while (p < pattern.size()) {
-        if (pattern[p] == '*') {
-            ++p;
-            continue;
-        }
-        size_t piece_end = pattern.find('*', p);
-        if (piece_end == std::string::npos)
-            piece_end = pattern.size();
-        const size_t len = piece_end - p;
-        const bool last = piece_end == pattern.size();
-        if (last && !trail) {
-            if (text.size() < at + len || text.compare(text.size() - len, len, pattern, p, len) != 0)
-                return false;
-        } else if (first && !lead) {
-            if (text.compare(0, len, pattern, p, len) != 0 || text.size() < len)
-                return false;
-            at = len;
-        } else {
-            size_t found = text.find(pattern.data() + p, at, len);
-            if (found == std::string::npos)
-                return false;
-            at = found + len;
-        }
-        first = false;
-        p = piece_end;
-    }
-    return true;
-}
-
 ssb::thread_mutex s_cpu_lock;
 ssb_cpu_sample_t s_cpu_sample = {0, 0};
 unsigned int s_cpu_usage = 0;
@@ -426,7 +378,7 @@ int match_system_info(const char* pattern) {
         return 0;
     char info[512];
     get_system_info(info, sizeof(info));
-    return wildcard_match(info, pattern) ? 1 : 0;
+    return ssb::regex_match(info, pattern) ? 1 : 0;
 }
 
 int get_dll_version(const char* name, unsigned int* major, unsigned int* minor, unsigned int* build_number,
