@@ -8,13 +8,11 @@
 #include <thread>
 
 #if !defined(_WIN32)
-#  include <fcntl.h>
-#  include <sys/resource.h>
 #  include <sys/socket.h>
-#  include <unistd.h>
 #endif
 
 #include "notifier.h"
+#include "platform/platform.h"
 #include "test_log_support.h"
 #include "test_support.h"
 
@@ -234,31 +232,23 @@ TEST(NotifierSock, AClosedNotifierKeepsItsHeldFlagWhenNobodyWaits) {
     EXPECT_EQ(RESULT_BUSY, w.wait(0, false));
 }
 
-#if !defined(_WIN32)
-int lowest_free_fd() {
-    int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
-    ::close(fd);
-    return fd;
-}
-
 // Out of descriptors at each step of open (listener, connect, accept): it
 // stays closed, leaks nothing and can be opened later.
 TEST(NotifierSock, FailedOpenLeavesItClosedAndLeaksNothing) {
+    if (!plat::descriptor_limit_supported())
+        GTEST_SKIP() << "this system has no descriptor limit to lower";
+    const unsigned long saved = plat::descriptor_limit();
     for (int spare : {0, 1, 2}) {
-        int first_free = lowest_free_fd();
-        rlimit saved;
-        ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &saved));
-        rlimit low = {static_cast<rlim_t>(first_free + spare), saved.rlim_max};
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &low));
+        const int first_free = plat::lowest_free_descriptor();
+        ASSERT_EQ(0, plat::set_descriptor_limit(static_cast<unsigned long>(first_free + spare)));
         notifier_sock_t* n = new notifier_sock_t(0);
-        ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &saved));
-        EXPECT_EQ(first_free, lowest_free_fd()) << spare << ": a descriptor leaked";
+        ASSERT_EQ(0, plat::set_descriptor_limit(saved));
+        EXPECT_EQ(first_free, plat::lowest_free_descriptor()) << spare << ": a descriptor leaked";
         expect_closed(*n);
         EXPECT_EQ(RESULT_SUCCESS, n->open());
         delete n;
     }
 }
-#endif
 
 int drain(notifier_it& n) {
     int count = 0;

@@ -208,6 +208,8 @@ int thread_detach(thread_handle_t h);
 // touches nothing and returns ENOTSUP. The handle stays to be closed or
 // detached. 0 or the OS error number.
 int thread_terminate(thread_handle_t h, uint32_t exit_code);
+// Whether thread_terminate really ends threads here (exported for tests).
+UTIL_API bool thread_terminate_supported();
 // Restricts the thread to the CPUs whose bits are set in `mask` (bit n is
 // CPU n; on 32-bit Windows only the low 32 bits count). 0 or the OS error
 // number; a thread that has ended and been waited for gives an error.

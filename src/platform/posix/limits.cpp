@@ -10,6 +10,8 @@ namespace plat {
 
 bool descriptor_limit_supported() { return true; }
 
+bool thread_terminate_supported() { return false; }
+
 int lowest_free_descriptor() {
     const int fd = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     if (fd >= 0)
