@@ -17,7 +17,7 @@
 //     back to the C heap;
 //   - blocks of 4,096 bytes or more (trailer included) bypass both;
 //   - a thread's cache is dropped into the pool when the thread ends (by its
-//     thread-local slot's clean-up or by the thread-exit hook, whichever
+//     thread-local slot's clean-up or by a native thread-exit slot, whichever
 //     runs first), by release_tls, and with the allocator itself.
 #ifndef SSB_ALLOC_H
 #define SSB_ALLOC_H

@@ -74,7 +74,7 @@ struct pool_t {
         uint32_t blocks;
     };
 
-    pool_t() : heap_blocks(0) {
+    pool_t() : exit_slot(0), has_exit_slot(false), heap_blocks(0) {
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             classes[k].top = nullptr;
             classes[k].blocks = 0;
@@ -82,14 +82,26 @@ struct pool_t {
     }
 
     class_pool_t classes[ALLOC_CLASS_COUNT];
+    // Holds each thread's cache, so that the cache is dropped when the thread
+    // ends whoever started it.
+    plat::exit_slot_t exit_slot;
+    bool has_exit_slot;
     // Small blocks taken from the C heap and not yet freed to it.
     std::atomic<int64_t> heap_blocks;
 };
 
 // Lives as long as the process: thread caches dropped after the allocator's
 // release (threads ending later, the exit hook) still have somewhere to go.
+void drop_exit_cache(void* value);
+
+pool_t* new_pool() {
+    pool_t* p = new pool_t;
+    p->has_exit_slot = plat::exit_slot_alloc(&p->exit_slot, drop_exit_cache);
+    return p;
+}
+
 pool_t& pool() {
-    static pool_t* s_pool = new pool_t;
+    static pool_t* s_pool = new_pool();
     return *s_pool;
 }
 
@@ -209,25 +221,11 @@ namespace {
 // Plain thread-locals without constructors: the hot path reads the pointer
 // without an initialisation guard.
 thread_local cached_allocator_helper* t_cache = nullptr;
-// Set once the thread's exit hook has run: allocations made after it (by
-// other thread-local destructors) bypass the cache.
+// Set once the thread's exit slot has dropped its cache: allocations made
+// after that (by other thread-exit clean-ups) bypass the cache.
 thread_local bool t_ended = false;
 
 void drop_cache(cached_allocator_helper* cache) { alloc_internals_t::drop_cache(cache); }
-
-// Drops the cache when the thread ends, for threads that never call
-// tls_cleanup (threads the library did not start).
-struct thread_exit_hook_t {
-    bool armed = false;
-    ~thread_exit_hook_t() {
-        t_ended = true;
-        cached_allocator_helper* cache = t_cache;
-        t_cache = nullptr;
-        if (cache)
-            drop_cache(cache);
-    }
-};
-thread_local thread_exit_hook_t t_exit_hook;
 
 // The clean-up of the thread-local slot, run by tls_cleanup on the thread
 // itself. A slot left over from an earlier allocator holds a cache that is
@@ -235,8 +233,18 @@ thread_local thread_exit_hook_t t_exit_hook;
 void SSB_STDCALL drop_slot_cache(void* value) {
     if (value && value == t_cache) {
         t_cache = nullptr;
+        if (pool().has_exit_slot)
+            plat::exit_slot_set(pool().exit_slot, nullptr);
         drop_cache(static_cast<cached_allocator_helper*>(value));
     }
+}
+
+// Runs as the thread ends, unless the cache was dropped before.
+void drop_exit_cache(void* value) {
+    t_ended = true;
+    if (t_cache == value)
+        t_cache = nullptr;
+    drop_cache(static_cast<cached_allocator_helper*>(value));
 }
 
 std::atomic<ssb_allocator_t*> s_instance(nullptr);
@@ -262,6 +270,10 @@ i8_allocator_it* i8_allocator_it::instance() {
     i8_allocator_it* p = s_default.load(std::memory_order_acquire);
     if (p)
         return p;
+    // The constructor logs: the log registry is made (and registered with
+    // the singleton registry) before the global lock is taken, as the
+    // registry's clean-up takes the two locks in the other order.
+    log_control_t::instance();
     auto_lock_t<thread_mutex_recursive> guard(global_lock());
     p = s_default.load(std::memory_order_relaxed);
     if (!p) {
@@ -437,9 +449,10 @@ ssb_allocator_t* ssb_allocator_t::instance() {
     ssb_allocator_t* p = s_instance.load(std::memory_order_acquire);
     if (p)
         return p;
-    // The slot allocator first and outside the global lock: it registers
-    // itself with the singleton registry, whose lock is taken before the
-    // global one on clean-up.
+    // The log registry and the slot allocator first and outside the global
+    // lock: they register with the singleton registry, whose lock is taken
+    // before the global one on clean-up.
+    log_control_t::instance();
     tls_slots_allocator_t::instance();
     {
         auto_lock_t<thread_mutex_recursive> guard(global_lock());
@@ -581,8 +594,9 @@ cached_allocator_helper* ssb_allocator_t::thread_cache() {
         delete cache;
         return nullptr;
     }
-    t_exit_hook.armed = true;
     t_cache = cache;
+    if (pool().has_exit_slot)
+        plat::exit_slot_set(pool().exit_slot, cache);
     // Threads the library runs have a slot table, and their tls_cleanup
     // drops the cache. Other threads are left to the exit hook: giving them
     // a table would leak it, as they never call tls_cleanup.
@@ -595,9 +609,12 @@ cached_allocator_helper* ssb_allocator_t::thread_cache() {
 void ssb_allocator_t::release_tls() {
     UTIL_LOG(LOG_INFO, "ssb_allocator_t::release_tls(), this = " << this);
     cached_allocator_helper* cache = t_cache;
+    if (!cache)
+        return;
     t_cache = nullptr;
-    if (cache)
-        drop_cache(cache);
+    if (pool().has_exit_slot)
+        plat::exit_slot_set(pool().exit_slot, nullptr);
+    drop_cache(cache);
 }
 
 void ssb_allocator_t::dump() {

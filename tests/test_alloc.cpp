@@ -239,7 +239,7 @@ TEST(CachedAllocatorSt, SharedByThreadsLosesNothing) {
         cached_allocator_st shared(64, &back);
         util_test::run_threads(4, [&](int t) {
             std::vector<std::pair<signed char*, unsigned int>> mine;
-            for (int round = 0; round < 200; ++round) {
+            for (int round = 0; round < 200 / util_test::ROUNDS_SCALE + 10; ++round) {
                 for (unsigned int i = 0; i < 20; ++i) {
                     unsigned int size = (i * 211 + t * 37 + round) % 5000;
                     signed char* p = shared.allocate(size);
