@@ -12,9 +12,14 @@
 //     of that class under one short lock, and an empty class refills with
 //     one batch from it, so blocks crossing threads cost a lock per batch,
 //     not per block;
-//   - a thread's cache holds at most 256 KiB per class (2 MiB in all) and the
-//     pool at most POOL_HIGH_WATER bytes per class; above that, batches go
-//     back to the C heap;
+//   - a thread's cache holds at most 2 MiB in all classes together, and
+//     only as much as the thread itself allocates again: a thread that only
+//     frees keeps one batch per class; the pool keeps at most
+//     POOL_HIGH_WATER bytes per class; above that, batches go back to the C
+//     heap;
+//   - a miss never takes a larger class's block: freed under the smaller
+//     size it would stay in the smaller class for good, and memory would
+//     drift upwards;
 //   - blocks of 4,096 bytes or more (trailer included) bypass both;
 //   - a thread's cache is dropped into the pool when the thread ends (by its
 //     thread-local slot's clean-up or by a native thread-exit slot, whichever
@@ -23,6 +28,8 @@
 #define SSB_ALLOC_H
 
 #include <stdint.h>
+
+#include <atomic>
 
 #include "lock.h"
 #include "util_def.h"
@@ -119,7 +126,7 @@ public:
     // One INFO line per class with its requests, hits and cached blocks.
     void dump() const;
 
-    const class_record_t& record(unsigned int k) const { return m_records[k]; }
+    const class_record_t& record(unsigned int k) const { return m_rings[k].record; }
     unsigned int cached(unsigned int k) const { return m_rings[k].count; }
     unsigned int ring_capacity(unsigned int k) const { return m_rings[k].capacity; }
     i8_allocator_it* back_end() const { return m_back_end; }
@@ -128,17 +135,24 @@ protected:
     // Per-class ring capacities (each clamped), for ssb_allocator_t.
     cached_allocator_helper(const unsigned int* capacities, i8_allocator_it* back_end);
 
-    // Freed blocks of one class, reused newest first while they are warm.
+    // Freed blocks of one class, reused newest first while they are warm,
+    // with the class's counts on the same cache line. `limit` (at most
+    // `capacity`) is what ssb_allocator_t lets a thread keep: it grows while
+    // the thread allocates more than it frees and shrinks while it only
+    // frees, so a thread that only releases blocks does not hoard them.
+    // `mark` is the hit count at the last spill.
     struct ring_t {
         signed char** slots;
         uint32_t count;
         uint32_t capacity;
+        uint32_t limit;
+        uint32_t mark;
+        class_record_t record;
     };
 
     void init_rings(const unsigned int* capacities);
 
     i8_allocator_it* m_back_end;
-    class_record_t m_records[ALLOC_CLASS_COUNT];
     ring_t m_rings[ALLOC_CLASS_COUNT];
     signed char** m_slots;
 
@@ -167,11 +181,12 @@ private:
 // from any thread, and a block may be freed on another thread than the one
 // that allocated it. Each block carries a 16-byte marker after the caller's
 // bytes; deallocate checks it.
-class UTIL_API ssb_allocator_t : public i8_allocator_it {
+class UTIL_API ssb_allocator_t final : public i8_allocator_it {
 public:
-    // Ring entries of a thread's cache per class: 256 KiB of blocks each,
-    // clamped to 32..16,384.
-    static const unsigned int CLASS_CACHE_BYTES = 256 * 1024;
+    // Ring entries of a thread's cache per class (THREAD_CACHE_SLOTS in the
+    // source): more bytes for the large classes, which a mixed working set
+    // needs most, under this bound for all classes together.
+    static const unsigned int THREAD_CACHE_BYTES = 2 * 1024 * 1024;
     // Bytes of free blocks the shared pool keeps per class before it gives
     // batches back to the C heap.
     static const unsigned int POOL_HIGH_WATER = 512 * 1024;
@@ -180,9 +195,13 @@ public:
 
     // Created on first use under the global lock; after release, the next
     // call makes a fresh one. Any thread.
-    static ssb_allocator_t* instance();
+    static ssb_allocator_t* instance() {
+        // Acquire pairs with the release that publishes a new allocator.
+        ssb_allocator_t* p = s_instance.load(std::memory_order_acquire);
+        return p ? p : create();
+    }
     // The existing allocator or null; never creates.
-    static ssb_allocator_t* peek();
+    static ssb_allocator_t* peek() { return s_instance.load(std::memory_order_acquire); }
 
     // Null, with an assertion line, for a count whose trailer would not fit
     // in 32 bits.
@@ -215,10 +234,14 @@ public:
 private:
     ssb_allocator_t();
     ~ssb_allocator_t() override;
+    static ssb_allocator_t* create();
     static void destroy();
+    signed char* allocate_slow(unsigned int count);
+    void deallocate_slow(signed char* block, unsigned int count);
     static signed char* refill(cached_allocator_helper* cache, unsigned int k);
     cached_allocator_helper* thread_cache();
 
+    static std::atomic<ssb_allocator_t*> s_instance;
     unsigned int m_key;
     bool m_has_key;
 };

@@ -21,6 +21,14 @@ const unsigned int MAX_COUNT = 0xFFFFFFFFu;
 // Blocks moved between a thread's cache and the pool at a time: one lock
 // per this many blocks crossing threads.
 const unsigned int BATCH_BLOCKS = 32;
+// Ring entries per class of a thread's cache: 64 KiB to 512 KiB of blocks
+// per class, 1,984 KiB in all (within THREAD_CACHE_BYTES).
+constexpr unsigned int THREAD_CACHE_SLOTS[ALLOC_CLASS_COUNT] = {2048, 2048, 2048, 1024, 512, 256, 128, 128};
+
+constexpr unsigned int thread_cache_bytes(unsigned int k = 0) {
+    return k == ALLOC_CLASS_COUNT ? 0 : THREAD_CACHE_SLOTS[k] * (ALLOC_UNIT << k) + thread_cache_bytes(k + 1);
+}
+static_assert(thread_cache_bytes() <= ssb_allocator_t::THREAD_CACHE_BYTES, "a thread's cache must stay in its bound");
 
 // Class of each size in 32-byte units: 0 for 0, else floor(log2(u)) + 1.
 struct class_table_t {
@@ -204,6 +212,36 @@ struct alloc_internals_t {
         pool_put(k, first, n);
     }
 
+    // A fresh thread cache keeps one batch per class until the thread shows
+    // it allocates more.
+    static void start_limits(cached_allocator_helper* cache) {
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            cached_allocator_helper::ring_t& r = cache->m_rings[k];
+            r.limit = r.capacity < BATCH_BLOCKS ? r.capacity : BATCH_BLOCKS;
+        }
+    }
+
+    // The ring is at its limit: one batch to the pool, or down to nothing when
+    // the thread took less than a batch from this class since the last spill
+    // (it mostly frees here), in which case the limit shrinks too.
+    static void spill_full(cached_allocator_helper::ring_t& r, unsigned int k) {
+        uint32_t used = r.record.hits - r.mark;
+        r.mark = r.record.hits;
+        if (used >= BATCH_BLOCKS) {
+            spill(r, k, BATCH_BLOCKS);
+            return;
+        }
+        if (r.limit >= 2 * BATCH_BLOCKS)
+            r.limit -= BATCH_BLOCKS;
+        while (r.count)
+            spill(r, k, BATCH_BLOCKS);
+    }
+
+    // The thread missed in ring k: let it keep a batch more.
+    static void grow(cached_allocator_helper::ring_t& r) {
+        r.limit = r.limit + BATCH_BLOCKS < r.capacity ? r.limit + BATCH_BLOCKS : r.capacity;
+    }
+
     static void drop_cache(cached_allocator_helper* cache) {
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             cached_allocator_helper::ring_t& r = cache->m_rings[k];
@@ -247,7 +285,6 @@ void drop_exit_cache(void* value) {
     drop_cache(static_cast<cached_allocator_helper*>(value));
 }
 
-std::atomic<ssb_allocator_t*> s_instance(nullptr);
 std::atomic<i8_allocator_it*> s_default(nullptr);
 
 void destroy_instance() {
@@ -318,7 +355,7 @@ void std_i8_allocator_t::deallocate(signed char* block, unsigned int count) {
 // ---- cached_allocator_helper ---------------------------------------------------
 
 cached_allocator_helper::cached_allocator_helper(unsigned int capacity, i8_allocator_it* back_end)
-    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_records(), m_rings(), m_slots(nullptr) {
+    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_rings(), m_slots(nullptr) {
     unsigned int capacities[ALLOC_CLASS_COUNT];
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
         capacities[k] = capacity;
@@ -326,7 +363,7 @@ cached_allocator_helper::cached_allocator_helper(unsigned int capacity, i8_alloc
 }
 
 cached_allocator_helper::cached_allocator_helper(const unsigned int* capacities, i8_allocator_it* back_end)
-    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_records(), m_rings(), m_slots(nullptr) {
+    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_rings(), m_slots(nullptr) {
     init_rings(capacities);
 }
 
@@ -341,6 +378,8 @@ void cached_allocator_helper::init_rings(const unsigned int* capacities) {
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
         m_rings[k].count = 0;
         m_rings[k].capacity = m_slots ? clamp_ring(capacities[k]) : 0;
+        m_rings[k].limit = m_rings[k].capacity;
+        m_rings[k].mark = 0;
         m_rings[k].slots = m_slots ? m_slots + offset : nullptr;
         offset += m_rings[k].capacity;
     }
@@ -361,10 +400,10 @@ signed char* cached_allocator_helper::allocate(unsigned int size) {
         return m_back_end->allocate(size);
     const unsigned int first = s_classes.k[size / ALLOC_UNIT];
     for (unsigned int k = first; k < ALLOC_CLASS_COUNT; ++k) {
-        ++m_records[k].requests;
+        ++m_rings[k].record.requests;
         ring_t& r = m_rings[k];
         if (r.count) {
-            ++m_records[k].hits;
+            ++m_rings[k].record.hits;
             return r.slots[--r.count];
         }
     }
@@ -375,7 +414,7 @@ int cached_allocator_helper::deallocate(signed char* block, unsigned int size) {
     if (size >= ALLOC_MAX_CACHED)
         return ALLOC_NOT_KEPT;
     const unsigned int k = s_classes.k[size / ALLOC_UNIT];
-    ++m_records[k].releases;
+    ++m_rings[k].record.releases;
     ring_t& r = m_rings[k];
     if (r.count >= r.capacity)
         return ALLOC_NOT_KEPT;
@@ -386,9 +425,10 @@ int cached_allocator_helper::deallocate(signed char* block, unsigned int size) {
 void cached_allocator_helper::dump() const {
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
         UTIL_LOG(LOG_INFO, "cached_allocator_helper::dump(), class = "
-                               << k << ", requests = " << m_records[k].requests << ", hits = " << m_records[k].hits
-                               << ", releases = " << m_records[k].releases << ", cached = " << m_rings[k].count
-                               << ", capacity = " << m_rings[k].capacity << ", this = " << this);
+                               << k << ", requests = " << m_rings[k].record.requests
+                               << ", hits = " << m_rings[k].record.hits << ", releases = " << m_rings[k].record.releases
+                               << ", cached = " << m_rings[k].count << ", capacity = " << m_rings[k].capacity
+                               << ", this = " << this);
     }
 }
 
@@ -431,24 +471,35 @@ const unsigned char ssb_allocator_t::CHECKER_RESULT[ssb_allocator_t::TRAILER_SIZ
 
 namespace {
 
+// Two word compares rather than a memcmp call: this runs on every release.
+inline bool trailer_intact(const signed char* trailer) {
+    uint64_t have[2], want[2];
+    memcpy(have, trailer, sizeof(have));
+    memcpy(want, ssb_allocator_t::CHECKER_RESULT, sizeof(want));
+    return ((have[0] ^ want[0]) | (have[1] ^ want[1])) == 0;
+}
+
 // The thread's cache, in the shape ssb_allocator_t gives it.
 cached_allocator_helper* new_thread_cache() {
     unsigned int capacities[ALLOC_CLASS_COUNT];
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
-        capacities[k] = ssb_allocator_t::CLASS_CACHE_BYTES / alloc_class_bytes(k);
+        capacities[k] = THREAD_CACHE_SLOTS[k];
     static c_i8_allocator_t s_heap;
     struct thread_cache_t : cached_allocator_helper {
         explicit thread_cache_t(const unsigned int* c) : cached_allocator_helper(c, &s_heap) {}
     };
-    return new (std::nothrow) thread_cache_t(capacities);
+    thread_cache_t* cache = new (std::nothrow) thread_cache_t(capacities);
+    if (cache)
+        alloc_internals_t::start_limits(cache);
+    return cache;
 }
 
 }  // namespace
 
-ssb_allocator_t* ssb_allocator_t::instance() {
-    ssb_allocator_t* p = s_instance.load(std::memory_order_acquire);
-    if (p)
-        return p;
+std::atomic<ssb_allocator_t*> ssb_allocator_t::s_instance(nullptr);
+
+ssb_allocator_t* ssb_allocator_t::create() {
+    ssb_allocator_t* p;
     // The log registry and the slot allocator first and outside the global
     // lock: they register with the singleton registry, whose lock is taken
     // before the global one on clean-up.
@@ -467,8 +518,6 @@ ssb_allocator_t* ssb_allocator_t::instance() {
     singleton_life_t::instance().regist(destroy_instance);
     return p;
 }
-
-ssb_allocator_t* ssb_allocator_t::peek() { return s_instance.load(std::memory_order_acquire); }
 
 ssb_allocator_t::ssb_allocator_t() : m_key(0), m_has_key(false) {
     UTIL_LOG(LOG_INFO, "ssb_allocator_t::ssb_allocator_t() with memory pool, this = " << this);
@@ -495,7 +544,26 @@ void ssb_allocator_t::release() {
         destroy();
 }
 
+// The hot path: a hit in the calling thread's cache. Everything else, and
+// everything that logs (whose line buffer would cost every call a large
+// stack frame), is out of line.
 signed char* ssb_allocator_t::allocate(unsigned int count) {
+    const unsigned int size = count + TRAILER_SIZE;
+    cached_allocator_helper* cache = t_cache;
+    if (size >= TRAILER_SIZE && size < ALLOC_MAX_CACHED && cache) {
+        cached_allocator_helper::ring_t& r = cache->m_rings[s_classes.k[size / ALLOC_UNIT]];
+        if (r.count) {
+            ++r.record.requests;
+            ++r.record.hits;
+            signed char* block = r.slots[--r.count];
+            memcpy(block + count, CHECKER_RESULT, TRAILER_SIZE);
+            return block;
+        }
+    }
+    return allocate_slow(count);
+}
+
+[[gnu::noinline]] signed char* ssb_allocator_t::allocate_slow(unsigned int count) {
     if (count > MAX_COUNT - TRAILER_SIZE) {
         UTIL_ASSERT_MSG("ssb_allocator_t::allocate, count = " << count, SOURCE_PATH, 113, ", this = " << this);
         return nullptr;
@@ -511,9 +579,9 @@ signed char* ssb_allocator_t::allocate(unsigned int count) {
             cache = thread_cache();
         if (cache) {
             cached_allocator_helper::ring_t& r = cache->m_rings[k];
-            ++cache->m_records[k].requests;
+            ++r.record.requests;
             if (r.count) {
-                ++cache->m_records[k].hits;
+                ++r.record.hits;
                 block = r.slots[--r.count];
             } else {
                 block = refill(cache, k);
@@ -529,32 +597,37 @@ signed char* ssb_allocator_t::allocate(unsigned int count) {
 
 signed char* ssb_allocator_t::refill(cached_allocator_helper* cache, unsigned int k) {
     cached_allocator_helper::ring_t& r = cache->m_rings[k];
+    alloc_internals_t::grow(r);
     signed char* b = pool_get(k);
-    if (b) {
-        while (b) {
-            signed char* next = head_of(b)->next_block;
-            r.slots[r.count++] = b;
-            b = next;
-        }
-        ++cache->m_records[k].hits;
-        return r.slots[--r.count];
+    if (!b)
+        return heap_block(k);
+    while (b) {
+        signed char* next = head_of(b)->next_block;
+        r.slots[r.count++] = b;
+        b = next;
     }
-    // A larger cached block serves a smaller request before the C heap does.
-    for (unsigned int j = k + 1; j < ALLOC_CLASS_COUNT; ++j) {
-        ++cache->m_records[j].requests;
-        cached_allocator_helper::ring_t& rj = cache->m_rings[j];
-        if (rj.count) {
-            ++cache->m_records[j].hits;
-            return rj.slots[--rj.count];
-        }
-    }
-    return heap_block(k);
+    ++r.record.hits;
+    return r.slots[--r.count];
 }
 
 void ssb_allocator_t::deallocate(signed char* block, unsigned int count) {
+    const unsigned int size = count + TRAILER_SIZE;
+    cached_allocator_helper* cache = t_cache;
+    if (block && size >= TRAILER_SIZE && size < ALLOC_MAX_CACHED && cache && trailer_intact(block + count)) {
+        cached_allocator_helper::ring_t& r = cache->m_rings[s_classes.k[size / ALLOC_UNIT]];
+        if (r.count < r.limit) {
+            ++r.record.releases;
+            r.slots[r.count++] = block;
+            return;
+        }
+    }
+    deallocate_slow(block, count);
+}
+
+[[gnu::noinline]] void ssb_allocator_t::deallocate_slow(signed char* block, unsigned int count) {
     if (!block)
         return;
-    if (count > MAX_COUNT - TRAILER_SIZE || memcmp(block + count, CHECKER_RESULT, TRAILER_SIZE) != 0) {
+    if (count > MAX_COUNT - TRAILER_SIZE || !trailer_intact(block + count)) {
         char marker[37];
         marker_text(marker);
         UTIL_ASSERT_MSG("ssb_allocator_t::deallocate MUST from ssb_allocator, trailer = "
@@ -579,10 +652,10 @@ void ssb_allocator_t::deallocate(signed char* block, unsigned int count) {
         pool().heap_blocks.fetch_sub(1, std::memory_order_relaxed);
         return;
     }
-    ++cache->m_records[k].releases;
     cached_allocator_helper::ring_t& r = cache->m_rings[k];
-    if (r.count >= r.capacity)
-        alloc_internals_t::spill(r, k, BATCH_BLOCKS);
+    ++r.record.releases;
+    if (r.count >= r.limit)
+        alloc_internals_t::spill_full(r, k);
     r.slots[r.count++] = block;
 }
 
