@@ -14,6 +14,7 @@
 #include "alloc.h"
 #include "test_log_support.h"
 #include "test_support.h"
+#include "test_thread_support.h"
 #include "tls.h"
 #include "util.h"
 
@@ -568,6 +569,30 @@ TEST_F(SsbAllocator, UtilInitCreatesItAndTheLastUninitReleasesEverything) {
     util_uninit(3);
     EXPECT_EQ(nullptr, ssb_allocator_t::peek());
     EXPECT_EQ(0, stats().heap_blocks) << "this thread's cache and the pool went back to the C heap";
+}
+
+// A loop thread the library runs: its cache goes when the thread stops,
+// through the thread's slot clean-up.
+class SsbAllocatorLoop : public util_test::thread_test_t {};
+
+TEST_F(SsbAllocatorLoop, ALoopThreadDropsItsCacheWhenItStops) {
+    const int64_t pooled = stats().pool_blocks;
+    thread_wrapper_t* thr = m_mgr->spawn(THREAD_MODE_EVENT, 64, 100, false, nullptr, 0xFFFFFFFFu);
+    ASSERT_NE(nullptr, thr);
+    int64_t cached = -1;
+    util_test::run_on(thr, [&] {
+        ssb_allocator_t* a = ssb_allocator_t::instance();
+        signed char* blocks[3];
+        for (signed char*& p : blocks)
+            p = a->allocate(300);
+        for (signed char* p : blocks)
+            a->deallocate(p, 300);
+        cached = stats().cached_blocks;
+    });
+    EXPECT_EQ(3, cached);
+    EXPECT_EQ(RESULT_SUCCESS, thr->stop());
+    UTIL_WAIT_UNTIL([&] { return stats().pool_blocks == pooled + 3; });
+    EXPECT_TRUE(m_log.contains("cached_allocator_st::cached_allocator_helper::~cached_allocator_helper()"));
 }
 
 }  // namespace
