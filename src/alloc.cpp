@@ -79,13 +79,15 @@ struct pool_t {
     struct alignas(64) class_pool_t {
         spin_lock lock;
         signed char* top;
-        uint32_t blocks;
+        // Changed under the lock; read without it only to skip the lock
+        // when the pool is empty, where a stale answer costs one fresh block.
+        std::atomic<uint32_t> blocks;
     };
 
     pool_t() : exit_slot(0), has_exit_slot(false), heap_blocks(0) {
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             classes[k].top = nullptr;
-            classes[k].blocks = 0;
+            classes[k].blocks.store(0, std::memory_order_relaxed);
         }
     }
 
@@ -142,8 +144,9 @@ void pool_put(unsigned int k, signed char* first, uint32_t length) {
         auto_lock_t<spin_lock> guard(c.lock);
         head_of(first)->next_batch = c.top;
         c.top = first;
-        c.blocks += length;
-        if (c.blocks > limit) {
+        uint32_t blocks = c.blocks.load(std::memory_order_relaxed) + length;
+        c.blocks.store(blocks, std::memory_order_relaxed);
+        if (blocks > limit) {
             // Keep the newest batches (warmest); cut the stack below them.
             signed char* b = c.top;
             uint32_t kept = head_of(b)->length;
@@ -153,7 +156,7 @@ void pool_put(unsigned int k, signed char* first, uint32_t length) {
             }
             excess = head_of(b)->next_batch;
             head_of(b)->next_batch = nullptr;
-            c.blocks = kept;
+            c.blocks.store(kept, std::memory_order_relaxed);
         }
     }
     while (excess) {
@@ -166,11 +169,14 @@ void pool_put(unsigned int k, signed char* first, uint32_t length) {
 // A whole batch, or null when the pool of class k is empty.
 signed char* pool_get(unsigned int k) {
     pool_t::class_pool_t& c = pool().classes[k];
+    if (c.blocks.load(std::memory_order_relaxed) == 0)
+        return nullptr;
     auto_lock_t<spin_lock> guard(c.lock);
     signed char* first = c.top;
     if (first) {
         c.top = head_of(first)->next_batch;
-        c.blocks -= static_cast<uint32_t>(head_of(first)->length);
+        c.blocks.store(c.blocks.load(std::memory_order_relaxed) - static_cast<uint32_t>(head_of(first)->length),
+                       std::memory_order_relaxed);
     }
     return first;
 }
@@ -183,7 +189,7 @@ void pool_drain() {
             auto_lock_t<spin_lock> guard(c.lock);
             top = c.top;
             c.top = nullptr;
-            c.blocks = 0;
+            c.blocks.store(0, std::memory_order_relaxed);
         }
         while (top) {
             signed char* next = head_of(top)->next_batch;
@@ -699,7 +705,7 @@ void ssb_allocator_t::dump() {
         uint32_t blocks;
         {
             auto_lock_t<spin_lock> guard(c.lock);
-            blocks = c.blocks;
+            blocks = c.blocks.load(std::memory_order_relaxed);
         }
         UTIL_LOG(LOG_INFO, "ssb_allocator_t::dump(), pool class = " << k << ", blocks = " << blocks
                                                                     << ", bytes = " << blocks * alloc_class_bytes(k)
@@ -717,8 +723,9 @@ void ssb_allocator_t::stats(stats_t& out) {
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
         pool_t::class_pool_t& c = pool().classes[k];
         auto_lock_t<spin_lock> guard(c.lock);
-        out.pool_blocks += c.blocks;
-        out.pool_bytes += static_cast<int64_t>(c.blocks) * alloc_class_bytes(k);
+        uint32_t blocks = c.blocks.load(std::memory_order_relaxed);
+        out.pool_blocks += blocks;
+        out.pool_bytes += static_cast<int64_t>(blocks) * alloc_class_bytes(k);
     }
     out.cached_blocks = 0;
     out.cached_bytes = 0;
