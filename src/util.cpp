@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "alloc.h"
 #include "lock.h"
 #include "log.h"
 #include "memlog.h"
@@ -51,6 +52,7 @@ void start_services(const char* dir, const char* filename, const char* pext, uns
     ssb::init_socket();
     // Wraps this thread as the main thread and starts the timer driver.
     ssb::thread_mgr_t::instance();
+    ssb::ssb_allocator_t::instance();
     ssb::init_auxi();
 }
 
@@ -79,6 +81,10 @@ void stop_services() {
     ssb::thread_mgr_t::destroy();
     if (ssb::thread_wrapper_t* cached = s_main_thr.exchange(nullptr, std::memory_order_acq_rel))
         cached->decrement();
+    // After the threads, whose caches went to the pool as they ended.
+    ssb::ssb_allocator_t* allocator = ssb::ssb_allocator_t::instance();
+    if (allocator)
+        allocator->release();
     ssb::cleanup_socket();
     ssb::plat::timer_resolution_end();
     ssb::log_control_t::destroy();

@@ -74,6 +74,21 @@ void tls_index_free(tls_index_t index);
 void* tls_index_get(tls_index_t index);
 bool tls_index_set(tls_index_t index, void* value);
 
+// ---- memory -------------------------------------------------------------
+// The system's page size in bytes (sysconf; GetSystemInfo).
+uint32_t page_size();
+
+// A native thread-local value whose function runs on its thread as the
+// thread ends, for a value that is not null: for threads the library did
+// not start, which never call tls_cleanup (a pthread key destructor; a
+// fiber-local storage callback). At most EXIT_SLOT_MAX slots per process;
+// they are never freed.
+typedef uintptr_t exit_slot_t;
+typedef void (*exit_slot_fn)(void* value);
+const unsigned int EXIT_SLOT_MAX = 4;
+bool exit_slot_alloc(exit_slot_t* slot, exit_slot_fn fn);
+bool exit_slot_set(exit_slot_t slot, void* value);
+
 // ---- clocks -------------------------------------------------------------
 // High-resolution counter; false when the system has none.
 bool perf_frequency(int64_t* counts_per_second);
