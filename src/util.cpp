@@ -4,6 +4,7 @@
 
 #include <atomic>
 
+#include "alloc.h"
 #include "lock.h"
 #include "log.h"
 #include "memlog.h"
@@ -51,6 +52,7 @@ void start_services(const char* dir, const char* filename, const char* pext, uns
     ssb::init_socket();
     // Wraps this thread as the main thread and starts the timer driver.
     ssb::thread_mgr_t::instance();
+    ssb::ssb_allocator_t::instance();
     ssb::init_auxi();
 }
 
@@ -70,6 +72,10 @@ void start_memory_log(const char* description) {
 void stop_services() {
     // Stops every thread while the rest still works for them.
     ssb::thread_mgr_t::destroy();
+    // After the threads, whose caches went to the pool as they ended.
+    ssb::ssb_allocator_t* allocator = ssb::ssb_allocator_t::instance();
+    if (allocator)
+        allocator->release();
     ssb::cleanup_socket();
     ssb::plat::timer_resolution_end();
     ssb::log_control_t::destroy();

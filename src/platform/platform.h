@@ -72,6 +72,10 @@ void tls_index_free(tls_index_t index);
 void* tls_index_get(tls_index_t index);
 bool tls_index_set(tls_index_t index, void* value);
 
+// ---- memory -------------------------------------------------------------
+// The system's page size in bytes (sysconf; GetSystemInfo).
+uint32_t page_size();
+
 // ---- clocks -------------------------------------------------------------
 // High-resolution counter; false when the system has none.
 bool perf_frequency(int64_t* counts_per_second);

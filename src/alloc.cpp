@@ -1,0 +1,644 @@
+#include "alloc.h"
+
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <memory>
+#include <new>
+
+#include "platform/platform.h"
+#include "singleton.h"
+#include "tls.h"
+#include "trace.h"
+
+namespace ssb {
+
+namespace {
+
+const char SOURCE_PATH[] = "alloc";
+const unsigned int MAX_COUNT = 0xFFFFFFFFu;
+// Blocks moved between a thread's cache and the pool at a time: one lock
+// per this many blocks crossing threads.
+const unsigned int BATCH_BLOCKS = 32;
+
+// Class of each size in 32-byte units: 0 for 0, else floor(log2(u)) + 1.
+struct class_table_t {
+    uint8_t k[ALLOC_TABLE_SIZE];
+    constexpr class_table_t() : k() {
+        for (unsigned int u = 1; u < ALLOC_TABLE_SIZE; ++u) {
+            uint8_t c = 1;
+            while ((1u << c) <= u)
+                ++c;
+            k[u] = c;
+        }
+    }
+};
+constexpr class_table_t s_classes;
+
+unsigned int clamp_ring(unsigned int capacity) {
+    return capacity < ALLOC_MIN_RING ? ALLOC_MIN_RING : (capacity > ALLOC_MAX_RING ? ALLOC_MAX_RING : capacity);
+}
+
+// The 8-4-4-4-12 form of the marker, for the trailer assertion.
+void marker_text(char (&out)[37]) {
+    static const char HEX[] = "0123456789abcdef";
+    unsigned int o = 0;
+    for (unsigned int i = 0; i < ssb_allocator_t::TRAILER_SIZE; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10)
+            out[o++] = '-';
+        out[o++] = HEX[ssb_allocator_t::CHECKER_RESULT[i] >> 4];
+        out[o++] = HEX[ssb_allocator_t::CHECKER_RESULT[i] & 15];
+    }
+    out[o] = 0;
+}
+
+// ---- the shared pool ------------------------------------------------------
+//
+// Free blocks of one class, kept as a stack of batches. A batch is a chain
+// of blocks linked through their first word; its first block also holds the
+// link to the next batch and the batch's length (every block has at least
+// 32 bytes).
+struct batch_head_t {
+    signed char* next_block;
+    signed char* next_batch;
+    uintptr_t length;
+};
+
+inline batch_head_t* head_of(signed char* block) { return reinterpret_cast<batch_head_t*>(block); }
+
+struct pool_t {
+    struct alignas(64) class_pool_t {
+        spin_lock lock;
+        signed char* top;
+        uint32_t blocks;
+    };
+
+    pool_t() : heap_blocks(0) {
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            classes[k].top = nullptr;
+            classes[k].blocks = 0;
+        }
+    }
+
+    class_pool_t classes[ALLOC_CLASS_COUNT];
+    // Small blocks taken from the C heap and not yet freed to it.
+    std::atomic<int64_t> heap_blocks;
+};
+
+// Lives as long as the process: thread caches dropped after the allocator's
+// release (threads ending later, the exit hook) still have somewhere to go.
+pool_t& pool() {
+    static pool_t* s_pool = new pool_t;
+    return *s_pool;
+}
+
+signed char* heap_block(unsigned int k) {
+    signed char* p = static_cast<signed char*>(malloc(alloc_class_bytes(k)));
+    if (p)
+        pool().heap_blocks.fetch_add(1, std::memory_order_relaxed);
+    return p;
+}
+
+void free_chain(signed char* block) {
+    int64_t n = 0;
+    while (block) {
+        signed char* next = head_of(block)->next_block;
+        free(block);
+        block = next;
+        ++n;
+    }
+    pool().heap_blocks.fetch_sub(n, std::memory_order_relaxed);
+}
+
+// Takes a chain of `length` blocks of class k. Above the high-water mark the
+// oldest batches go back to the C heap, outside the lock.
+void pool_put(unsigned int k, signed char* first, uint32_t length) {
+    pool_t::class_pool_t& c = pool().classes[k];
+    const uint32_t limit = ssb_allocator_t::POOL_HIGH_WATER / alloc_class_bytes(k);
+    signed char* excess = nullptr;
+    head_of(first)->length = length;
+    {
+        auto_lock_t<spin_lock> guard(c.lock);
+        head_of(first)->next_batch = c.top;
+        c.top = first;
+        c.blocks += length;
+        if (c.blocks > limit) {
+            // Keep the newest batches (warmest); cut the stack below them.
+            signed char* b = c.top;
+            uint32_t kept = head_of(b)->length;
+            while (head_of(b)->next_batch && kept + head_of(head_of(b)->next_batch)->length <= limit) {
+                b = head_of(b)->next_batch;
+                kept += head_of(b)->length;
+            }
+            excess = head_of(b)->next_batch;
+            head_of(b)->next_batch = nullptr;
+            c.blocks = kept;
+        }
+    }
+    while (excess) {
+        signed char* next = head_of(excess)->next_batch;
+        free_chain(excess);
+        excess = next;
+    }
+}
+
+// A whole batch, or null when the pool of class k is empty.
+signed char* pool_get(unsigned int k) {
+    pool_t::class_pool_t& c = pool().classes[k];
+    auto_lock_t<spin_lock> guard(c.lock);
+    signed char* first = c.top;
+    if (first) {
+        c.top = head_of(first)->next_batch;
+        c.blocks -= static_cast<uint32_t>(head_of(first)->length);
+    }
+    return first;
+}
+
+void pool_drain() {
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        pool_t::class_pool_t& c = pool().classes[k];
+        signed char* top;
+        {
+            auto_lock_t<spin_lock> guard(c.lock);
+            top = c.top;
+            c.top = nullptr;
+            c.blocks = 0;
+        }
+        while (top) {
+            signed char* next = head_of(top)->next_batch;
+            free_chain(top);
+            top = next;
+        }
+    }
+}
+
+}  // namespace
+
+// Moves blocks between a thread's cache and the pool.
+struct alloc_internals_t {
+    // Moves up to `n` of the newest blocks of ring k into the pool as one batch.
+    static void spill(cached_allocator_helper::ring_t& r, unsigned int k, unsigned int n) {
+        if (n > r.count)
+            n = r.count;
+        if (!n)
+            return;
+        signed char* first = nullptr;
+        for (unsigned int i = 0; i < n; ++i) {
+            signed char* b = r.slots[--r.count];
+            head_of(b)->next_block = first;
+            first = b;
+        }
+        pool_put(k, first, n);
+    }
+
+    static void drop_cache(cached_allocator_helper* cache) {
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            cached_allocator_helper::ring_t& r = cache->m_rings[k];
+            while (r.count)
+                spill(r, k, BATCH_BLOCKS);
+        }
+        delete cache;
+    }
+};
+
+namespace {
+
+// ---- the calling thread's cache ----------------------------------------------
+
+// Plain thread-locals without constructors: the hot path reads the pointer
+// without an initialisation guard.
+thread_local cached_allocator_helper* t_cache = nullptr;
+// Set once the thread's exit hook has run: allocations made after it (by
+// other thread-local destructors) bypass the cache.
+thread_local bool t_ended = false;
+
+void drop_cache(cached_allocator_helper* cache) { alloc_internals_t::drop_cache(cache); }
+
+// Drops the cache when the thread ends, for threads that never call
+// tls_cleanup (threads the library did not start).
+struct thread_exit_hook_t {
+    bool armed = false;
+    ~thread_exit_hook_t() {
+        t_ended = true;
+        cached_allocator_helper* cache = t_cache;
+        t_cache = nullptr;
+        if (cache)
+            drop_cache(cache);
+    }
+};
+thread_local thread_exit_hook_t t_exit_hook;
+
+// The clean-up of the thread-local slot, run by tls_cleanup on the thread
+// itself. A slot left over from an earlier allocator holds a cache that is
+// already gone: only the current one is dropped.
+void SSB_STDCALL drop_slot_cache(void* value) {
+    if (value && value == t_cache) {
+        t_cache = nullptr;
+        drop_cache(static_cast<cached_allocator_helper*>(value));
+    }
+}
+
+std::atomic<ssb_allocator_t*> s_instance(nullptr);
+std::atomic<i8_allocator_it*> s_default(nullptr);
+
+void destroy_instance() {
+    ssb_allocator_t* p = ssb_allocator_t::peek();
+    if (p)
+        p->release();
+    else
+        singleton_life_t::instance().unregist(destroy_instance);
+}
+
+}  // namespace
+
+unsigned int alloc_class_of(unsigned int size) {
+    return size < ALLOC_MAX_CACHED ? s_classes.k[size / ALLOC_UNIT] : ALLOC_CLASS_COUNT;
+}
+
+// ---- back ends ---------------------------------------------------------------
+
+i8_allocator_it* i8_allocator_it::instance() {
+    i8_allocator_it* p = s_default.load(std::memory_order_acquire);
+    if (p)
+        return p;
+    auto_lock_t<thread_mutex_recursive> guard(global_lock());
+    p = s_default.load(std::memory_order_relaxed);
+    if (!p) {
+        p = new (std::nothrow) new_i8_allocator_t;
+        s_default.store(p, std::memory_order_release);
+    }
+    return p;
+}
+
+new_i8_allocator_t::new_i8_allocator_t() : m_page_size(plat::page_size()) {
+    UTIL_LOG(LOG_INFO, "new_i8_allocator_t::new_i8_allocator_t, m_page_size = " << m_page_size);
+}
+
+signed char* new_i8_allocator_t::allocate(unsigned int count) {
+    if (count == 0)
+        UTIL_ASSERT_MSG("new_i8_allocator_t::allocate, count = " << count, SOURCE_PATH, 113, ", this = " << this);
+    return new (std::nothrow) signed char[count];
+}
+
+void new_i8_allocator_t::deallocate(signed char* block, unsigned int) { delete[] block; }
+
+signed char* c_i8_allocator_t::allocate(unsigned int count) {
+    // malloc(0) may give null; one byte keeps "null means no memory".
+    return static_cast<signed char*>(malloc(count ? count : 1));
+}
+
+void c_i8_allocator_t::deallocate(signed char* block, unsigned int) { free(block); }
+
+signed char* std_i8_allocator_t::allocate(unsigned int count) {
+    try {
+        return std::allocator<signed char>().allocate(count ? count : 1);
+    } catch (...) {
+        return nullptr;
+    }
+}
+
+void std_i8_allocator_t::deallocate(signed char* block, unsigned int count) {
+    if (block)
+        std::allocator<signed char>().deallocate(block, count ? count : 1);
+}
+
+// ---- cached_allocator_helper ---------------------------------------------------
+
+cached_allocator_helper::cached_allocator_helper(unsigned int capacity, i8_allocator_it* back_end)
+    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_records(), m_rings(), m_slots(nullptr) {
+    unsigned int capacities[ALLOC_CLASS_COUNT];
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
+        capacities[k] = capacity;
+    init_rings(capacities);
+}
+
+cached_allocator_helper::cached_allocator_helper(const unsigned int* capacities, i8_allocator_it* back_end)
+    : m_back_end(back_end ? back_end : i8_allocator_it::instance()), m_records(), m_rings(), m_slots(nullptr) {
+    init_rings(capacities);
+}
+
+void cached_allocator_helper::init_rings(const unsigned int* capacities) {
+    unsigned int total = 0;
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
+        total += clamp_ring(capacities[k]);
+    m_slots = new (std::nothrow) signed char*[total];
+    // Without slot memory every ring has capacity 0: nothing is cached and
+    // every release returns 999.
+    unsigned int offset = 0;
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        m_rings[k].count = 0;
+        m_rings[k].capacity = m_slots ? clamp_ring(capacities[k]) : 0;
+        m_rings[k].slots = m_slots ? m_slots + offset : nullptr;
+        offset += m_rings[k].capacity;
+    }
+}
+
+cached_allocator_helper::~cached_allocator_helper() {
+    UTIL_LOG(LOG_INFO, "cached_allocator_st::cached_allocator_helper::~cached_allocator_helper(), this = " << this);
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        ring_t& r = m_rings[k];
+        while (r.count)
+            m_back_end->deallocate(r.slots[--r.count], alloc_class_bytes(k));
+    }
+    delete[] m_slots;
+}
+
+signed char* cached_allocator_helper::allocate(unsigned int size) {
+    if (size >= ALLOC_MAX_CACHED)
+        return m_back_end->allocate(size);
+    const unsigned int first = s_classes.k[size / ALLOC_UNIT];
+    for (unsigned int k = first; k < ALLOC_CLASS_COUNT; ++k) {
+        ++m_records[k].requests;
+        ring_t& r = m_rings[k];
+        if (r.count) {
+            ++m_records[k].hits;
+            return r.slots[--r.count];
+        }
+    }
+    return m_back_end->allocate(alloc_class_bytes(first));
+}
+
+int cached_allocator_helper::deallocate(signed char* block, unsigned int size) {
+    if (size >= ALLOC_MAX_CACHED)
+        return ALLOC_NOT_KEPT;
+    const unsigned int k = s_classes.k[size / ALLOC_UNIT];
+    ++m_records[k].releases;
+    ring_t& r = m_rings[k];
+    if (r.count >= r.capacity)
+        return ALLOC_NOT_KEPT;
+    r.slots[r.count++] = block;
+    return RESULT_SUCCESS;
+}
+
+void cached_allocator_helper::dump() const {
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        UTIL_LOG(LOG_INFO, "cached_allocator_helper::dump(), class = "
+                               << k << ", requests = " << m_records[k].requests << ", hits = " << m_records[k].hits
+                               << ", releases = " << m_records[k].releases << ", cached = " << m_rings[k].count
+                               << ", capacity = " << m_rings[k].capacity << ", this = " << this);
+    }
+}
+
+// ---- cached_allocator_st ---------------------------------------------------------
+
+cached_allocator_st::cached_allocator_st(unsigned int count, i8_allocator_it* back_end)
+    : m_lock(), m_helper(count, back_end) {}
+
+cached_allocator_st::~cached_allocator_st() {}
+
+signed char* cached_allocator_st::allocate(unsigned int count) {
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    return m_helper.allocate(count);
+}
+
+void cached_allocator_st::deallocate(signed char* block, unsigned int count) {
+    if (!block)
+        return;
+    int rv;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        rv = m_helper.deallocate(block, count);
+    }
+    if (rv != RESULT_SUCCESS) {
+        // The helper took the block from its back end at its class's size.
+        unsigned int size = count < ALLOC_MAX_CACHED ? alloc_class_bytes(alloc_class_of(count)) : count;
+        m_helper.back_end()->deallocate(block, size);
+    }
+}
+
+void cached_allocator_st::dump() {
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    m_helper.dump();
+}
+
+// ---- ssb_allocator_t --------------------------------------------------------------
+
+const unsigned char ssb_allocator_t::CHECKER_RESULT[ssb_allocator_t::TRAILER_SIZE] = {
+    0x5b, 0x0c, 0x1a, 0x7e, 0x93, 0x4d, 0x41, 0xc2, 0xa8, 0x6f, 0x2e, 0xd1, 0x38, 0xb4, 0x75, 0xe9};
+
+namespace {
+
+// The thread's cache, in the shape ssb_allocator_t gives it.
+cached_allocator_helper* new_thread_cache() {
+    unsigned int capacities[ALLOC_CLASS_COUNT];
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
+        capacities[k] = ssb_allocator_t::CLASS_CACHE_BYTES / alloc_class_bytes(k);
+    static c_i8_allocator_t s_heap;
+    struct thread_cache_t : cached_allocator_helper {
+        explicit thread_cache_t(const unsigned int* c) : cached_allocator_helper(c, &s_heap) {}
+    };
+    return new (std::nothrow) thread_cache_t(capacities);
+}
+
+}  // namespace
+
+ssb_allocator_t* ssb_allocator_t::instance() {
+    ssb_allocator_t* p = s_instance.load(std::memory_order_acquire);
+    if (p)
+        return p;
+    // The slot allocator first and outside the global lock: it registers
+    // itself with the singleton registry, whose lock is taken before the
+    // global one on clean-up.
+    tls_slots_allocator_t::instance();
+    {
+        auto_lock_t<thread_mutex_recursive> guard(global_lock());
+        p = s_instance.load(std::memory_order_relaxed);
+        if (p)
+            return p;
+        p = new (std::nothrow) ssb_allocator_t;
+        if (!p)
+            return nullptr;
+        s_instance.store(p, std::memory_order_release);
+    }
+    singleton_life_t::instance().regist(destroy_instance);
+    return p;
+}
+
+ssb_allocator_t* ssb_allocator_t::peek() { return s_instance.load(std::memory_order_acquire); }
+
+ssb_allocator_t::ssb_allocator_t() : m_key(0), m_has_key(false) {
+    UTIL_LOG(LOG_INFO, "ssb_allocator_t::ssb_allocator_t() with memory pool, this = " << this);
+    // The key is never given back: a thread still running after release
+    // may hold an entry under it, which must not turn up under a reused key.
+    m_has_key = tls_allocate_key(m_key) == RESULT_SUCCESS;
+    pool();
+}
+
+ssb_allocator_t::~ssb_allocator_t() {
+    UTIL_LOG(LOG_INFO, "ssb_allocator_t::~ssb_allocator_t(), this = " << this);
+    release_tls();
+    pool_drain();
+}
+
+void ssb_allocator_t::destroy() {
+    ssb_allocator_t* p = s_instance.exchange(nullptr, std::memory_order_acq_rel);
+    delete p;
+    singleton_life_t::instance().unregist(destroy_instance);
+}
+
+void ssb_allocator_t::release() {
+    if (s_instance.load(std::memory_order_acquire) == this)
+        destroy();
+}
+
+signed char* ssb_allocator_t::allocate(unsigned int count) {
+    if (count > MAX_COUNT - TRAILER_SIZE) {
+        UTIL_ASSERT_MSG("ssb_allocator_t::allocate, count = " << count, SOURCE_PATH, 113, ", this = " << this);
+        return nullptr;
+    }
+    const unsigned int size = count + TRAILER_SIZE;
+    signed char* block;
+    if (size >= ALLOC_MAX_CACHED) {
+        block = static_cast<signed char*>(malloc(size));
+    } else {
+        const unsigned int k = s_classes.k[size / ALLOC_UNIT];
+        cached_allocator_helper* cache = t_cache;
+        if (!cache)
+            cache = thread_cache();
+        if (cache) {
+            cached_allocator_helper::ring_t& r = cache->m_rings[k];
+            ++cache->m_records[k].requests;
+            if (r.count) {
+                ++cache->m_records[k].hits;
+                block = r.slots[--r.count];
+            } else {
+                block = refill(cache, k);
+            }
+        } else {
+            block = heap_block(k);
+        }
+    }
+    if (block)
+        memcpy(block + count, CHECKER_RESULT, TRAILER_SIZE);
+    return block;
+}
+
+signed char* ssb_allocator_t::refill(cached_allocator_helper* cache, unsigned int k) {
+    cached_allocator_helper::ring_t& r = cache->m_rings[k];
+    signed char* b = pool_get(k);
+    if (b) {
+        while (b) {
+            signed char* next = head_of(b)->next_block;
+            r.slots[r.count++] = b;
+            b = next;
+        }
+        ++cache->m_records[k].hits;
+        return r.slots[--r.count];
+    }
+    // A larger cached block serves a smaller request before the C heap does.
+    for (unsigned int j = k + 1; j < ALLOC_CLASS_COUNT; ++j) {
+        ++cache->m_records[j].requests;
+        cached_allocator_helper::ring_t& rj = cache->m_rings[j];
+        if (rj.count) {
+            ++cache->m_records[j].hits;
+            return rj.slots[--rj.count];
+        }
+    }
+    return heap_block(k);
+}
+
+void ssb_allocator_t::deallocate(signed char* block, unsigned int count) {
+    if (!block)
+        return;
+    if (count > MAX_COUNT - TRAILER_SIZE || memcmp(block + count, CHECKER_RESULT, TRAILER_SIZE) != 0) {
+        char marker[37];
+        marker_text(marker);
+        UTIL_ASSERT_MSG("ssb_allocator_t::deallocate MUST from ssb_allocator, trailer = "
+                            << log_ptr(block + count) << ", CHECKER_RESULT = " << marker,
+                        SOURCE_PATH, 526, ", this = " << this);
+        if (count > MAX_COUNT - TRAILER_SIZE) {
+            free(block);
+            return;
+        }
+    }
+    const unsigned int size = count + TRAILER_SIZE;
+    if (size >= ALLOC_MAX_CACHED) {
+        free(block);
+        return;
+    }
+    const unsigned int k = s_classes.k[size / ALLOC_UNIT];
+    cached_allocator_helper* cache = t_cache;
+    if (!cache)
+        cache = thread_cache();
+    if (!cache) {
+        free(block);
+        pool().heap_blocks.fetch_sub(1, std::memory_order_relaxed);
+        return;
+    }
+    ++cache->m_records[k].releases;
+    cached_allocator_helper::ring_t& r = cache->m_rings[k];
+    if (r.count >= r.capacity)
+        alloc_internals_t::spill(r, k, BATCH_BLOCKS);
+    r.slots[r.count++] = block;
+}
+
+cached_allocator_helper* ssb_allocator_t::thread_cache() {
+    if (t_ended)
+        return nullptr;
+    cached_allocator_helper* cache = new_thread_cache();
+    if (!cache || !cache->m_slots) {
+        delete cache;
+        return nullptr;
+    }
+    t_exit_hook.armed = true;
+    t_cache = cache;
+    // Threads the library runs have a slot table, and their tls_cleanup
+    // drops the cache. Other threads are left to the exit hook: giving them
+    // a table would leak it, as they never call tls_cleanup.
+    void* value = nullptr;
+    if (m_has_key && tls_getspecific_value(m_key, value) != RESULT_NOTHING_TO_DO)
+        tls_setspecific_value(m_key, cache, drop_slot_cache);
+    return cache;
+}
+
+void ssb_allocator_t::release_tls() {
+    UTIL_LOG(LOG_INFO, "ssb_allocator_t::release_tls(), this = " << this);
+    cached_allocator_helper* cache = t_cache;
+    t_cache = nullptr;
+    if (cache)
+        drop_cache(cache);
+}
+
+void ssb_allocator_t::dump() {
+    cached_allocator_helper* cache = t_cache;
+    if (cache)
+        cache->dump();
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        pool_t::class_pool_t& c = pool().classes[k];
+        uint32_t blocks;
+        {
+            auto_lock_t<spin_lock> guard(c.lock);
+            blocks = c.blocks;
+        }
+        UTIL_LOG(LOG_INFO, "ssb_allocator_t::dump(), pool class = " << k << ", blocks = " << blocks
+                                                                    << ", bytes = " << blocks * alloc_class_bytes(k)
+                                                                    << ", this = " << this);
+    }
+    UTIL_LOG(LOG_INFO, "ssb_allocator_t::dump(), heap blocks = "
+                           << static_cast<long long>(pool().heap_blocks.load(std::memory_order_relaxed))
+                           << ", this = " << this);
+}
+
+void ssb_allocator_t::stats(stats_t& out) {
+    out.heap_blocks = pool().heap_blocks.load(std::memory_order_relaxed);
+    out.pool_blocks = 0;
+    out.pool_bytes = 0;
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        pool_t::class_pool_t& c = pool().classes[k];
+        auto_lock_t<spin_lock> guard(c.lock);
+        out.pool_blocks += c.blocks;
+        out.pool_bytes += static_cast<int64_t>(c.blocks) * alloc_class_bytes(k);
+    }
+    out.cached_blocks = 0;
+    out.cached_bytes = 0;
+    cached_allocator_helper* cache = t_cache;
+    if (cache) {
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            out.cached_blocks += cache->m_rings[k].count;
+            out.cached_bytes += static_cast<int64_t>(cache->m_rings[k].count) * alloc_class_bytes(k);
+        }
+    }
+}
+
+}  // namespace ssb

@@ -1,0 +1,533 @@
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+#include <atomic>
+#include <deque>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "alloc.h"
+#include "test_log_support.h"
+#include "test_support.h"
+#include "tls.h"
+#include "util.h"
+
+using namespace ssb;
+
+namespace {
+
+// A C-heap back end that counts live blocks and remembers the last size
+// asked for.
+class counting_back_end_t : public i8_allocator_it {
+public:
+    signed char* allocate(unsigned int count) override {
+        m_last_size.store(count, std::memory_order_relaxed);
+        m_live.fetch_add(1, std::memory_order_relaxed);
+        return static_cast<signed char*>(malloc(count ? count : 1));
+    }
+    void deallocate(signed char* block, unsigned int) override {
+        if (!block)
+            return;
+        m_live.fetch_sub(1, std::memory_order_relaxed);
+        free(block);
+    }
+    int live() const { return m_live.load(std::memory_order_relaxed); }
+    unsigned int last_size() const { return m_last_size.load(std::memory_order_relaxed); }
+
+private:
+    std::atomic<int> m_live{0};
+    std::atomic<unsigned int> m_last_size{0};
+};
+
+ssb_allocator_t::stats_t stats() {
+    ssb_allocator_t::stats_t s;
+    ssb_allocator_t::stats(s);
+    return s;
+}
+
+TEST(AllocClass, SizesMapToPowerOfTwoClasses) {
+    struct {
+        unsigned int size;
+        unsigned int k;
+    } const cases[] = {{0, 0},    {31, 0},   {32, 1},   {63, 1},   {64, 2},   {127, 2},
+                       {128, 3},  {255, 3},  {256, 4},  {511, 4},  {512, 5},  {1023, 5},
+                       {1024, 6}, {2047, 6}, {2048, 7}, {4095, 7}, {4096, 8}, {100000, 8}};
+    for (const auto& c : cases)
+        EXPECT_EQ(c.k, alloc_class_of(c.size)) << "size " << c.size;
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        EXPECT_EQ(k, alloc_class_of(alloc_class_bytes(k) - 1)) << "largest size of class " << k;
+        EXPECT_EQ(k + 1, alloc_class_of(alloc_class_bytes(k))) << "class bytes of " << k;
+    }
+}
+
+// ---- back ends -----------------------------------------------------------------
+
+TEST(I8Allocator, InstanceIsOneNewAllocatorForEveryThread) {
+    std::vector<i8_allocator_it*> seen(8, nullptr);
+    util_test::run_threads(8, [&](int i) { seen[i] = i8_allocator_it::instance(); });
+    for (i8_allocator_it* p : seen)
+        EXPECT_EQ(i8_allocator_it::instance(), p);
+    new_i8_allocator_t* n = dynamic_cast<new_i8_allocator_t*>(i8_allocator_it::instance());
+    ASSERT_NE(nullptr, n);
+    EXPECT_GE(n->page_size(), 4096u);
+    EXPECT_EQ(0u, n->page_size() & (n->page_size() - 1)) << "a power of two";
+}
+
+TEST(I8Allocator, BackEndsRoundTrip) {
+    new_i8_allocator_t by_new;
+    c_i8_allocator_t by_c;
+    std_i8_allocator_t by_std;
+    i8_allocator_it* all[] = {&by_new, &by_c, &by_std};
+    for (i8_allocator_it* a : all) {
+        for (unsigned int n : {1u, 31u, 4096u, 70000u}) {
+            signed char* p = a->allocate(n);
+            ASSERT_NE(nullptr, p);
+            memset(p, 0x5a, n);
+            a->deallocate(p, n);
+        }
+        a->deallocate(nullptr, 10);
+    }
+}
+
+class AllocLog : public ::testing::Test {
+protected:
+    void SetUp() override { util_test::capture_util_log(&m_log); }
+    void TearDown() override { util_test::restore_log_routing(); }
+    util_test::text_capture_t m_log;
+};
+
+TEST_F(AllocLog, NewAllocatorLogsPageSizeAndAssertsOnZeroCount) {
+    new_i8_allocator_t a;
+    EXPECT_TRUE(
+        m_log.contains("new_i8_allocator_t::new_i8_allocator_t, m_page_size = " + std::to_string(a.page_size())));
+    signed char* p = a.allocate(0);
+    EXPECT_NE(nullptr, p) << "a bad count is still served";
+    EXPECT_TRUE(m_log.contains("assert: msg[new_i8_allocator_t::allocate, count = 0] file[alloc], line = [113]"));
+    a.deallocate(p, 0);
+}
+
+// ---- cached_allocator_helper ------------------------------------------------------
+
+TEST(CachedHelper, RingCapacityIsClamped) {
+    counting_back_end_t back;
+    cached_allocator_helper small(1, &back);
+    cached_allocator_helper mid(100, &back);
+    cached_allocator_helper big(100000, &back);
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+        EXPECT_EQ(ALLOC_MIN_RING, small.ring_capacity(k));
+        EXPECT_EQ(100u, mid.ring_capacity(k));
+        EXPECT_EQ(ALLOC_MAX_RING, big.ring_capacity(k));
+    }
+}
+
+TEST(CachedHelper, BoundarySizesLandInTheirClassesAndLargeOnesAreNeverKept) {
+    counting_back_end_t back;
+    cached_allocator_helper h(64, &back);
+    struct {
+        unsigned int size;
+        unsigned int k;
+    } const cases[] = {{31, 0}, {32, 1}, {4095, 7}};
+    for (const auto& c : cases) {
+        signed char* p = h.allocate(c.size);
+        ASSERT_NE(nullptr, p);
+        EXPECT_EQ(alloc_class_bytes(c.k), back.last_size()) << "a fresh block has its class's full size";
+        EXPECT_EQ(RESULT_SUCCESS, h.deallocate(p, c.size));
+        EXPECT_EQ(1u, h.cached(c.k)) << "size " << c.size;
+        EXPECT_EQ(1u, h.record(c.k).releases);
+    }
+    signed char* large = h.allocate(4096);
+    ASSERT_NE(nullptr, large);
+    EXPECT_EQ(4096u, back.last_size());
+    EXPECT_EQ(ALLOC_NOT_KEPT, h.deallocate(large, 4096));
+    back.deallocate(large, 4096);
+    EXPECT_EQ(3, back.live()) << "the three cached blocks";
+}
+
+TEST(CachedHelper, HitReturnsTheNewestBlockOfTheClassAndCountsIt) {
+    counting_back_end_t back;
+    cached_allocator_helper h(64, &back);
+    signed char* a = h.allocate(40);
+    signed char* b = h.allocate(40);
+    ASSERT_EQ(RESULT_SUCCESS, h.deallocate(a, 40));
+    ASSERT_EQ(RESULT_SUCCESS, h.deallocate(b, 50));
+    EXPECT_EQ(b, h.allocate(63));
+    EXPECT_EQ(a, h.allocate(32));
+    EXPECT_EQ(4u, h.record(1).requests);
+    EXPECT_EQ(2u, h.record(1).hits);
+    h.deallocate(a, 40);
+    h.deallocate(b, 40);
+}
+
+TEST(CachedHelper, RequestWalksUpToALargerCachedClass) {
+    counting_back_end_t back;
+    cached_allocator_helper h(64, &back);
+    signed char* big = h.allocate(600);
+    ASSERT_EQ(RESULT_SUCCESS, h.deallocate(big, 600));
+    ASSERT_EQ(1u, h.cached(5));
+    int live = back.live();
+    uint32_t before[ALLOC_CLASS_COUNT];
+    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
+        before[k] = h.record(k).requests;
+    EXPECT_EQ(big, h.allocate(100)) << "served from class 5 while class 2 is empty";
+    EXPECT_EQ(live, back.live()) << "no fresh block taken";
+    for (unsigned int k = 2; k <= 5; ++k)
+        EXPECT_EQ(before[k] + 1, h.record(k).requests) << "class " << k;
+    EXPECT_EQ(0u, h.record(2).hits);
+    EXPECT_EQ(1u, h.record(5).hits);
+    EXPECT_EQ(before[6], h.record(6).requests) << "the walk stops at the hit";
+    EXPECT_EQ(0u, h.cached(5));
+    h.deallocate(big, 100);
+}
+
+TEST(CachedHelper, FullRingRefusesWith999AndKeepsItsBlocks) {
+    counting_back_end_t back;
+    cached_allocator_helper h(1, &back);
+    std::vector<signed char*> kept;
+    for (unsigned int i = 0; i < ALLOC_MIN_RING; ++i)
+        kept.push_back(h.allocate(20));
+    signed char* extra = h.allocate(20);
+    for (signed char* p : kept)
+        ASSERT_EQ(RESULT_SUCCESS, h.deallocate(p, 20));
+    EXPECT_EQ(ALLOC_NOT_KEPT, h.deallocate(extra, 20));
+    EXPECT_EQ(ALLOC_MIN_RING, h.cached(0));
+    back.deallocate(extra, 20);
+    std::vector<signed char*> back_out;
+    for (unsigned int i = 0; i < ALLOC_MIN_RING; ++i)
+        back_out.push_back(h.allocate(20));
+    std::sort(kept.begin(), kept.end());
+    std::sort(back_out.begin(), back_out.end());
+    EXPECT_EQ(kept, back_out) << "exactly the blocks kept before the refusal";
+    for (signed char* p : back_out)
+        h.deallocate(p, 20);
+}
+
+TEST(CachedHelper, DestructorFreesEveryCachedBlockToTheBackEnd) {
+    counting_back_end_t back;
+    {
+        cached_allocator_helper h(32, &back);
+        std::vector<std::pair<signed char*, unsigned int>> blocks;
+        for (unsigned int size = 0; size < 4096; size += 97)
+            blocks.push_back(std::make_pair(h.allocate(size), size));
+        for (auto& b : blocks)
+            EXPECT_EQ(RESULT_SUCCESS, h.deallocate(b.first, b.second));
+        EXPECT_EQ(static_cast<int>(blocks.size()), back.live());
+    }
+    EXPECT_EQ(0, back.live());
+}
+
+TEST_F(AllocLog, HelperDumpAndDestructionAreLogged) {
+    counting_back_end_t back;
+    {
+        cached_allocator_helper h(32, &back);
+        h.deallocate(h.allocate(300), 300);
+        h.dump();
+        EXPECT_TRUE(
+            m_log.contains("cached_allocator_helper::dump(), class = 4, requests = 1, hits = 0, releases = 1, cached = "
+                           "1, capacity = 32"));
+    }
+    EXPECT_TRUE(m_log.contains("cached_allocator_st::cached_allocator_helper::~cached_allocator_helper()"));
+}
+
+TEST(CachedAllocatorSt, SharedByThreadsLosesNothing) {
+    counting_back_end_t back;
+    {
+        cached_allocator_st shared(64, &back);
+        util_test::run_threads(4, [&](int t) {
+            std::vector<std::pair<signed char*, unsigned int>> mine;
+            for (int round = 0; round < 200; ++round) {
+                for (unsigned int i = 0; i < 20; ++i) {
+                    unsigned int size = (i * 211 + t * 37 + round) % 5000;
+                    signed char* p = shared.allocate(size);
+                    ASSERT_NE(nullptr, p);
+                    memset(p, t, size);
+                    mine.push_back(std::make_pair(p, size));
+                }
+                for (auto& b : mine) {
+                    for (unsigned int j = 0; j < b.second; ++j)
+                        ASSERT_EQ(static_cast<signed char>(t), b.first[j]) << "a block handed to two threads";
+                    shared.deallocate(b.first, b.second);
+                }
+                mine.clear();
+            }
+        });
+        shared.deallocate(nullptr, 10);
+    }
+    EXPECT_EQ(0, back.live());
+}
+
+// ---- ssb_allocator_t ------------------------------------------------------------------
+
+// Starts and ends every test with no allocator and an empty pool, so the
+// heap count is the test's own.
+class SsbAllocator : public ::testing::Test {
+protected:
+    void SetUp() override {
+        reset();
+        ASSERT_EQ(0, stats().heap_blocks) << "an earlier test left blocks behind";
+    }
+    void TearDown() override {
+        reset();
+        EXPECT_EQ(0, stats().heap_blocks) << "blocks lost or freed twice";
+    }
+    static void reset() {
+        ssb_allocator_t* a = ssb_allocator_t::instance();
+        a->release_tls();
+        a->release();
+    }
+};
+
+TEST_F(SsbAllocator, TrailerFollowsTheCallersBytes) {
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    for (unsigned int n : {0u, 1u, 15u, 16u, 100u, 4079u, 4080u, 100000u}) {
+        signed char* p = a->allocate(n);
+        ASSERT_NE(nullptr, p) << n;
+        memset(p, 0x77, n);
+        EXPECT_EQ(0, memcmp(p + n, ssb_allocator_t::CHECKER_RESULT, ssb_allocator_t::TRAILER_SIZE)) << n;
+        a->deallocate(p, n);
+    }
+}
+
+TEST_F(SsbAllocator, SameThreadReusesTheBlockJustFreed) {
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    signed char* p = a->allocate(64);
+    a->deallocate(p, 64);
+    EXPECT_EQ(p, a->allocate(70)) << "same class, newest first";
+    signed char* q = a->allocate(0);
+    EXPECT_NE(nullptr, q);
+    EXPECT_NE(p, q);
+    a->deallocate(q, 0);
+    a->deallocate(p, 70);
+    EXPECT_EQ(2, stats().cached_blocks);
+    EXPECT_EQ(2, stats().heap_blocks);
+}
+
+TEST_F(SsbAllocator, CountsWhoseTrailerWouldOverflowAreRefused) {
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    EXPECT_EQ(nullptr, a->allocate(0xFFFFFFFFu));
+    EXPECT_TRUE(log.contains("assert: msg[ssb_allocator_t::allocate, count = 4294967295] file[alloc], line = [113]"));
+    EXPECT_EQ(nullptr, a->allocate(0xFFFFFFF0u));
+    EXPECT_TRUE(log.contains("count = 4294967280] file[alloc], line = [113]"));
+    EXPECT_EQ(0, stats().heap_blocks);
+    util_test::restore_log_routing();
+}
+
+TEST_F(SsbAllocator, WrongSizeOrForeignBlockIsReportedAndStillReleased) {
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    signed char* p = a->allocate(100);
+    a->deallocate(p, 50);
+    EXPECT_TRUE(log.contains("assert: msg[ssb_allocator_t::deallocate MUST from ssb_allocator, trailer = "));
+    EXPECT_TRUE(log.contains(", CHECKER_RESULT = 5b0c1a7e-934d-41c2-a86f-2ed138b475e9] file[alloc], line = [526]"));
+    EXPECT_EQ(p, a->allocate(50)) << "the release went on into the cache";
+    a->deallocate(p, 50);
+
+    log.clear();
+    signed char* foreign = static_cast<signed char*>(calloc(1, 256));
+    a->deallocate(foreign, 100);
+    EXPECT_TRUE(log.contains("line = [526]"));
+    EXPECT_EQ(foreign, a->allocate(100)) << "cached like any block of its class";
+    free(foreign);
+
+    log.clear();
+    a->deallocate(nullptr, 100);
+    EXPECT_FALSE(log.contains("assert")) << "a null block is ignored";
+    util_test::restore_log_routing();
+}
+
+TEST_F(SsbAllocator, BlocksCrossingThreadsAreNeitherLostNorDuplicated) {
+    const int ROUNDS = 20000 / util_test::ROUNDS_SCALE + 2000;
+    std::mutex mutex;
+    std::deque<std::pair<signed char*, unsigned int>> queue;
+    std::set<signed char*> live;
+    std::atomic<bool> produced(false);
+    std::atomic<int> faults(0);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    std::thread producer([&] {
+        for (int i = 0; i < ROUNDS; ++i) {
+            unsigned int size = (static_cast<unsigned int>(i) * 2654435761u) % 4200;
+            signed char* p = a->allocate(size);
+            if (!p) {
+                ++faults;
+                continue;
+            }
+            memset(p, static_cast<int>(size & 0x7f), size);
+            std::lock_guard<std::mutex> guard(mutex);
+            if (!live.insert(p).second)
+                ++faults;
+            queue.push_back(std::make_pair(p, size));
+        }
+        produced = true;
+    });
+    std::thread consumer([&] {
+        for (;;) {
+            std::pair<signed char*, unsigned int> item(nullptr, 0);
+            {
+                std::lock_guard<std::mutex> guard(mutex);
+                if (!queue.empty()) {
+                    item = queue.front();
+                    queue.pop_front();
+                    live.erase(item.first);
+                }
+            }
+            if (!item.first) {
+                if (produced && queue.empty())
+                    break;
+                std::this_thread::yield();
+                continue;
+            }
+            for (unsigned int j = 0; j < item.second; ++j) {
+                if (item.first[j] != static_cast<signed char>(item.second & 0x7f)) {
+                    ++faults;
+                    break;
+                }
+            }
+            a->deallocate(item.first, item.second);
+        }
+    });
+    producer.join();
+    consumer.join();
+    EXPECT_EQ(0, faults.load()) << "a block served twice or overwritten while live";
+    EXPECT_TRUE(live.empty());
+    ssb_allocator_t::stats_t s = stats();
+    EXPECT_EQ(0, s.cached_blocks) << "this thread took part in nothing";
+    EXPECT_EQ(s.pool_blocks, s.heap_blocks) << "both threads' caches went to the pool as they ended";
+}
+
+TEST_F(SsbAllocator, ThreadEndDropsItsCacheIntoThePool) {
+    int64_t cached_at_end = 0;
+    std::thread t([&] {
+        ssb_allocator_t* a = ssb_allocator_t::instance();
+        std::vector<signed char*> blocks;
+        for (int i = 0; i < 50; ++i)
+            blocks.push_back(a->allocate(200));
+        for (signed char* p : blocks)
+            a->deallocate(p, 200);
+        cached_at_end = stats().cached_blocks;
+    });
+    t.join();
+    EXPECT_EQ(50, cached_at_end);
+    ssb_allocator_t::stats_t s = stats();
+    EXPECT_EQ(50, s.pool_blocks) << "the exit hook dropped the cache";
+    EXPECT_EQ(50, s.heap_blocks);
+    signed char* reused = ssb_allocator_t::instance()->allocate(200);
+    EXPECT_EQ(49, stats().pool_blocks + stats().cached_blocks) << "a batch came back from the pool";
+    ssb_allocator_t::instance()->deallocate(reused, 200);
+}
+
+TEST_F(SsbAllocator, TlsCleanupDropsTheCacheOfALibraryThread) {
+    std::thread t([&] {
+        unsigned int key = 0;
+        ASSERT_EQ(RESULT_SUCCESS, tls_allocate_key(key));
+        // A thread the library runs has a slot table before it allocates.
+        ASSERT_EQ(RESULT_SUCCESS, tls_setspecific_value(key, nullptr, nullptr));
+        ssb_allocator_t* a = ssb_allocator_t::instance();
+        a->deallocate(a->allocate(10), 10);
+        a->deallocate(a->allocate(1000), 1000);
+        EXPECT_EQ(2, stats().cached_blocks);
+        tls_cleanup();
+        EXPECT_EQ(0, stats().cached_blocks) << "dropped by the slot's clean-up";
+        EXPECT_EQ(2, stats().pool_blocks);
+        tls_deallocate_key(key);
+    });
+    t.join();
+    EXPECT_EQ(2, stats().pool_blocks) << "nothing dropped twice";
+    EXPECT_EQ(2, stats().heap_blocks);
+}
+
+TEST_F(SsbAllocator, ReleaseTlsTwiceIsHarmless) {
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    a->deallocate(a->allocate(30), 30);
+    a->release_tls();
+    a->release_tls();
+    EXPECT_TRUE(log.contains("ssb_allocator_t::release_tls()"));
+    EXPECT_EQ(0, stats().cached_blocks);
+    EXPECT_EQ(1, stats().pool_blocks);
+    signed char* p = a->allocate(30);
+    EXPECT_NE(nullptr, p) << "a new cache starts on the next allocation";
+    a->deallocate(p, 30);
+    util_test::restore_log_routing();
+}
+
+TEST_F(SsbAllocator, ReleaseThenNextUseMakesAFreshAllocator) {
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    signed char* p = a->allocate(500);
+    a->release();
+    EXPECT_EQ(nullptr, ssb_allocator_t::peek());
+    EXPECT_TRUE(log.contains("ssb_allocator_t::~ssb_allocator_t()"));
+    log.clear();
+    ssb_allocator_t* b = ssb_allocator_t::instance();
+    ASSERT_NE(nullptr, b);
+    EXPECT_TRUE(log.contains("ssb_allocator_t::ssb_allocator_t() with memory pool"));
+    b->deallocate(p, 500);
+    EXPECT_EQ(p, b->allocate(500)) << "a block from before the release is a block like any other";
+    b->deallocate(p, 500);
+    util_test::restore_log_routing();
+}
+
+TEST_F(SsbAllocator, CachesAndPoolStayBoundedAfterABurst) {
+    const unsigned int BURST = 3000;
+    std::thread t([&] {
+        ssb_allocator_t* a = ssb_allocator_t::instance();
+        std::vector<signed char*> blocks(BURST);
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            unsigned int size = alloc_class_bytes(k) - ssb_allocator_t::TRAILER_SIZE - 1;
+            for (unsigned int i = 0; i < BURST; ++i)
+                blocks[i] = a->allocate(size);
+            for (unsigned int i = 0; i < BURST; ++i)
+                a->deallocate(blocks[i], size);
+        }
+        ssb_allocator_t::stats_t s = stats();
+        EXPECT_LE(s.cached_bytes, 2 * 1024 * 1024);
+        EXPECT_GE(s.cached_bytes, 1024 * 1024) << "the cache does keep blocks";
+        EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ALLOC_CLASS_COUNT) * ssb_allocator_t::POOL_HIGH_WATER);
+        EXPECT_EQ(s.heap_blocks, s.cached_blocks + s.pool_blocks) << "the rest went back to the C heap";
+        EXPECT_LT(s.heap_blocks, static_cast<int64_t>(BURST) * ALLOC_CLASS_COUNT);
+    });
+    t.join();
+    ssb_allocator_t::stats_t s = stats();
+    EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ALLOC_CLASS_COUNT) * ssb_allocator_t::POOL_HIGH_WATER);
+    EXPECT_EQ(s.heap_blocks, s.pool_blocks);
+}
+
+TEST_F(SsbAllocator, DumpLogsClassRecordsAndPool) {
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    a->deallocate(a->allocate(40), 40);
+    a->dump();
+    EXPECT_TRUE(
+        log.contains("cached_allocator_helper::dump(), class = 1, requests = 1, hits = 0, releases = 1, cached = 1"));
+    EXPECT_TRUE(log.contains("ssb_allocator_t::dump(), pool class = 7, blocks = 0"));
+    EXPECT_TRUE(log.contains("ssb_allocator_t::dump(), heap blocks = 1"));
+    util_test::restore_log_routing();
+}
+
+TEST_F(SsbAllocator, UtilInitCreatesItAndTheLastUninitReleasesEverything) {
+    util_init(3, nullptr, nullptr, nullptr, 0, 0);
+    ssb_allocator_t* a = ssb_allocator_t::peek();
+    ASSERT_NE(nullptr, a);
+    signed char* p = a->allocate(300);
+    std::thread t([&] { a->deallocate(a->allocate(300), 300); });
+    t.join();
+    util_init(4, nullptr, nullptr, nullptr, 0, 0);
+    util_uninit(4);
+    EXPECT_EQ(a, ssb_allocator_t::peek()) << "only the last call tears down";
+    a->deallocate(p, 300);
+    util_uninit(3);
+    EXPECT_EQ(nullptr, ssb_allocator_t::peek());
+    EXPECT_EQ(0, stats().heap_blocks) << "this thread's cache and the pool went back to the C heap";
+}
+
+}  // namespace
