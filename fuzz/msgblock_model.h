@@ -52,6 +52,13 @@ private:
     long m_live = 0;
 };
 
+// memcpy and memcmp must not see a null pointer, which an empty vector gives.
+inline void copy_bytes(void* to, const void* from, size_t n) {
+    if (n)
+        memmove(to, from, n);
+}
+inline bool same_bytes(const void* a, const void* b, size_t n) { return n == 0 || memcmp(a, b, n) == 0; }
+
 // CRC-32 one bit at a time: independent of the library's table paths.
 inline unsigned bitwise_crc32(unsigned crc, const unsigned char* p, size_t n) {
     for (size_t i = 0; i < n; ++i) {
@@ -122,6 +129,9 @@ private:
 };
 
 const int SLOTS = 4;
+// Copies and links could double a chain on every step; beyond this many
+// nodes they are skipped.
+const size_t MAX_NODES = 96;
 
 class driver_t {
 public:
@@ -180,7 +190,7 @@ private:
             expect(static_cast<size_t>(node->get_writer_cursor() - node->get_base()) == m.write, "write cursor");
             expect(node->is_read_locked() == m.rlock && node->is_write_locked() == m.wlock, "lock bits");
             // Every byte the node can see, room included.
-            expect(memcmp(node->get_base(), m.block->bytes.data(), m.block->bytes.size()) == 0, "block bytes");
+            expect(same_bytes(node->get_base(), m.block->bytes.data(), m.block->bytes.size()), "block bytes");
             before = node;
             node = node->next();
         }
@@ -308,13 +318,13 @@ private:
         n.block = std::make_shared<block_t>();
         n.block->bytes.assign(size, pattern_allocator_t::PATTERN);
         if (without_copy)
-            memcpy(n.block->bytes.data(), buffer, size);
+            copy_bytes(n.block->bytes.data(), buffer, size);
         else
-            memcpy(n.block->bytes.data(), buffer, len);
+            copy_bytes(n.block->bytes.data(), buffer, len);
         n.write = len;
         chain_t c(1, n);
         // A fresh chain is appended to what the slot holds, or takes it.
-        if (m_real[slot] && (in.u8() & 1)) {
+        if (m_real[slot] && (in.u8() & 1) && m_model[slot].size() < MAX_NODES) {
             expect(m_real[slot]->append(db) == ssb::RESULT_SUCCESS, "append fresh");
             m_model[slot].push_back(n);
         } else {
@@ -329,7 +339,7 @@ private:
             if (c[i].wlock)
                 return ssb::RESULT_REFUSED;
             const size_t n = std::min(c[i].room(), len - done);
-            memmove(c[i].block->bytes.data() + c[i].write, src + done, n);
+            copy_bytes(c[i].block->bytes.data() + c[i].write, src + done, n);
             c[i].write += n;
             done += n;
         }
@@ -378,7 +388,7 @@ private:
         expect(rv == mrv, "_read result");
         expect(done == mdone, "_read done");
         if (mode != 2)
-            expect(memcmp(dst.data(), expected.data(), mdone) == 0, "_read bytes");
+            expect(same_bytes(dst.data(), expected.data(), mdone), "_read bytes");
     }
 
     void do_peek_update(int slot, input_t& in) {
@@ -411,9 +421,9 @@ private:
                 const size_t n = std::min(avail - skip, len - done);
                 unsigned char* at = c[i].block->bytes.data() + c[i].read + skip;
                 if (is_update)
-                    memcpy(at, before.data() + done, n);
+                    copy_bytes(at, before.data() + done, n);
                 else
-                    memcpy(before.data() + done, at, n);
+                    copy_bytes(before.data() + done, at, n);
                 done += n;
                 skip = 0;
             }
@@ -521,7 +531,7 @@ private:
                 node_t n = x;
                 n.block = std::make_shared<block_t>();
                 n.block->bytes.assign(x.block->bytes.size(), pattern_allocator_t::PATTERN);
-                memcpy(n.block->bytes.data(), x.block->bytes.data(), x.write);
+                copy_bytes(n.block->bytes.data(), x.block->bytes.data(), x.write);
                 out.push_back(n);
             }
             if (got)
@@ -582,6 +592,8 @@ private:
     }
 
     void do_link(int slot, int other, input_t& in, int how) {
+        if (m_model[slot].size() + m_model[other].size() > MAX_NODES)
+            return;
         if (!m_real[other]) {
             // Linking a chain to itself is refused.
             expect(m_real[slot]->append(m_real[slot]) == ssb::RESULT_INVALID_ARG, "self append");
@@ -666,7 +678,7 @@ private:
                 break;
             }
             if (n < filled && (iov[n].iov_len != x.avail() ||
-                               memcmp(iov[n].iov_base, x.block->bytes.data() + x.read, x.avail()) != 0))
+                               !same_bytes(iov[n].iov_base, x.block->bytes.data() + x.read, x.avail())))
                 fail("fill_iov piece");
             ++n;
         }

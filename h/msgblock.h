@@ -97,16 +97,28 @@ public:
     i8_allocator_it* get_allocator() const { return m_allocator; }
     // Counts the writes made into the block through any node (_write, update,
     // move_write_forward), so a holder can tell that shared bytes changed.
+    // A hint: writers on two threads at once may count once.
     unsigned get_latest_modified() const { return m_latest_modified.load(std::memory_order_relaxed); }
 
+    // The count is kept here rather than in the base: a sole holder's
+    // release then needs no atomic read-modify-write.
+    uint32_t increment() override { return m_refs.fetch_add(1, std::memory_order_relaxed) + 1; }
+    uint32_t decrement() override;
+    uint32_t get_count() override { return m_refs.load(std::memory_order_relaxed); }
     void on_self_destroy() override;
 
 private:
     friend class msg_db_t;
     data_block_t(unsigned size, signed char* buffer, unsigned space, MSG_FLAG flags, i8_allocator_it* allocator,
-                 unsigned allocation);
+                 signed char* memory, unsigned allocation, uint32_t holders);
     ~data_block_t() override;
-    void touch() { m_latest_modified.fetch_add(1, std::memory_order_relaxed); }
+    void touch() {
+        m_latest_modified.store(m_latest_modified.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+    }
+    // One of the parties living in the allocation (the block, and the node
+    // made with it) is done; the last one frees the memory.
+    void drop_holder();
+    void free_memory();
 
     uint32_t m_capacity;
     signed char* m_buffer;
@@ -114,7 +126,12 @@ private:
     MSG_FLAG m_flags;
     i8_allocator_it* m_allocator;
     std::atomic<uint32_t> m_latest_modified;
-    // Bytes taken from the allocator for this object (and its copy).
+    std::atomic<uint32_t> m_refs;
+    // 2 while the node made together with the block lives in its
+    // allocation, else 1.
+    std::atomic<uint32_t> m_holders;
+    // The allocation: this object, or the node in front of it.
+    signed char* m_memory;
     uint32_t m_allocation;
 };
 
@@ -297,6 +314,9 @@ private:
     msg_db_t(i8_allocator_it* allocator, data_block_t* block, MSG_FLAG flags);
     ~msg_db_t();
     static msg_db_t* make_node(i8_allocator_it* allocator, data_block_t* block, MSG_FLAG flags);
+    // A node and a new block in one allocation.
+    static msg_db_t* make_with_block(unsigned size, const signed char* buffer, unsigned len, MSG_FLAG flags,
+                                     i8_allocator_it* allocator);
     static void free_node(msg_db_t* node);
     msg_db_t* copy_node(bool deep) const;
     msg_db_t* copy_chain(bool deep, bool reverse) const;
@@ -316,6 +336,8 @@ private:
     signed char* m_base;
     MSG_FLAG m_flags;
     data_block_t* m_block;
+    // The block whose allocation holds this node, or null.
+    data_block_t* m_home;
 };
 
 namespace detail {

@@ -16,14 +16,35 @@ namespace {
 
 const char SOURCE_PATH[] = ".\\msgblock";
 
-// The bytes of a copying block start after its object, 16-byte aligned.
+// The bytes of a copying block start after its object, 16-byte aligned; a
+// node made with its block sits in front of both.
 const uint32_t BLOCK_HEADER_SIZE = static_cast<uint32_t>((sizeof(data_block_t) + 15) & ~static_cast<size_t>(15));
+const uint32_t NODE_SIZE = static_cast<uint32_t>((sizeof(msg_db_t) + 15) & ~static_cast<size_t>(15));
 
 const uint64_t MAX_UNSIGNED = 0xFFFFFFFFull;
 
 i8_allocator_it* default_allocator() { return ssb_allocator_t::instance(); }
 
 inline unsigned min_of(unsigned a, unsigned b) { return a < b ? a : b; }
+
+// Refusals kept out of line: each log line builds on a 2 KiB stack buffer
+// that the hot paths should not carry.
+[[gnu::cold]] [[gnu::noinline]] void log_size_refused(unsigned size) {
+    UTIL_ASSERT_MSG("data_block_t::new_instance size is out of limitation, size = " << size, SOURCE_PATH, __LINE__, "");
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_out_of_memory(const char* what, unsigned size) {
+    UTIL_LOG(LOG_ERROR, what << " out of memory, size = " << size);
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_bad_creation(int line, unsigned size, unsigned len, unsigned flags) {
+    UTIL_ASSERT_LINE(SOURCE_PATH, line, ", size = " << size << ", len = " << len << ", flags = " << flags);
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_split_too_long(const void* self, unsigned len, unsigned total) {
+    UTIL_ASSERT_MSG("msg_db_t::split, len = " << len << ", total_len = " << total, SOURCE_PATH, __LINE__,
+                    ", this = " << log_ptr(self));
+}
 
 inline unsigned distance_of(const signed char* from, const signed char* to) { return static_cast<unsigned>(to - from); }
 
@@ -32,34 +53,67 @@ inline unsigned distance_of(const signed char* from, const signed char* to) { re
 // ---- data_block_t --------------------------------------------------------------
 
 data_block_t::data_block_t(unsigned size, signed char* buffer, unsigned space, MSG_FLAG flags,
-                           i8_allocator_it* allocator, unsigned allocation)
+                           i8_allocator_it* allocator, signed char* memory, unsigned allocation, uint32_t holders)
     : m_capacity(size),
       m_buffer(buffer),
       m_space(space),
       m_flags(flags),
       m_allocator(allocator),
       m_latest_modified(0),
+      m_refs(1),
+      m_holders(holders),
+      m_memory(memory),
       m_allocation(allocation) {}
 
 data_block_t::~data_block_t() {}
 
+uint32_t data_block_t::decrement() {
+    // A count of 1 seen with acquire is the caller's own reference: no one
+    // else can take another, and every other holder's writes happened
+    // before their decrements, which this load synchronises with.
+    uint32_t n;
+    if (m_refs.load(std::memory_order_acquire) == 1) {
+        m_refs.store(0, std::memory_order_relaxed);
+        n = 0;
+    } else {
+        n = m_refs.fetch_sub(1, std::memory_order_acq_rel) - 1;
+    }
+    if (n == 0)
+        on_self_destroy();
+    return n;
+}
+
+void data_block_t::on_self_destroy() { drop_holder(); }
+
+void data_block_t::drop_holder() {
+    if (m_holders.load(std::memory_order_acquire) == 1 || m_holders.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        free_memory();
+}
+
+void data_block_t::free_memory() {
+    i8_allocator_it* allocator = m_allocator;
+    signed char* memory = m_memory;
+    const uint32_t allocation = m_allocation;
+    this->~data_block_t();
+    allocator->deallocate(memory, allocation);
+}
+
 data_block_t* data_block_t::new_instance(unsigned size, const signed char* buffer, unsigned len, MSG_FLAG flags,
                                          i8_allocator_it* allocator) {
     if (len > size) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", len = " << len << ", size = " << size);
+        log_bad_creation(__LINE__, size, len, flags);
         len = size;
     }
     if (!buffer && len) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", len = " << len);
+        log_bad_creation(__LINE__, size, len, flags);
         len = 0;
     }
     if (!buffer && (flags & MSG_FLAG_WITHOUT_COPY)) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", flags = " << flags);
+        log_bad_creation(__LINE__, size, len, flags);
         flags &= ~MSG_FLAG_WITHOUT_COPY;
     }
     if (size > MSG_DB_MAX_BLOCK_SIZE) {
-        UTIL_ASSERT_MSG("data_block_t::new_instance size is out of limitation, size = " << size, SOURCE_PATH, __LINE__,
-                        "");
+        log_size_refused(size);
         return nullptr;
     }
     if (!allocator)
@@ -71,15 +125,13 @@ data_block_t* data_block_t::new_instance(unsigned size, const signed char* buffe
     const uint32_t allocation = BLOCK_HEADER_SIZE + (own ? size : 0);
     signed char* memory = allocator->allocate(allocation);
     if (!memory) {
-        UTIL_LOG(LOG_ERROR, "data_block_t::new_instance out of memory, size = " << size);
+        log_out_of_memory("data_block_t::new_instance", size);
         return nullptr;
     }
     signed char* data = own ? memory + BLOCK_HEADER_SIZE : const_cast<signed char*>(buffer);
     if (own && len)
         memcpy(data, buffer, len);
-    data_block_t* block = new (memory) data_block_t(size, data, size - len, flags, allocator, allocation);
-    block->increment();
-    return block;
+    return new (memory) data_block_t(size, data, size - len, flags, allocator, memory, allocation, 1);
 }
 
 data_block_t* data_block_t::new_instance(unsigned size) {
@@ -97,13 +149,6 @@ data_block_t* data_block_t::clone(bool without_copy) {
     return block;
 }
 
-void data_block_t::on_self_destroy() {
-    i8_allocator_it* allocator = m_allocator;
-    const uint32_t allocation = m_allocation;
-    this->~data_block_t();
-    allocator->deallocate(reinterpret_cast<signed char*>(this), allocation);
-}
-
 // ---- msg_db_t: life ------------------------------------------------------------------
 
 msg_db_t::msg_db_t(i8_allocator_it* allocator, data_block_t* block, MSG_FLAG flags)
@@ -114,7 +159,8 @@ msg_db_t::msg_db_t(i8_allocator_it* allocator, data_block_t* block, MSG_FLAG fla
       m_write(block->begin() + block->length()),
       m_base(block->begin()),
       m_flags(flags),
-      m_block(block) {}
+      m_block(block),
+      m_home(nullptr) {}
 
 msg_db_t::~msg_db_t() {}
 
@@ -129,25 +175,69 @@ msg_db_t* msg_db_t::make_node(i8_allocator_it* allocator, data_block_t* block, M
     return new (memory) msg_db_t(allocator, block, flags);
 }
 
+msg_db_t* msg_db_t::make_with_block(unsigned size, const signed char* buffer, unsigned len, MSG_FLAG flags,
+                                    i8_allocator_it* allocator) {
+    if (size > MSG_DB_MAX_BLOCK_SIZE) {
+        UTIL_ASSERT_MSG("data_block_t::new_instance size is out of limitation, size = " << size, SOURCE_PATH, __LINE__,
+                        "");
+        return nullptr;
+    }
+    const bool own = (flags & MSG_FLAG_WITHOUT_COPY) == 0;
+    const uint32_t allocation = NODE_SIZE + BLOCK_HEADER_SIZE + (own ? size : 0);
+    signed char* memory = allocator->allocate(allocation);
+    if (!memory) {
+        log_out_of_memory("msg_db_t::new_instance", size);
+        return nullptr;
+    }
+    signed char* data = own ? memory + NODE_SIZE + BLOCK_HEADER_SIZE : const_cast<signed char*>(buffer);
+    if (own && len)
+        memcpy(data, buffer, len);
+    data_block_t* block = new (memory + NODE_SIZE)
+        data_block_t(size, data, size - len, flags & MSG_FLAG_WITHOUT_COPY, allocator, memory, allocation, 2);
+    msg_db_t* node = new (memory) msg_db_t(allocator, block, flags);
+    node->m_home = block;
+    return node;
+}
+
 void msg_db_t::free_node(msg_db_t* node) {
     i8_allocator_it* allocator = node->m_allocator;
-    node->m_block->release();
+    data_block_t* block = node->m_block;
+    data_block_t* home = node->m_home;
     node->~msg_db_t();
-    allocator->deallocate(reinterpret_cast<signed char*>(node), sizeof(msg_db_t));
+    if (!home) {
+        allocator->deallocate(reinterpret_cast<signed char*>(node), sizeof(msg_db_t));
+        block->release();
+        return;
+    }
+    // The node and its block die together when no other node views the
+    // block: the common case, with no atomic read-modify-write.
+    if (block == home && block->m_refs.load(std::memory_order_acquire) == 1) {
+        block->free_memory();
+        return;
+    }
+    block->release();
+    home->drop_holder();
 }
 
 msg_db_t* msg_db_t::new_instance(unsigned size, signed char* buffer, unsigned len, MSG_FLAG flags,
                                  i8_allocator_it* allocator) {
     if (!buffer && (flags & MSG_FLAG_WITHOUT_COPY)) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", flags = " << flags);
+        log_bad_creation(__LINE__, size, len, flags);
         flags &= ~MSG_FLAG_WITHOUT_COPY;
+    }
+    if (len > size) {
+        log_bad_creation(__LINE__, size, len, flags);
+        len = size;
+    }
+    if (!buffer && len) {
+        log_bad_creation(__LINE__, size, len, flags);
+        len = 0;
     }
     if (!allocator)
         allocator = default_allocator();
-    data_block_t* block = data_block_t::new_instance(size, buffer, len, flags, allocator);
-    if (!block)
+    if (!allocator)
         return nullptr;
-    return make_node(allocator, block, flags);
+    return make_with_block(size, buffer, len, flags, allocator);
 }
 
 msg_db_t* msg_db_t::new_instance(unsigned size) { return new_instance(size, nullptr, 0, MSG_FLAG_NONE, nullptr); }
@@ -486,20 +576,20 @@ int msg_db_t::move_write_forward(unsigned distance) {
 // ---- split and copies -----------------------------------------------------------------
 
 msg_db_t* msg_db_t::copy_node(bool deep) const {
-    data_block_t* block = m_block;
     const unsigned used = distance_of(m_base, m_write);
+    msg_db_t* node;
     if (deep) {
-        block = data_block_t::new_instance(m_block->m_capacity, m_base, used, m_block->m_flags & ~MSG_FLAG_WITHOUT_COPY,
-                                           m_allocator);
-        if (!block)
+        node = make_with_block(m_block->m_capacity, m_base, used, m_flags & ~MSG_FLAG_WITHOUT_COPY, m_allocator);
+        if (!node)
             return nullptr;
+        node->m_flags = m_flags & ~MSG_FLAG_WITHOUT_COPY;
     } else {
-        block->increment();
+        m_block->increment();
+        node = make_node(m_allocator, m_block, m_flags);
+        if (!node)
+            return nullptr;
+        node->m_base = m_base;
     }
-    msg_db_t* node = make_node(m_allocator, block, m_flags);
-    if (!node)
-        return nullptr;
-    node->m_base = deep ? block->begin() : m_base;
     node->m_read = node->m_base + distance_of(m_base, m_read);
     node->m_write = node->m_base + used;
     return node;
@@ -508,14 +598,9 @@ msg_db_t* msg_db_t::copy_node(bool deep) const {
 msg_db_t* msg_db_t::split(unsigned len) {
     if (len == 0)
         return nullptr;
-    const uint64_t total = length64();
-    if (len > total) {
-        UTIL_ASSERT_MSG("msg_db_t::split, len = " << len << ", total_len = " << total, SOURCE_PATH, __LINE__,
-                        ", this = " << log_ptr(this));
-        return nullptr;
-    }
-    // Every duplicate is made before any cursor moves, so a failure leaves
-    // this chain as it was.
+    // Every duplicate is made before any cursor moves, so a refusal or a
+    // failure leaves this chain as it was. Only the nodes that give bytes
+    // are walked; a request beyond the end is found by reaching it.
     msg_db_t* head = nullptr;
     msg_db_t* last = nullptr;
     unsigned remaining = len;
@@ -549,6 +634,12 @@ msg_db_t* msg_db_t::split(unsigned len) {
             head = tmp_db;
         }
         last = tmp_db;
+    }
+    if (remaining) {
+        if (head)
+            head->release();
+        log_split_too_long(this, len, len - remaining);
+        return nullptr;
     }
     move_reader_forward(len);
     return head;
@@ -658,11 +749,23 @@ unsigned msg_db_t::compress() {
     return released;
 }
 
+namespace {
+
+[[gnu::cold]] [[gnu::noinline]] void log_link_refused(const char* what, const void* other, const void* self) {
+    if (!other)
+        UTIL_ASSERT_MSG("msg_db_t::" << what << " db should be not NULL", SOURCE_PATH, __LINE__,
+                        ", this = " << log_ptr(self));
+    else
+        UTIL_ASSERT_MSG("msg_db_t::" << what << " db should be the head of another chain", SOURCE_PATH, __LINE__,
+                        ", db = " << log_ptr(other) << ", this = " << log_ptr(self));
+}
+
+}  // namespace
+
 msg_db_t* msg_db_t::link_check(msg_db_t* other, const char* what, int* rv) const {
     *rv = RESULT_INVALID_ARG;
     if (!other) {
-        UTIL_ASSERT_MSG("msg_db_t::" << what << " db should be not NULL", SOURCE_PATH, __LINE__,
-                        ", this = " << log_ptr(this));
+        log_link_refused(what, other, this);
         return nullptr;
     }
     // A head whose chain holds this node is this chain's own head: linking
@@ -675,8 +778,7 @@ msg_db_t* msg_db_t::link_check(msg_db_t* other, const char* what, int* rv) const
             break;
     }
     if (own) {
-        UTIL_ASSERT_MSG("msg_db_t::" << what << " db should be the head of another chain", SOURCE_PATH, __LINE__,
-                        ", db = " << log_ptr(other) << ", this = " << log_ptr(this));
+        log_link_refused(what, other, this);
         return nullptr;
     }
     *rv = RESULT_SUCCESS;
