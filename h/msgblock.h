@@ -8,8 +8,9 @@
 // A node holds one reference on its block and sees it through its own
 // cursors; several nodes (in one chain or in several) may view one block.
 //  - These share blocks and copy no payload: duplicate(), split(), reversal()
-//    and new_instance(data_block_t*). clone_block(false) and clone() never
-//    share; combine() leaves its node with a private block.
+//    and new_instance(data_block_t*). clone() and data_block_t::clone(false)
+//    never share, and combine() of two or more nodes leaves one node over a
+//    private block.
 //  - Bytes written into a shared block are seen by every node whose view
 //    covers them: update() overwrites readable bytes in place, and _write()
 //    and move_write_forward() fill the room behind the write cursor, which
