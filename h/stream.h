@@ -18,6 +18,7 @@ namespace ssb {
 class local_date_t;
 class gmt_date_t;
 class msg_db_t;
+class _uuid_t;
 
 // ---- number-to-text routines ----------------------------------------------
 //
@@ -145,6 +146,10 @@ public:
     // the current radix; all or nothing. Null writes nothing.
     text_stream_t& operator<<(const local_date_t* date);
     text_stream_t& operator<<(const gmt_date_t* date);
+
+    // The identifier's 36-character text form (8-4-4-4-12, lower case) in
+    // any radix; all or nothing, no allocation.
+    text_stream_t& operator<<(const _uuid_t& id);
 
     // Eight groups of 4 upper-case hexadecimal digits joined by ":", each the
     // group's network-order value (::1 ends in 0001); all or nothing.

@@ -17,8 +17,8 @@ const uint32_t CRC32_POLY = 0xEDB88320u;
 const uint16_t CRC16_POLY = 0xA001u;
 
 // Thresholds below which folding does not pay for its set-up and finish.
-const size_t CLMUL128_MIN = 64;
-const size_t CLMUL512_MIN = 1024;
+const size_t CLMUL128_MIN = 32;
+const size_t CLMUL512_MIN = 256;
 
 template <class T>
 constexpr T byte_step(T crc, T poly) {
@@ -71,9 +71,18 @@ constexpr uint64_t fold_key(unsigned n, uint64_t reflected_poly, unsigned degree
 }
 
 constexpr fold_keys_t make_fold_keys(uint64_t reflected_poly, unsigned degree) {
-    return fold_keys_t{{fold_key(128 + 63, reflected_poly, degree), fold_key(128 - 1, reflected_poly, degree)},
-                       {fold_key(512 + 63, reflected_poly, degree), fold_key(512 - 1, reflected_poly, degree)},
-                       {fold_key(2048 + 63, reflected_poly, degree), fold_key(2048 - 1, reflected_poly, degree)}};
+    fold_keys_t keys{};
+    for (unsigned i = 1; i <= 16; ++i) {
+        keys.k[i][0] = fold_key(128 * i + 63, reflected_poly, degree);
+        keys.k[i][1] = fold_key(128 * i - 1, reflected_poly, degree);
+    }
+    for (unsigned t = 1; t < 16; ++t) {
+        keys.tail[t][0] = fold_key(8 * t + 63, reflected_poly, degree);
+        keys.tail[t][1] = fold_key(8 * t - 1, reflected_poly, degree);
+    }
+    keys.finish[0] = fold_key(63, reflected_poly, degree);
+    keys.finish[1] = fold_key(95, reflected_poly, degree);
+    return keys;
 }
 
 constexpr fold_keys_t CRC32_KEYS = make_fold_keys(CRC32_POLY, 32);
@@ -83,6 +92,14 @@ constexpr fold_keys_t CRC16_KEYS = make_fold_keys(CRC16_POLY, 16);
 inline uint32_t load_le32(const unsigned char* p) {
     return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
            static_cast<uint32_t>(p[3]) << 24;
+}
+
+// The value after 8 bytes read as two little-endian words, the running
+// value already XORed into the first.
+template <class T>
+inline T step8(uint32_t a, uint32_t b, const T (*t)[256]) {
+    return static_cast<T>(t[7][a & 0xFF] ^ t[6][a >> 8 & 0xFF] ^ t[5][a >> 16 & 0xFF] ^ t[4][a >> 24] ^ t[3][b & 0xFF] ^
+                          t[2][b >> 8 & 0xFF] ^ t[1][b >> 16 & 0xFF] ^ t[0][b >> 24]);
 }
 
 template <class T>
@@ -98,6 +115,19 @@ T slice16(T crc, const unsigned char* p, size_t n, const T (*t)[256]) {
                              t[3][d & 0xFF] ^ t[2][d >> 8 & 0xFF] ^ t[1][d >> 16 & 0xFF] ^ t[0][d >> 24]);
         p += 16;
         n -= 16;
+    }
+    // A short tail in 8- and 4-byte steps: one byte at a time is a chain of
+    // dependent lookups, slow enough to show at packet sizes.
+    if (n >= 8) {
+        crc = step8<T>(load_le32(p) ^ crc, load_le32(p + 4), t);
+        p += 8;
+        n -= 8;
+    }
+    if (n >= 4) {
+        const uint32_t a = load_le32(p) ^ crc;
+        crc = static_cast<T>(t[3][a & 0xFF] ^ t[2][a >> 8 & 0xFF] ^ t[1][a >> 16 & 0xFF] ^ t[0][a >> 24]);
+        p += 4;
+        n -= 4;
     }
     while (n--)
         crc = static_cast<T>((crc >> 8) ^ t[0][(crc ^ *p++) & 0xFF]);
@@ -158,20 +188,38 @@ std::atomic<int> s_path(-1);
 crc_path_t best_path() {
     if (cpu_has_clmul512())
         return CRC_PATH_CLMUL512;
+    if (cpu_has_clmul128_avx())
+        return CRC_PATH_CLMUL128_AVX;
     if (cpu_has_clmul128())
         return CRC_PATH_CLMUL128;
     return CRC_PATH_SLICE;
 }
 
+inline crc_path_t path_now() {
+    int path = s_path.load(std::memory_order_relaxed);
+    if (path < 0) {
+        path = best_path();
+        s_path.store(path, std::memory_order_relaxed);
+    }
+    return static_cast<crc_path_t>(path);
+}
+
 template <class T>
 T run(crc_path_t path, T crc, const unsigned char* p, size_t n, const T (*t)[256], const fold_keys_t& keys) {
     if (path >= CRC_PATH_CLMUL128 && n >= CLMUL128_MIN) {
-        unsigned char folded[16];
-        const size_t done = path == CRC_PATH_CLMUL512 && n >= CLMUL512_MIN ? fold_clmul512(keys, crc, p, n, folded)
-                                                                           : fold_clmul128(keys, crc, p, n, folded);
-        crc = slice16<T>(0, folded, sizeof folded, t);
+        unsigned char folded[8];
+        size_t done;
+        if (path == CRC_PATH_CLMUL512 && n >= CLMUL512_MIN)
+            done = fold_clmul512(keys, crc, p, n, folded);
+        else if (path >= CRC_PATH_CLMUL128_AVX)
+            done = fold_clmul128_avx(keys, crc, p, n, folded);
+        else
+            done = fold_clmul128(keys, crc, p, n, folded);
+        crc = step8<T>(load_le32(folded), load_le32(folded + 4), t);
         p += done;
         n -= done;
+        if (!n)
+            return crc;
     }
     return slice16<T>(crc, p, n, t);
 }
@@ -185,6 +233,8 @@ bool path_supported(crc_path_t path) {
         return true;
     case CRC_PATH_CLMUL128:
         return cpu_has_clmul128();
+    case CRC_PATH_CLMUL128_AVX:
+        return cpu_has_clmul128_avx();
     case CRC_PATH_CLMUL512:
         return cpu_has_clmul512();
     default:
@@ -192,14 +242,7 @@ bool path_supported(crc_path_t path) {
     }
 }
 
-crc_path_t current_path() {
-    int path = s_path.load(std::memory_order_relaxed);
-    if (path < 0) {
-        path = best_path();
-        s_path.store(path, std::memory_order_relaxed);
-    }
-    return static_cast<crc_path_t>(path);
-}
+crc_path_t current_path() { return path_now(); }
 
 bool force_path(crc_path_t path) {
     if (!path_supported(path))
@@ -211,7 +254,7 @@ bool force_path(crc_path_t path) {
 void reset_path() { s_path.store(best_path(), std::memory_order_relaxed); }
 
 uint32_t crc32_update(uint32_t crc, const unsigned char* p, size_t n) {
-    const crc_path_t path = current_path();
+    const crc_path_t path = path_now();
     if (path == CRC_PATH_BYTE) {
         const uint32_t* t = CRC32_TABLES.t[0];
         while (n--)
@@ -223,7 +266,7 @@ uint32_t crc32_update(uint32_t crc, const unsigned char* p, size_t n) {
 
 uint16_t crc16_update(uint16_t crc, const unsigned char* p, size_t n) {
     const crc16_tables_t& tables = crc16_tables_t::instance();
-    const crc_path_t path = current_path();
+    const crc_path_t path = path_now();
     if (path == CRC_PATH_BYTE) {
         unsigned char low = static_cast<unsigned char>(crc & 0xFF);
         unsigned char high = static_cast<unsigned char>(crc >> 8);

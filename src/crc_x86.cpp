@@ -24,6 +24,7 @@ namespace {
 
 struct cpu_features_t {
     bool clmul128;
+    bool clmul128_avx;
     bool clmul512;
 };
 
@@ -35,14 +36,19 @@ uint64_t read_xcr0() {
 }
 
 cpu_features_t detect() {
-    cpu_features_t f = {false, false};
+    cpu_features_t f = {false, false, false};
     unsigned int eax = 0, ebx = 0, ecx = 0, edx = 0;
     if (!__get_cpuid(1, &eax, &ebx, &ecx, &edx))
         return f;
     const bool sse2 = edx & (1u << 26);
     const bool pclmul = ecx & (1u << 1);
     const bool osxsave = ecx & (1u << 27);
+    const bool avx = ecx & (1u << 28);
     f.clmul128 = sse2 && pclmul;
+    // SSE and AVX register state saved by the OS.
+    const uint64_t YMM_STATE = 0x6;
+    const uint64_t xcr0 = osxsave ? read_xcr0() : 0;
+    f.clmul128_avx = f.clmul128 && avx && (xcr0 & YMM_STATE) == YMM_STATE;
 #  if defined(__x86_64__)
     // The 512-bit kernel is left out of 32-bit builds: with 8 vector
     // registers it would spill, and 32-bit Windows compilers do not align
@@ -53,9 +59,7 @@ cpu_features_t detect() {
     const bool vpclmul = ecx & (1u << 10);
     // SSE, AVX, opmask, and both halves of the 512-bit registers.
     const uint64_t ZMM_STATE = 0xE6;
-    f.clmul512 = f.clmul128 && avx512f && vpclmul && (read_xcr0() & ZMM_STATE) == ZMM_STATE;
-#  else
-    (void)osxsave;
+    f.clmul512 = f.clmul128_avx && avx512f && vpclmul && (xcr0 & ZMM_STATE) == ZMM_STATE;
 #  endif
     return f;
 }
@@ -66,54 +70,39 @@ const cpu_features_t& features() {
     return f;
 }
 
-#  define SSB_TARGET_128 __attribute__((target("sse2,pclmul")))
+// Read from offset t: 16 - t zero bytes, then t bytes kept.
+const unsigned char TAIL_MASK[32] = {0,    0,    0,    0,    0,    0,    0,    0,    0,    0,    0,
+                                     0,    0,    0,    0,    0,    0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF,
+                                     0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF};
 
-SSB_TARGET_128 inline __m128i keys128(const uint64_t k[2]) {
-    return _mm_set_epi64x(static_cast<long long>(k[1]), static_cast<long long>(k[0]));
-}
+// Legacy SSE for CPUs without AVX; the VEX form where AVX exists, since
+// legacy SSE code runs slowly while another library has left the upper
+// halves of the vector registers dirty, and VEX needs no register copies.
+namespace sse {
+#  define SSB_FOLD_TARGET __attribute__((target("sse2,pclmul")))
+#  include "crc_x86_fold128.inc"
+#  undef SSB_FOLD_TARGET
+}  // namespace sse
 
-SSB_TARGET_128 inline __m128i fold128(__m128i x, __m128i keys, __m128i next) {
-    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, keys, 0x00), _mm_clmulepi64_si128(x, keys, 0x11)), next);
-}
-
-SSB_TARGET_128 inline __m128i load128(const unsigned char* p) {
-    return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
-}
+namespace avx {
+#  define SSB_FOLD_TARGET __attribute__((target("avx,pclmul")))
+#  include "crc_x86_fold128.inc"
+#  undef SSB_FOLD_TARGET
+}  // namespace avx
 
 }  // namespace
 
 bool cpu_has_clmul128() { return features().clmul128; }
+bool cpu_has_clmul128_avx() { return features().clmul128_avx; }
 bool cpu_has_clmul512() { return features().clmul512; }
 
-SSB_TARGET_128 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                                    unsigned char out[16]) {
-    const unsigned char* const start = p;
-    __m128i x0 = _mm_xor_si128(load128(p), _mm_cvtsi32_si128(static_cast<int>(crc)));
-    __m128i x1 = load128(p + 16);
-    __m128i x2 = load128(p + 32);
-    __m128i x3 = load128(p + 48);
-    p += 64;
-    n -= 64;
-    const __m128i k512 = keys128(keys.k512);
-    while (n >= 64) {
-        x0 = fold128(x0, k512, load128(p));
-        x1 = fold128(x1, k512, load128(p + 16));
-        x2 = fold128(x2, k512, load128(p + 32));
-        x3 = fold128(x3, k512, load128(p + 48));
-        p += 64;
-        n -= 64;
-    }
-    const __m128i k128 = keys128(keys.k128);
-    x0 = fold128(x0, k128, x1);
-    x0 = fold128(x0, k128, x2);
-    x0 = fold128(x0, k128, x3);
-    while (n >= 16) {
-        x0 = fold128(x0, k128, load128(p));
-        p += 16;
-        n -= 16;
-    }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x0);
-    return static_cast<size_t>(p - start);
+size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n, unsigned char out[8]) {
+    return sse::fold(keys, crc, p, n, out);
+}
+
+size_t fold_clmul128_avx(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
+                         unsigned char out[8]) {
+    return avx::fold(keys, crc, p, n, out);
 }
 
 #  if defined(__x86_64__)
@@ -122,72 +111,77 @@ SSB_TARGET_128 size_t fold_clmul128(const fold_keys_t& keys, uint32_t crc, const
 
 namespace {
 
-SSB_TARGET_512 inline __m512i fold512(__m512i x, __m512i keys, __m512i next) {
-    // 0x96: three-way XOR.
-    return _mm512_ternarylogic_epi64(_mm512_clmulepi64_epi128(x, keys, 0x00), _mm512_clmulepi64_epi128(x, keys, 0x11),
-                                     next, 0x96);
+SSB_TARGET_512 inline __m512i key512(const fold_keys_t& keys, unsigned i) {
+    const long long lo = static_cast<long long>(keys.k[i][0]);
+    const long long hi = static_cast<long long>(keys.k[i][1]);
+    return _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo);
+}
+
+// 0x96: three-way XOR.
+SSB_TARGET_512 inline __m512i xor3(__m512i a, __m512i b, __m512i c) { return _mm512_ternarylogic_epi64(a, b, c, 0x96); }
+
+SSB_TARGET_512 inline __m512i fold512(__m512i x, __m512i key, __m512i next) {
+    return xor3(_mm512_clmulepi64_epi128(x, key, 0x00), _mm512_clmulepi64_epi128(x, key, 0x11), next);
+}
+
+SSB_TARGET_512 inline __m512i shift512(__m512i x, __m512i key) {
+    return _mm512_xor_si512(_mm512_clmulepi64_epi128(x, key, 0x00), _mm512_clmulepi64_epi128(x, key, 0x11));
 }
 
 SSB_TARGET_512 inline __m512i load512(const unsigned char* p) { return _mm512_loadu_si512(p); }
 
-SSB_TARGET_512 inline __m512i keys512(const uint64_t k[2]) {
-    const long long lo = static_cast<long long>(k[0]);
-    const long long hi = static_cast<long long>(k[1]);
-    return _mm512_set_epi64(hi, lo, hi, lo, hi, lo, hi, lo);
-}
-
-// The zero-masked form: GCC 12 warns about the undefined source of the
-// plain extract.
-template <int LANE>
-SSB_TARGET_512 inline __m128i lane(__m512i z) {
-    return _mm512_maskz_extracti32x4_epi32(0xF, z, LANE);
-}
-
-SSB_TARGET_512 inline __m128i fold128_vex(__m128i x, __m128i keys, __m128i next) {
-    return _mm_xor_si128(_mm_xor_si128(_mm_clmulepi64_si128(x, keys, 0x00), _mm_clmulepi64_si128(x, keys, 0x11)), next);
-}
-
 }  // namespace
 
+// Four 512-bit accumulators 256 bytes apart; the four 16-byte lanes of the
+// last one are folded together in one multiply with a key per lane.
 SSB_TARGET_512 size_t fold_clmul512(const fold_keys_t& keys, uint32_t crc, const unsigned char* p, size_t n,
-                                    unsigned char out[16]) {
+                                    unsigned char out[8]) {
     const unsigned char* const start = p;
-    const __m512i first = _mm512_inserti32x4(_mm512_setzero_si512(), _mm_cvtsi32_si128(static_cast<int>(crc)), 0);
+    // Zero-masked forms throughout: GCC 12 warns about the undefined source
+    // of the plain insert and extract.
+    const __m512i first = _mm512_maskz_broadcast_i32x4(0x000F, _mm_cvtsi32_si128(static_cast<int>(crc)));
     __m512i z0 = _mm512_xor_si512(load512(p), first);
     __m512i z1 = load512(p + 64);
     __m512i z2 = load512(p + 128);
     __m512i z3 = load512(p + 192);
     p += 256;
     n -= 256;
-    const __m512i k2048 = keys512(keys.k2048);
+    const __m512i k16 = key512(keys, 16);
     while (n >= 256) {
-        z0 = fold512(z0, k2048, load512(p));
-        z1 = fold512(z1, k2048, load512(p + 64));
-        z2 = fold512(z2, k2048, load512(p + 128));
-        z3 = fold512(z3, k2048, load512(p + 192));
+        z0 = fold512(z0, k16, load512(p));
+        z1 = fold512(z1, k16, load512(p + 64));
+        z2 = fold512(z2, k16, load512(p + 128));
+        z3 = fold512(z3, k16, load512(p + 192));
         p += 256;
         n -= 256;
     }
-    const __m512i k512 = keys512(keys.k512);
-    z0 = fold512(z0, k512, z1);
-    z0 = fold512(z0, k512, z2);
-    z0 = fold512(z0, k512, z3);
+    __m512i z = xor3(shift512(z0, key512(keys, 12)), shift512(z1, key512(keys, 8)), shift512(z2, key512(keys, 4)));
+    z = _mm512_xor_si512(z, z3);
+    const __m512i k4 = key512(keys, 4);
     while (n >= 64) {
-        z0 = fold512(z0, k512, load512(p));
+        z = fold512(z, k4, load512(p));
         p += 64;
         n -= 64;
     }
-    const __m128i k128 = _mm_set_epi64x(static_cast<long long>(keys.k128[1]), static_cast<long long>(keys.k128[0]));
-    __m128i x = lane<0>(z0);
-    x = fold128_vex(x, k128, lane<1>(z0));
-    x = fold128_vex(x, k128, lane<2>(z0));
-    x = fold128_vex(x, k128, lane<3>(z0));
-    while (n >= 16) {
-        x = fold128_vex(x, k128, _mm_loadu_si128(reinterpret_cast<const __m128i*>(p)));
-        p += 16;
-        n -= 16;
+    // Lanes 0, 1, 2 move 48, 32, 16 bytes on; lane 3 stays (its key is 0
+    // and it is added back unmoved).
+    const __m512i lane_keys =
+        _mm512_set_epi64(0, 0, static_cast<long long>(keys.k[1][1]), static_cast<long long>(keys.k[1][0]),
+                         static_cast<long long>(keys.k[2][1]), static_cast<long long>(keys.k[2][0]),
+                         static_cast<long long>(keys.k[3][1]), static_cast<long long>(keys.k[3][0]));
+    const __m512i t = xor3(_mm512_clmulepi64_epi128(z, lane_keys, 0x00), _mm512_clmulepi64_epi128(z, lane_keys, 0x11),
+                           _mm512_maskz_mov_epi64(0xC0, z));
+    const __m256i y =
+        _mm256_xor_si256(_mm512_maskz_extracti64x4_epi64(0xF, t, 0), _mm512_maskz_extracti64x4_epi64(0xF, t, 1));
+    __m128i x = _mm_xor_si128(_mm256_castsi256_si128(y), _mm256_extracti128_si256(y, 1));
+    const size_t m = n / 16;
+    x = avx::absorb_blocks(keys, x, p, m);
+    p += 16 * m;
+    if (n % 16) {
+        p += n % 16;
+        x = avx::absorb_tail(keys, x, p, n % 16);
     }
-    _mm_storeu_si128(reinterpret_cast<__m128i*>(out), x);
+    avx::finish(keys, x, out);
     return static_cast<size_t>(p - start);
 }
 
@@ -207,8 +201,10 @@ namespace crc_detail {
 
 // No folding kernels on other architectures: the table paths serve.
 bool cpu_has_clmul128() { return false; }
+bool cpu_has_clmul128_avx() { return false; }
 bool cpu_has_clmul512() { return false; }
 size_t fold_clmul128(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
+size_t fold_clmul128_avx(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
 size_t fold_clmul512(const fold_keys_t&, uint32_t, const unsigned char*, size_t, unsigned char*) { return 0; }
 
 }  // namespace crc_detail

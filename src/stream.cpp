@@ -6,6 +6,7 @@
 #include "date.h"
 #include "platform/platform.h"
 #include "timer.h"
+#include "uuid.h"
 
 namespace ssb {
 
@@ -123,8 +124,9 @@ void text_stream_t::put_integer(uint64_t bits, unsigned int width_log2, bool neg
     case ORDIX_BIN: {
         if (!is_enough(width.bin))
             return;
-        for (unsigned int i = 0; i < nbits; ++i)
-            m_cursor[i] = static_cast<signed char>('0' + ((bits >> (nbits - 1 - i)) & 1u));
+        const bin_dict_t dict;
+        for (unsigned int i = 0; i < nbits / 8; ++i)
+            memcpy(m_cursor + 8 * i, dict[static_cast<unsigned int>(bits >> (nbits - 8 - 8 * i)) & 0xFFu], 8);
         m_cursor[nbits] = 0;
         advance(nbits);
         return;
@@ -379,6 +381,14 @@ text_stream_t& text_stream_t::operator<<(const local_date_t* date) {
 text_stream_t& text_stream_t::operator<<(const gmt_date_t* date) {
     if (date)
         put_date(*date);
+    return *this;
+}
+
+text_stream_t& text_stream_t::operator<<(const _uuid_t& id) {
+    if (is_enough(_uuid_t::TEXT_LENGTH)) {
+        id.to_chars(reinterpret_cast<char*>(m_cursor));
+        advance(_uuid_t::TEXT_LENGTH);
+    }
     return *this;
 }
 

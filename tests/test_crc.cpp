@@ -48,7 +48,7 @@ std::vector<crc_path_t> supported_paths() {
 }
 
 const char* path_name(crc_path_t p) {
-    static const char* const NAMES[] = {"byte", "slice", "clmul128", "clmul512"};
+    static const char* const NAMES[] = {"byte", "slice", "clmul128", "clmul128_avx", "clmul512"};
     return NAMES[p];
 }
 

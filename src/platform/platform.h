@@ -279,6 +279,14 @@ bool pipe_interrupted(int error);
 // short sleeps: a wake-up may come up to a scheduler tick late.
 io_wait_t pipe_wait_readable(pipe_handle_t h, int timeout_ms, int* error);
 
+// ---- identifiers ----------------------------------------------------------
+// A fresh random (version 4) UUID in the memory layout of a Windows GUID:
+// UuidCreate on Windows; elsewhere 16 bytes from the kernel's random source
+// (getrandom, else /dev/urandom) with the version and variant bits placed
+// where UuidCreate puts them. 0 or the error (an RPC status or errno); the
+// bytes are filled, as well as the source could, either way.
+int uuid_create(unsigned char out[16]);
+
 }  // namespace plat
 }  // namespace ssb
 
