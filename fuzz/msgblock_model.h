@@ -98,6 +98,12 @@ inline size_t space_of(const chain_t& c) {
         n += x.room();
     return n;
 }
+inline size_t capacity_of(const chain_t& c) {
+    size_t n = 0;
+    for (const node_t& x : c)
+        n += x.block->bytes.size();
+    return n;
+}
 inline std::vector<unsigned char> bytes_of(const chain_t& c) {
     std::vector<unsigned char> out;
     for (const node_t& x : c)
@@ -132,6 +138,9 @@ const int SLOTS = 4;
 // Copies and links could double a chain on every step; beyond this many
 // nodes they are skipped.
 const size_t MAX_NODES = 96;
+// Combining duplicates of one block multiplies its size; larger combines and
+// deep copies are skipped too.
+const size_t MAX_BYTES = 1 << 16;
 
 class driver_t {
 public:
@@ -526,6 +535,8 @@ private:
         chain_t out;
         ssb::msg_db_t* got = nullptr;
         if (which == 0) {
+            if (capacity_of(c) > MAX_BYTES)
+                return;
             got = m_real[slot]->clone();
             for (const node_t& x : c) {
                 node_t n = x;
@@ -554,6 +565,8 @@ private:
 
     void do_combine(int slot) {
         chain_t& c = m_model[slot];
+        if (length_of(c) + space_of(c) > MAX_BYTES)
+            return;
         int mrv = ssb::RESULT_SUCCESS;
         if (c.size() > 1) {
             for (const node_t& x : c) {
