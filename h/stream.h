@@ -17,6 +17,7 @@ namespace ssb {
 
 class local_date_t;
 class gmt_date_t;
+class msg_db_t;
 class _uuid_t;
 
 // ---- number-to-text routines ----------------------------------------------
@@ -153,6 +154,11 @@ public:
     // Eight groups of 4 upper-case hexadecimal digits joined by ":", each the
     // group's network-order value (::1 ends in 0001); all or nothing.
     text_stream_t& operator<<(const in6_addr& address);
+
+    // Every readable byte of the chain from this node on as two upper-case
+    // hexadecimal digits, nothing consumed, stopping when the stream is
+    // full; the radix is restored after.
+    text_stream_t& operator<<(const msg_db_t& db);
 
 protected:
     void advance(unsigned int n) {

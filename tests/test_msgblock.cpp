@@ -1,0 +1,648 @@
+#include <gtest/gtest.h>
+
+#include <string.h>
+
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "../fuzz/msgblock_model.h"
+#include "alloc.h"
+#include "msgblock.h"
+#include "stream.h"
+#include "test_log_support.h"
+#include "test_support.h"
+
+using ssb::data_block_t;
+using ssb::msg_db_t;
+
+namespace {
+
+// Counts calls, checks the size passed back against the size asked for and
+// tracks what is live; safe from any thread.
+class counting_allocator_t : public ssb::i8_allocator_it {
+public:
+    signed char* allocate(unsigned count) override {
+        signed char* p = static_cast<signed char*>(malloc(count ? count : 1));
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_sizes[p] = count;
+        ++m_allocations;
+        return p;
+    }
+    void deallocate(signed char* p, unsigned count) override {
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            auto it = m_sizes.find(p);
+            if (it == m_sizes.end() || it->second != count)
+                ++m_bad_frees;
+            else
+                m_sizes.erase(it);
+        }
+        free(p);
+    }
+    size_t live() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        return m_sizes.size();
+    }
+    std::atomic<int> m_allocations{0};
+    std::atomic<int> m_bad_frees{0};
+
+private:
+    std::mutex m_mutex;
+    std::map<signed char*, unsigned> m_sizes;
+};
+
+signed char* sc(const char* text) { return reinterpret_cast<signed char*>(const_cast<char*>(text)); }
+
+std::string readable(const msg_db_t* db) {
+    std::string out;
+    for (const msg_db_t* n = db; n; n = n->next())
+        out.append(reinterpret_cast<const char*>(n->get_reader_cursor()), n->get_current_db_length());
+    return out;
+}
+
+unsigned reference_crc(unsigned crc, const std::string& bytes) {
+    return msgblock_model::bitwise_crc32(crc, reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+}
+
+class MsgBlock : public ::testing::Test {
+protected:
+    void SetUp() override { util_test::capture_util_log(&m_log); }
+    void TearDown() override {
+        util_test::restore_log_routing();
+        EXPECT_EQ(0u, m_alloc.live()) << "blocks or nodes left unreleased";
+        EXPECT_EQ(0, m_alloc.m_bad_frees.load()) << "a size passed back differs from the size asked for";
+    }
+    // A node of `size` bytes holding `text`.
+    msg_db_t* make(unsigned size, const char* text) {
+        return msg_db_t::new_instance(size, sc(text), static_cast<unsigned>(strlen(text)), ssb::MSG_FLAG_NONE,
+                                      &m_alloc);
+    }
+    // The two 10-byte blocks holding 10 and 5 bytes.
+    msg_db_t* ten_and_five() {
+        msg_db_t* db = make(10, "0123456789");
+        EXPECT_EQ(ssb::RESULT_SUCCESS, db->append(make(10, "abcde")));
+        return db;
+    }
+    util_test::text_capture_t m_log;
+    counting_allocator_t m_alloc;
+};
+
+// ---- blocks ----
+
+TEST_F(MsgBlock, BlockCopiesOrWrapsTheBufferAndReturnsItsMemoryOnLastRelease) {
+    char text[] = "hello";
+    data_block_t* copy = data_block_t::new_instance(8, sc(text), 5, ssb::MSG_FLAG_NONE, &m_alloc);
+    ASSERT_NE(nullptr, copy);
+    EXPECT_NE(reinterpret_cast<signed char*>(text), copy->begin());
+    EXPECT_EQ(0, memcmp(copy->begin(), "hello", 5));
+    EXPECT_EQ(8u, copy->capacity());
+    EXPECT_EQ(3u, copy->space());
+    EXPECT_EQ(5u, copy->length());
+    EXPECT_EQ(&m_alloc, copy->get_allocator());
+
+    data_block_t* wrap = data_block_t::new_instance(6, sc(text), 5, ssb::MSG_FLAG_WITHOUT_COPY, &m_alloc);
+    ASSERT_NE(nullptr, wrap);
+    EXPECT_EQ(reinterpret_cast<signed char*>(text), wrap->begin());
+    EXPECT_EQ(ssb::MSG_FLAG_WITHOUT_COPY, wrap->get_flags());
+
+    EXPECT_EQ(wrap, wrap->duplicate());
+    EXPECT_EQ(2u, wrap->get_count());
+    wrap->release();
+    EXPECT_EQ(1u, wrap->get_count());
+    wrap->release();
+    copy->release();
+    EXPECT_EQ(0u, m_alloc.live());
+}
+
+TEST_F(MsgBlock, BadBlockArgumentsLogAssertionsAndAreClampedOrRefused) {
+    struct case_t {
+        unsigned size;
+        const char* buffer;
+        unsigned len;
+        ssb::MSG_FLAG flags;
+        bool made;
+        unsigned length;
+        ssb::MSG_FLAG kept_flags;
+    } cases[] = {
+        {4, "abcdef", 6, ssb::MSG_FLAG_NONE, true, 4, ssb::MSG_FLAG_NONE},         // len above size: clamped
+        {4, nullptr, 3, ssb::MSG_FLAG_NONE, true, 0, ssb::MSG_FLAG_NONE},          // null buffer with len
+        {4, nullptr, 0, ssb::MSG_FLAG_WITHOUT_COPY, true, 0, ssb::MSG_FLAG_NONE},  // bit dropped
+        {ssb::MSG_DB_MAX_BLOCK_SIZE + 1, nullptr, 0, ssb::MSG_FLAG_NONE, false, 0, 0},
+        {0xFFFFFFFFu, nullptr, 0, ssb::MSG_FLAG_NONE, false, 0, 0},
+    };
+    for (const case_t& c : cases) {
+        m_log.clear();
+        data_block_t* b =
+            data_block_t::new_instance(c.size, c.buffer ? sc(c.buffer) : nullptr, c.len, c.flags, &m_alloc);
+        EXPECT_TRUE(m_log.contains("assert: ")) << c.size;
+        EXPECT_TRUE(m_log.contains("msgblock")) << c.size;
+        ASSERT_EQ(c.made, b != nullptr) << c.size;
+        if (!b)
+            continue;
+        EXPECT_EQ(c.length, b->length());
+        EXPECT_EQ(c.kept_flags, b->get_flags());
+        b->release();
+    }
+    // The same from the chain side: a null buffer with the bit is logged
+    // once and gives an empty node of its own memory.
+    m_log.clear();
+    msg_db_t* db = msg_db_t::new_instance(8, nullptr, 0, ssb::MSG_FLAG_WITHOUT_COPY, &m_alloc);
+    ASSERT_NE(nullptr, db);
+    EXPECT_TRUE(m_log.contains("assert: file[.\\msgblock], line = ["));
+    EXPECT_EQ(0u, db->length());
+    EXPECT_EQ(8u, db->space());
+    db->release();
+    EXPECT_EQ(nullptr, msg_db_t::new_instance(static_cast<data_block_t*>(nullptr)));
+}
+
+TEST_F(MsgBlock, BlockCloneCopiesOrViewsAndLogsTheWithoutCopyArgument) {
+    data_block_t* b = data_block_t::new_instance(8, sc("abc"), 3, ssb::MSG_FLAG_NONE, &m_alloc);
+    data_block_t* deep = b->clone(false);
+    data_block_t* view = b->clone(true);
+    EXPECT_TRUE(m_log.contains("withoutcopy = "));
+    EXPECT_NE(b->begin(), deep->begin());
+    EXPECT_EQ(0, memcmp(deep->begin(), "abc", 3));
+    EXPECT_EQ(b->space(), deep->space());
+    EXPECT_EQ(b->begin(), view->begin());
+    EXPECT_EQ(&m_alloc, deep->get_allocator());
+    view->release();
+    deep->release();
+    b->release();
+}
+
+// ---- the chain cases ----
+
+TEST_F(MsgBlock, TwoTenByteBlocksHoldFifteenAndTheNodeDigestCoversTheFirstTen) {
+    msg_db_t* db = ten_and_five();
+    EXPECT_EQ(15u, db->length());
+    EXPECT_EQ(10u, db->get_current_db_length());
+    EXPECT_EQ(5u, db->space());
+    EXPECT_EQ(2u, db->node_size());
+    EXPECT_EQ(reference_crc(0, "0123456789"), db->get_crc32_digest());
+    EXPECT_EQ(reference_crc(0, "0123456789abcde"), db->get_chain_crc32_digest());
+    EXPECT_EQ(reference_crc(0xFFFFFFFFu, "0123456789abcde"), db->get_chain_crc32_digest(0xFFFFFFFFu));
+    EXPECT_NE(db->get_crc32_digest(), db->get_chain_crc32_digest());
+    msg_db_t* check = make(9, "123456789");
+    EXPECT_EQ(0xCBF43926u, ~check->get_chain_crc32_digest(0xFFFFFFFFu));
+    check->release();
+    db->release();
+}
+
+TEST_F(MsgBlock, MovingTheReaderPastTheEndClampsWarnsAndReturnsEight) {
+    msg_db_t* db = ten_and_five();
+    EXPECT_EQ(ssb::RESULT_OUT_OF_LIMIT, db->move_reader_forward(20));
+    EXPECT_EQ(0u, db->length());
+    EXPECT_TRUE(m_log.contains("WARNING"));
+    EXPECT_TRUE(
+        m_log.contains("msg_db_t::move_reader_forward the distance[20] is out of limitation, and the reader cursor "
+                       "move to the end of db, totallen = 15, this = 0x"));
+    // Back to the start across both nodes; one more byte is out of range.
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->move_reader_backward(15));
+    EXPECT_EQ("0123456789abcde", readable(db));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->move_reader_forward(12));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->move_reader_backward(4));
+    EXPECT_EQ("89abcde", readable(db));
+    EXPECT_EQ(ssb::RESULT_OUT_OF_LIMIT, db->move_reader_backward(9));
+    EXPECT_EQ("0123456789abcde", readable(db));
+    EXPECT_TRUE(
+        m_log.contains("msg_db_t::move__reader_backword the distance[9] is out of limitation, and the reader "
+                       "cursor move to the begin of db, this = 0x"));
+    // The backward walk never leaves the node it started from.
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->move_reader_forward(12));
+    EXPECT_EQ(ssb::RESULT_OUT_OF_LIMIT, db->next()->move_reader_backward(3));
+    EXPECT_EQ(0u, db->get_current_db_length()) << "the first node keeps its reader";
+    EXPECT_EQ("abcde", readable(db->next()));
+    db->release();
+}
+
+TEST_F(MsgBlock, MovingTheWriterFillsRoomAcrossNodesAndClampsAtTheEnd) {
+    msg_db_t* db = ten_and_five();
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->move_write_forward(3));
+    EXPECT_EQ(18u, db->length());
+    EXPECT_EQ(ssb::RESULT_OUT_OF_LIMIT, db->move_write_forward(0xFFFFFFFFu));
+    EXPECT_EQ(0u, db->space());
+    EXPECT_EQ(20u, db->length());
+    EXPECT_TRUE(
+        m_log.contains("msg_db_t::move_write_forward the distance[4294967295] is out of limitation, and the "
+                       "writer cursor move to the end of db, this = 0x"));
+    EXPECT_EQ(2u, db->next()->get_data_block()->get_latest_modified());
+    db->release();
+}
+
+TEST_F(MsgBlock, SplitOfTheWholeLengthEmptiesTheChainAndSharesEveryBlock) {
+    msg_db_t* db = ten_and_five();
+    msg_db_t* head = db->split(15);
+    ASSERT_NE(nullptr, head);
+    EXPECT_EQ(0u, db->length());
+    EXPECT_EQ("0123456789abcde", readable(head));
+    EXPECT_EQ(2u, head->node_size());
+    EXPECT_EQ(db->get_data_block(), head->get_data_block());
+    EXPECT_EQ(db->next()->get_data_block(), head->next()->get_data_block());
+    EXPECT_EQ(2u, db->get_data_block()->get_count());
+    EXPECT_TRUE(head->is_shared());
+    head->release();
+    EXPECT_EQ(1u, db->get_data_block()->get_count());
+    EXPECT_FALSE(db->is_shared());
+    db->release();
+}
+
+TEST_F(MsgBlock, SplitTakesExactlyTheFirstBytesAndRefusesZeroAndTooMuch) {
+    msg_db_t* db = ten_and_five();
+    EXPECT_EQ(nullptr, db->split(0));
+    EXPECT_EQ(nullptr, db->split(16));
+    EXPECT_TRUE(m_log.contains("assert: msg[msg_db_t::split, len = 16, total_len = 15] file[.\\msgblock], line = ["));
+    EXPECT_EQ(15u, db->length());
+    msg_db_t* head = db->split(12);
+    EXPECT_EQ("0123456789ab", readable(head));
+    EXPECT_EQ("cde", readable(db));
+    // A fully read node gives no node to the next split.
+    msg_db_t* rest = db->split(3);
+    EXPECT_EQ(1u, rest->node_size());
+    EXPECT_EQ("cde", readable(rest));
+    msg_db_t::release(rest);
+    msg_db_t::release(head);
+    EXPECT_EQ(nullptr, head);
+    msg_db_t* none = nullptr;
+    msg_db_t::release(none);
+    db->release();
+}
+
+TEST_F(MsgBlock, AWriteIntoTheRoomOfASplitHeadIsSeenByTheSourceAndACloneIsPrivate) {
+    msg_db_t* db = make(10, "0123456789");
+    msg_db_t* head = db->split(4);
+    ASSERT_EQ(6u, head->space());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, head->_write(sc("XY"), 2, nullptr));
+    EXPECT_EQ("XY6789", readable(db)) << "the sharing rule: the split head's room is the source's unread bytes";
+    msg_db_t* own = db->clone();
+    EXPECT_TRUE(own->is_clone(db));
+    EXPECT_FALSE(own->is_shared());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, own->update(sc("ZZ"), 2, 0));
+    EXPECT_EQ("XY6789", readable(db));
+    EXPECT_EQ("ZZ6789", readable(own));
+    own->release();
+    head->release();
+    db->release();
+}
+
+TEST_F(MsgBlock, WritingThirtyIntoTwentyFiveWritesTwentyFiveAndReturnsEleven) {
+    msg_db_t* db = make(20, "12345");
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->append(make(10, "")));
+    ASSERT_EQ(25u, db->space());
+    const char thirty[] = "abcdefghijklmnopqrstuvwxyz0123";
+    unsigned done = 0;
+    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->_write(sc(thirty), 30, &done));
+    EXPECT_EQ(25u, done);
+    EXPECT_EQ(std::string("12345") + std::string(thirty, 25), readable(db));
+    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->_write(sc("x"), 1, &done));
+    EXPECT_EQ(0u, done);
+    db->release();
+}
+
+TEST_F(MsgBlock, LockedNodesRefuseWithTwelveAndKeepWhatCameBefore) {
+    msg_db_t* db = ten_and_five();
+    db->next()->lock_read();
+    EXPECT_TRUE(db->next()->is_read_locked());
+    char out[16] = {0};
+    unsigned done = 0;
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->_read(reinterpret_cast<signed char*>(out), 15, &done, true));
+    EXPECT_EQ(10u, done);
+    EXPECT_EQ("abcde", readable(db->next())) << "nothing moved in the locked node";
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->next()->_read(reinterpret_cast<signed char*>(out), 1, &done, false));
+    EXPECT_EQ(0u, done);
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->peek(reinterpret_cast<signed char*>(out), 2, 0));
+    EXPECT_EQ(nullptr, db->split(2));
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->combine());
+    db->next()->unlock_read();
+    db->next()->lock_write();
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->_write(sc("z"), 1, &done));
+    EXPECT_EQ(0u, done);
+    EXPECT_EQ(5u, db->space());
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->update(sc("z"), 1, 0));
+    // A write lock does not stop a read, nor a read lock a write.
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->peek(reinterpret_cast<signed char*>(out), 1, 0));
+    db->next()->unlock_write();
+    db->next()->lock_read();
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_write(sc("zy"), 2, &done));
+    db->next()->unlock_read();
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_read(reinterpret_cast<signed char*>(out), 7, &done, true));
+    EXPECT_EQ("abcdezy", std::string(out, 7));
+    db->lock_write();
+    db->reset();
+    EXPECT_FALSE(db->is_write_locked());
+    EXPECT_EQ(20u, db->space());
+    db->release();
+}
+
+TEST_F(MsgBlock, NullArgumentsGiveTwoAndTheirLines) {
+    msg_db_t* db = ten_and_five();
+    unsigned done = 99;
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->_write(static_cast<const signed char*>(nullptr), 3, &done));
+    EXPECT_EQ(0u, done);
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->_read(static_cast<signed char*>(nullptr), 3, &done, false));
+    EXPECT_TRUE(m_log.contains("assert: file[.\\msgblock], line = ["));
+    // Null with move skips.
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_read(static_cast<signed char*>(nullptr), 3, &done, true));
+    EXPECT_EQ(3u, done);
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->_read(static_cast<msg_db_t*>(nullptr), 3, &done, true));
+    EXPECT_TRUE(m_log.contains("assert: msg[msg_db_t::read dst_db should be not NULL]"));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->_write(static_cast<const msg_db_t*>(nullptr), 3, &done));
+    EXPECT_TRUE(m_log.contains("assert: msg[msg_db_t::write src_db should be not NULL]"));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->peek(nullptr, 1, 0));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->update(nullptr, 1, 0));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->append(nullptr));
+    db->release();
+}
+
+TEST_F(MsgBlock, ChainToChainTransfersCheckRoomOrDataFirst) {
+    msg_db_t* src = ten_and_five();
+    msg_db_t* dst = make(4, "");
+    unsigned done = 0;
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, src->_read(dst, 5, &done, true));
+    EXPECT_TRUE(m_log.contains("assert: msg[msg_db_t::read dst_db should has enough space]"));
+    EXPECT_EQ(15u, src->length());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, dst->append(make(20, "")));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, src->_read(dst, 12, &done, true));
+    EXPECT_EQ(12u, done);
+    EXPECT_EQ("0123456789ab", readable(dst));
+    EXPECT_EQ("cde", readable(src));
+    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, src->_read(dst, 5, &done, false));
+    EXPECT_EQ(3u, done);
+    EXPECT_EQ("cde", readable(src));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, dst->_write(src, 4, &done));
+    EXPECT_TRUE(m_log.contains("assert: msg[msg_db_t::write src_db should has enough data]"));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, dst->_write(src, 3, &done));
+    EXPECT_EQ("0123456789abcdecde", readable(dst));
+    EXPECT_EQ("cde", readable(src)) << "the write form does not consume its source";
+    dst->release();
+    src->release();
+}
+
+TEST_F(MsgBlock, PeekAndUpdateSpanNodesAndRefuseRangesThatWouldWrap) {
+    msg_db_t* db = ten_and_five();
+    char out[8] = {0};
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->peek(reinterpret_cast<signed char*>(out), 6, 7));
+    EXPECT_EQ("789abc", std::string(out, 6));
+    EXPECT_EQ(15u, db->length());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->update(sc("XYZ"), 3, 9));
+    EXPECT_EQ("012345678XYZcde", readable(db));
+    struct {
+        unsigned len;
+        unsigned offset;
+    } bad[] = {{0, 0}, {1, 15}, {16, 0}, {2, 0xFFFFFFFFu}, {0xFFFFFFFFu, 2}};
+    for (const auto& b : bad) {
+        m_log.clear();
+        EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->peek(reinterpret_cast<signed char*>(out), b.len, b.offset));
+        EXPECT_TRUE(m_log.contains("ERROR"));
+        EXPECT_TRUE(m_log.contains(" msg_db_t::peek dst = 0x"));
+        EXPECT_TRUE(m_log.contains(", len = " + std::to_string(b.len) + ", offset = " + std::to_string(b.offset) +
+                                   ", db_len = 15, this = 0x"));
+        EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->update(sc("ab"), b.len, b.offset));
+        EXPECT_TRUE(m_log.contains(" msg_db_t::update dst = 0x"));
+    }
+    EXPECT_EQ("012345678XYZcde", readable(db));
+    db->release();
+}
+
+// ---- chain operations ----
+
+TEST_F(MsgBlock, CopiesRelateAsTheirNamesSay) {
+    msg_db_t* db = ten_and_five();
+    msg_db_t* dup = db->duplicate();
+    msg_db_t* cl = db->clone();
+    msg_db_t* other = make(20, "0123456789abcde");
+    msg_db_t* rev = db->reversal();
+    struct {
+        const msg_db_t* x;
+        bool duplicate, clone, copy;
+    } rows[] = {
+        {dup, true, false, true},   {cl, false, true, true},        {other, false, false, true},
+        {rev, false, false, false}, {nullptr, false, false, false},
+    };
+    for (const auto& r : rows) {
+        EXPECT_EQ(r.duplicate, db->is_duplicate(r.x));
+        EXPECT_EQ(r.clone, db->is_clone(r.x));
+        EXPECT_EQ(r.copy, db->is_copy(r.x));
+    }
+    EXPECT_EQ("abcde0123456789", readable(rev));
+    EXPECT_EQ(3u, db->get_data_block()->get_count()) << "the chain, its duplicate and its reversal";
+    // A deep copy keeps the cursors: the headroom can be read back again.
+    db->move_reader_forward(3);
+    msg_db_t* cl2 = db->clone();
+    EXPECT_EQ(ssb::RESULT_SUCCESS, cl2->move_reader_backward(3));
+    EXPECT_EQ("0123456789abcde", readable(cl2));
+    for (msg_db_t* c : {dup, cl, other, rev, cl2, db})
+        c->release();
+}
+
+TEST_F(MsgBlock, CombineKeepsLengthSpaceAndBytesInOneNewNode) {
+    msg_db_t* db = ten_and_five();
+    db->move_reader_forward(2);
+    msg_db_t* keep = db->duplicate();
+    ASSERT_EQ(ssb::RESULT_SUCCESS, db->combine());
+    EXPECT_EQ(1u, db->node_size());
+    EXPECT_EQ("23456789abcde", readable(db));
+    EXPECT_EQ(5u, db->space());
+    EXPECT_FALSE(db->is_shared());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->combine()) << "one node: nothing to do";
+    keep->release();
+    db->release();
+}
+
+TEST_F(MsgBlock, CompressDropsOnlyNodesThatCanNeitherGiveNorTakeBytes) {
+    msg_db_t* db = make(4, "abcd");
+    db->append(make(3, "efg"));  // read through below: exhausted
+    db->append(make(5, ""));     // empty with room: kept
+    db->append(make(2, "hi"));
+    db->move_reader_forward(7);
+    EXPECT_EQ(1u, db->compress()) << "the head is kept, the read-through middle node goes";
+    EXPECT_EQ(3u, db->node_size());
+    EXPECT_EQ("hi", readable(db));
+    EXPECT_EQ(5u, db->space());
+    EXPECT_EQ(0u, db->compress());
+    db->release();
+}
+
+TEST_F(MsgBlock, LinkingPlacesChainsAndRefusesWhatWouldBreakAChain) {
+    msg_db_t* db = make(2, "ab");
+    ASSERT_EQ(ssb::RESULT_SUCCESS, db->append(make(2, "ef")));
+    ASSERT_EQ(ssb::RESULT_SUCCESS, db->insert_behind(make(2, "cd")));
+    msg_db_t* front = make(2, "<<");
+    ASSERT_EQ(ssb::RESULT_SUCCESS, db->insert_before(front));
+    EXPECT_EQ(nullptr, front->prev());
+    EXPECT_EQ(front, db->prev());
+    EXPECT_EQ("<<abcdef", readable(front));
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->append(front)) << "already in this chain";
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, front->append(db)) << "not a head";
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->insert_behind(nullptr));
+
+    // Releasing from the middle cuts the chain there.
+    db->next()->release();
+    EXPECT_EQ("<<ab", readable(front));
+
+    // Sums past 32 bits saturate and a combine that cannot fit is refused;
+    // the caller's byte is never touched (no readable bytes, room only).
+    static char one;
+    msg_db_t* huge = msg_db_t::new_instance(ssb::MSG_DB_MAX_BLOCK_SIZE, reinterpret_cast<signed char*>(&one), 0,
+                                            ssb::MSG_FLAG_WITHOUT_COPY, &m_alloc);
+    ASSERT_NE(nullptr, huge);
+    EXPECT_EQ(ssb::RESULT_SUCCESS,
+              huge->append(msg_db_t::new_instance(ssb::MSG_DB_MAX_BLOCK_SIZE, reinterpret_cast<signed char*>(&one), 0,
+                                                  ssb::MSG_FLAG_WITHOUT_COPY, &m_alloc)));
+    EXPECT_EQ(0xFFFFFFFFu, huge->space());
+    EXPECT_EQ(ssb::RESULT_OUT_OF_LIMIT, huge->combine());
+    EXPECT_TRUE(m_log.contains("msg_db_t::combine the size is out of limitation, len = 0, space = 8589803520"));
+    EXPECT_EQ(2u, huge->node_size());
+    huge->release();
+    front->release();
+}
+
+TEST_F(MsgBlock, ReversalSelfReturnsTheNewFirstNodeAndKeepsTheLinkBefore) {
+    msg_db_t* db = make(1, "a");
+    db->append(make(1, "b"));
+    db->append(make(1, "c"));
+    db->append(make(1, "d"));
+    msg_db_t* second = db->next();
+    msg_db_t* tail_first = second->reversal_self();
+    EXPECT_EQ("adcb", readable(db));
+    EXPECT_EQ(db, tail_first->prev());
+    EXPECT_EQ(nullptr, second->next());
+    msg_db_t* head = db->reversal_self();
+    EXPECT_EQ("bcda", readable(head));
+    EXPECT_EQ(nullptr, head->prev());
+    head->release();
+}
+
+struct posix_like_iov_t {
+    void* iov_base;
+    size_t iov_len;
+};
+// The member order of Windows' WSABUF: length first.
+struct wsabuf_like_t {
+    unsigned long len;
+    char* buf;
+};
+
+TEST_F(MsgBlock, FillIovGivesOneEntryPerNonEmptyNodeInEitherLayout) {
+    msg_db_t* db = make(4, "abcd");
+    db->append(make(4, ""));
+    db->append(make(4, "efg"));
+    posix_like_iov_t iov[4];
+    unsigned filled = 0;
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->fill_iov(iov, 4, &filled));
+    ASSERT_EQ(2u, filled);
+    EXPECT_EQ(db->get_reader_cursor(), iov[0].iov_base);
+    EXPECT_EQ(4u, iov[0].iov_len);
+    EXPECT_EQ(std::string("efg"), std::string(static_cast<char*>(iov[1].iov_base), iov[1].iov_len));
+
+    wsabuf_like_t wsa[1];
+    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->fill_iov(wsa, 1, &filled));
+    EXPECT_EQ(1u, filled);
+    EXPECT_EQ(4ul, wsa[0].len);
+    EXPECT_EQ(reinterpret_cast<char*>(db->get_reader_cursor()), wsa[0].buf);
+
+    EXPECT_EQ(ssb::RESULT_INVALID_ARG, db->fill_iov(static_cast<posix_like_iov_t*>(nullptr), 2, &filled));
+    EXPECT_EQ(0u, filled);
+    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->fill_iov(static_cast<posix_like_iov_t*>(nullptr), 0, &filled));
+    EXPECT_EQ(0u, filled);
+    db->next()->next()->lock_read();
+    EXPECT_EQ(ssb::RESULT_REFUSED, db->fill_iov(iov, 4, &filled));
+    EXPECT_EQ(1u, filled);
+    db->release();
+}
+
+TEST_F(MsgBlock, StreamOutputIsUpperHexOfTheReadableBytesAndRestoresTheRadix) {
+    msg_db_t* db = make(4, "\x01\xab");
+    db->append(make(2, "\xff"));
+    db->move_reader_forward(1);
+    signed char buf[64];
+    ssb::text_stream_t s(buf, sizeof(buf));
+    s << *db << 10;
+    EXPECT_STREQ("ABFF10", reinterpret_cast<char*>(buf));
+    // A stream with room for one pair stops there.
+    signed char small[5];
+    ssb::text_stream_t t(small, sizeof(small));
+    t << *db;
+    EXPECT_STREQ("AB", reinterpret_cast<char*>(small));
+    EXPECT_FALSE(t.good());
+    db->release();
+}
+
+// ---- costs ----
+
+TEST_F(MsgBlock, TransfersAndIovFillingTakeNoMemory) {
+    msg_db_t* db = msg_db_t::new_instance(1500, nullptr, 0, ssb::MSG_FLAG_NONE, &m_alloc);
+    db->append(msg_db_t::new_instance(1500, nullptr, 0, ssb::MSG_FLAG_NONE, &m_alloc));
+    std::vector<signed char> packet(2000, 7), out(2000);
+    posix_like_iov_t iov[4];
+    unsigned done = 0;
+    const int before = m_alloc.m_allocations.load();
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_write(packet.data(), 2000, &done));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->peek(out.data(), 100, 1450));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->update(packet.data(), 100, 1450));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->fill_iov(iov, 4, &done));
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_read(out.data(), 2000, &done, true));
+    EXPECT_EQ(before, m_alloc.m_allocations.load());
+    db->release();
+}
+
+TEST_F(MsgBlock, DefaultAllocatorServesBlocksAndNodes) {
+    msg_db_t* db = msg_db_t::new_instance(64);
+    ASSERT_NE(nullptr, db);
+    EXPECT_EQ(static_cast<ssb::i8_allocator_it*>(ssb::ssb_allocator_t::instance()), db->get_allocator());
+    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_write(sc("abc"), 3, nullptr));
+    data_block_t* b = data_block_t::new_instance(16);
+    msg_db_t* over = msg_db_t::new_instance(b);
+    EXPECT_EQ(2u, b->get_count());
+    b->release();
+    over->release();
+    db->release();
+}
+
+// ---- threads ----
+
+TEST_F(MsgBlock, SharedBlocksReleasedFromTwoThreadsKeepExactCounts) {
+    const int rounds = 2000 / util_test::ROUNDS_SCALE;
+    for (int round = 0; round < rounds; ++round) {
+        msg_db_t* db = ten_and_five();
+        std::vector<msg_db_t*> copies[2];
+        for (int i = 0; i < 8; ++i)
+            copies[i & 1].push_back(i & 2 ? db->duplicate() : db->split(1));
+        const uint32_t expected = 1 + 8;
+        ASSERT_EQ(expected, db->get_data_block()->get_count());
+        util_test::run_threads(2, [&](int t) {
+            for (msg_db_t* c : copies[t])
+                c->release();
+        });
+        ASSERT_EQ(1u, db->get_data_block()->get_count());
+        ASSERT_EQ(1u, db->next()->get_data_block()->get_count());
+        db->release();
+    }
+}
+
+// ---- against the model ----
+
+TEST(MsgBlockModel, RandomOperationSequencesMatchTheByteVectorModel) {
+    util_test::text_capture_t quiet;
+    util_test::capture_util_log(&quiet);
+    std::mt19937 gen(20261123);
+    const int runs = 3000 / util_test::ROUNDS_SCALE;
+    for (int run = 0; run < runs; ++run) {
+        std::vector<uint8_t> input(64 + gen() % 1500);
+        for (auto& b : input)
+            b = static_cast<uint8_t>(gen());
+        std::string error;
+        {
+            msgblock_model::driver_t driver;
+            error = driver.run(input.data(), input.size());
+        }
+        ASSERT_EQ("", error) << "run " << run;
+        quiet.clear();
+    }
+    util_test::restore_log_routing();
+}
+
+}  // namespace
