@@ -32,8 +32,14 @@ void* operator new(size_t size) {
         throw std::bad_alloc();
     return p;
 }
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    if (s_counting.load(std::memory_order_relaxed))
+        s_allocations.fetch_add(1, std::memory_order_relaxed);
+    return malloc(size ? size : 1);
+}
 void operator delete(void* p) noexcept { s_free(p); }
 void operator delete(void* p, size_t) noexcept { s_free(p); }
+void operator delete(void* p, const std::nothrow_t&) noexcept { s_free(p); }
 
 namespace {
 
