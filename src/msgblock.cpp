@@ -454,6 +454,34 @@ int msg_db_t::write_on(msg_db_t*& node, const signed char* src, unsigned len, un
     return rv;
 }
 
+namespace {
+
+// Visits `len` readable bytes starting `offset` bytes after the reader, as
+// stretches within single nodes: piece(node, skip, done, n) covers n bytes
+// at node's reader + skip, the stretch's place `done` in the range. A node
+// that `locked` refuses ends the walk with 12.
+template <class Locked, class Piece>
+int walk_readable(msg_db_t* head, unsigned len, unsigned offset, Locked locked, Piece piece) {
+    unsigned skip = offset;
+    unsigned done = 0;
+    for (msg_db_t* node = head; node && done < len; node = node->next()) {
+        const unsigned avail = node->get_current_db_length();
+        if (skip >= avail) {
+            skip -= avail;
+            continue;
+        }
+        if (locked(node))
+            return RESULT_REFUSED;
+        const unsigned n = min_of(avail - skip, len - done);
+        piece(node, skip, done, n);
+        done += n;
+        skip = 0;
+    }
+    return RESULT_SUCCESS;
+}
+
+}  // namespace
+
 int msg_db_t::peek(signed char* dst, unsigned len, unsigned offset) {
     const uint64_t total = length64();
     if (len == 0 || !dst || static_cast<uint64_t>(offset) + len > total) {
@@ -461,22 +489,9 @@ int msg_db_t::peek(signed char* dst, unsigned len, unsigned offset) {
                                                      << ", db_len = " << total << ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
-    unsigned skip = offset;
-    unsigned copied = 0;
-    for (msg_db_t* node = this; node && copied < len; node = node->m_next) {
-        const unsigned avail = node->get_current_db_length();
-        if (skip >= avail) {
-            skip -= avail;
-            continue;
-        }
-        if (node->is_read_locked())
-            return RESULT_REFUSED;
-        const unsigned n = min_of(avail - skip, len - copied);
-        memcpy(dst + copied, node->m_read + skip, n);
-        copied += n;
-        skip = 0;
-    }
-    return RESULT_SUCCESS;
+    return walk_readable(
+        this, len, offset, [](msg_db_t* node) { return node->is_read_locked(); },
+        [&](msg_db_t* node, unsigned skip, unsigned done, unsigned n) { memcpy(dst + done, node->m_read + skip, n); });
 }
 
 int msg_db_t::update(const signed char* src, unsigned len, unsigned offset) {
@@ -486,23 +501,12 @@ int msg_db_t::update(const signed char* src, unsigned len, unsigned offset) {
                                                        << ", db_len = " << total << ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
-    unsigned skip = offset;
-    unsigned copied = 0;
-    for (msg_db_t* node = this; node && copied < len; node = node->m_next) {
-        const unsigned avail = node->get_current_db_length();
-        if (skip >= avail) {
-            skip -= avail;
-            continue;
-        }
-        if (node->is_write_locked())
-            return RESULT_REFUSED;
-        const unsigned n = min_of(avail - skip, len - copied);
-        memmove(node->m_read + skip, src + copied, n);
-        node->m_block->touch();
-        copied += n;
-        skip = 0;
-    }
-    return RESULT_SUCCESS;
+    return walk_readable(
+        this, len, offset, [](msg_db_t* node) { return node->is_write_locked(); },
+        [&](msg_db_t* node, unsigned skip, unsigned done, unsigned n) {
+            memmove(node->m_read + skip, src + done, n);
+            node->m_block->touch();
+        });
 }
 
 // ---- cursors -------------------------------------------------------------------------
