@@ -1,6 +1,8 @@
 // The loop of a message-loop thread: its pass, its stop, delivery to it and
-// messages parked on it. Channels live in thread_channels.cpp, the timer
-// side in thread_timer.cpp.
+// messages parked on it. Channels (and held sink wake-ups) live in
+// thread_channels.cpp, the synchronous waits in thread_waits.cpp, the
+// calling thread's identity in thread_identity.cpp, the timer side in
+// thread_timer.cpp.
 #include "thread.h"
 
 #include <memory>
@@ -9,6 +11,7 @@
 #include "platform/platform.h"
 #include "thread_identity.h"
 #include "thread_parts.h"
+#include "thread_waits.h"
 #include "tls.h"
 #include "trace.h"
 
@@ -17,71 +20,6 @@ namespace ssb {
 namespace {
 
 const char SOURCE_PATH[] = "thread";
-
-// Carries a sent message and records that it ran: a stop drops queued
-// messages unrun, and the sender must not take that for success. The flag
-// is shared, as a sender whose wait timed out may leave before it runs.
-class ran_msg_t : public msg_it {
-public:
-    ran_msg_t(msg_it* inner, std::shared_ptr<std::atomic<bool>> ran)
-        : msg_it(inner->get_type(), inner->load(), MSG_TIMEOUT_NEVER, inner->is_lockable()),
-          m_inner(inner),
-          m_ran(std::move(ran)) {}
-    void on_message() override {
-        m_ran->store(true, std::memory_order_release);
-        m_inner->on_message();
-    }
-    // A send refused before the hand-over leaves the message the caller's.
-    void disown() { m_inner = nullptr; }
-
-protected:
-    ~ran_msg_t() override {
-        if (m_inner)
-            m_inner->release();
-    }
-
-private:
-    msg_it* m_inner;
-    std::shared_ptr<std::atomic<bool>> m_ran;
-};
-
-// Sends `msg` through `queue` and waits: the queue's result, or 9 when the
-// message was released without running (its thread stopped first).
-int send_tracked(w_msg_queue_it* queue, msg_it* msg, msg_queue_sink_it* sink, int timeout) {
-    if (!msg)
-        return queue->send_msg(msg, sink, timeout);
-    std::shared_ptr<std::atomic<bool>> ran = std::make_shared<std::atomic<bool>>(false);
-    ran_msg_t* carrier = new ran_msg_t(msg, ran);
-    const int rv = queue->send_msg(carrier, sink, timeout);
-    if (rv != RESULT_SUCCESS && rv != RESULT_BUSY) {
-        carrier->disown();
-        carrier->release();
-        return rv;
-    }
-    return rv == RESULT_SUCCESS && !ran->load(std::memory_order_acquire) ? RESULT_NOTHING_TO_DO : rv;
-}
-
-// A synchronous wait of the calling thread for `target`, refused (12, with
-// an assertion line) when `target` already waits for the caller, directly
-// or through other threads: that wait could never end.
-class wait_for_t {
-public:
-    wait_for_t(const char* op, const thread_wrapper_t* target) : m_rv(waits::enter(target->get_id())) {
-        if (m_rv != RESULT_SUCCESS)
-            UTIL_ASSERT_MSG(op << " would wait for a thread that waits for the caller, target = " << log_ptr(target),
-                            SOURCE_PATH, __LINE__, ", tid = " << get_cur_tid());
-    }
-    ~wait_for_t() {
-        if (m_rv == RESULT_SUCCESS)
-            waits::leave();
-    }
-    wait_for_t(const wait_for_t&) = delete;
-    wait_for_t& operator=(const wait_for_t&) = delete;
-    int refused() const { return m_rv; }
-
-private:
-    int m_rv;
-};
 
 // Stops a loop on its own thread; sent by stop() from another thread.
 class stop_thread_msg_t : public msg_it {
@@ -310,27 +248,6 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     return total;
 }
 
-int thread_wrapper_t::hold_sink_wakeup(msg_queue_base_t* queue) {
-    auto_lock_t<thread_mutex_recursive> guard(m_lock);
-    if (is_stopped())
-        return RESULT_NOTHING_TO_DO;
-    m_parts->held_wakeups.push_back(ref_holder_t<msg_queue_base_t>(queue));
-    m_parts->has_held_wakeups.store(true, std::memory_order_release);
-    notify();
-    return RESULT_SUCCESS;
-}
-
-void thread_wrapper_t::run_held_wakeups() {
-    std::vector<ref_holder_t<msg_queue_base_t>> due;
-    {
-        auto_lock_t<thread_mutex_recursive> guard(m_lock);
-        due.swap(m_parts->held_wakeups);
-        m_parts->has_held_wakeups.store(false, std::memory_order_relaxed);
-    }
-    for (const ref_holder_t<msg_queue_base_t>& queue : due)
-        queue->on_sink();
-}
-
 // ---- stopping ------------------------------------------------------------------
 
 int thread_wrapper_t::request_stop() {
@@ -422,39 +339,6 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
         UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i could not get thread manager instance, this = " << log_ptr(this));
     return RESULT_SUCCESS;
 }
-
-// ---- the calling thread's identity ------------------------------------------------
-
-void thread_wrapper_t::init_tls() {
-    const unsigned int tid = get_cur_tid();
-    if (m_mode != THREAD_MODE_WRAP || get_id() == 0)
-        m_id.store(tid, std::memory_order_relaxed);
-    if (get_id() != tid) {
-        UTIL_ASSERT_MSG(
-            "thread_wrapper_t::init_tls() should be in same thread, id = " << get_id() << ", current id = " << tid,
-            SOURCE_PATH, 1657, ", this = " << log_ptr(this));
-        return;
-    }
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::init_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
-                                                                           << ", this = " << log_ptr(this));
-    if (identity::set(this) != RESULT_SUCCESS)
-        UTIL_ASSERT_MSG("thread_mgr_t::register_tls tls is invalid", "thread_mgr", __LINE__,
-                        ", thr = " << log_ptr(this));
-}
-
-void thread_wrapper_t::cleanup_tls() {
-    UTIL_LOG(LOG_INFO, "thread_wrapper_t::cleanup_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
-                                                                              << ", this = " << log_ptr(this));
-    if (!on_own_thread()) {
-        UTIL_ASSERT_MSG("thread_wrapper_t::cleanup_tls() should be in same thread, current tid = " << get_cur_tid(),
-                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
-        return;
-    }
-    identity::set(nullptr);
-    tls_cleanup();
-}
-
-thread_wrapper_t* thread_wrapper_t::self() { return identity::get(); }
 
 // ---- delivery -------------------------------------------------------------------
 

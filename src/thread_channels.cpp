@@ -240,6 +240,29 @@ int thread_wrapper_t::detach_queue(thread_wrapper_t* bind_thr) {
     return RESULT_SUCCESS;
 }
 
+// ---- sink wake-ups that found the control queue full ---------------------------------
+
+int thread_wrapper_t::hold_sink_wakeup(msg_queue_base_t* queue) {
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
+    if (is_stopped())
+        return RESULT_NOTHING_TO_DO;
+    m_parts->held_wakeups.push_back(ref_holder_t<msg_queue_base_t>(queue));
+    m_parts->has_held_wakeups.store(true, std::memory_order_release);
+    notify();
+    return RESULT_SUCCESS;
+}
+
+void thread_wrapper_t::run_held_wakeups() {
+    std::vector<ref_holder_t<msg_queue_base_t>> due;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        due.swap(m_parts->held_wakeups);
+        m_parts->has_held_wakeups.store(false, std::memory_order_relaxed);
+    }
+    for (const ref_holder_t<msg_queue_base_t>& queue : due)
+        queue->on_sink();
+}
+
 // ---- looking channels up --------------------------------------------------------------
 
 r_msg_queue_it* thread_wrapper_t::get_read_msgq(thread_wrapper_t* peer) {

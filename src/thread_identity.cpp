@@ -4,12 +4,15 @@
 #include <vector>
 
 #include "lock.h"
+#include "thread.h"
 #include "tls.h"
+#include "trace.h"
 
 namespace ssb {
 
 namespace {
 
+const char SOURCE_PATH[] = "thread";
 const unsigned int NO_KEY = 0xFFFFFFFFu;
 
 // Read by every thread without a lock; written by the manager's life.
@@ -116,5 +119,38 @@ void leave() {
 }
 
 }  // namespace waits
+
+// ---- a loop's own identity ------------------------------------------------
+
+void thread_wrapper_t::init_tls() {
+    const unsigned int tid = get_cur_tid();
+    if (m_mode != THREAD_MODE_WRAP || get_id() == 0)
+        m_id.store(tid, std::memory_order_relaxed);
+    if (get_id() != tid) {
+        UTIL_ASSERT_MSG(
+            "thread_wrapper_t::init_tls() should be in same thread, id = " << get_id() << ", current id = " << tid,
+            SOURCE_PATH, 1657, ", this = " << log_ptr(this));
+        return;
+    }
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::init_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
+                                                                           << ", this = " << log_ptr(this));
+    if (identity::set(this) != RESULT_SUCCESS)
+        UTIL_ASSERT_MSG("thread_mgr_t::register_tls tls is invalid", "thread_mgr", __LINE__,
+                        ", thr = " << log_ptr(this));
+}
+
+void thread_wrapper_t::cleanup_tls() {
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::cleanup_tls(), m_thread_manager = " << log_ptr(m_thread_manager)
+                                                                              << ", this = " << log_ptr(this));
+    if (!on_own_thread()) {
+        UTIL_ASSERT_MSG("thread_wrapper_t::cleanup_tls() should be in same thread, current tid = " << get_cur_tid(),
+                        SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
+        return;
+    }
+    identity::set(nullptr);
+    tls_cleanup();
+}
+
+thread_wrapper_t* thread_wrapper_t::self() { return identity::get(); }
 
 }  // namespace ssb
