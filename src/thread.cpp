@@ -5,8 +5,6 @@
 // thread_timer.cpp.
 #include "thread.h"
 
-#include <memory>
-
 #include "notifier.h"
 #include "platform/platform.h"
 #include "thread_identity.h"

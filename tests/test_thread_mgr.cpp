@@ -24,7 +24,7 @@ using util_test::run_on;
 
 class ThreadMgr : public util_test::thread_test_t {};
 
-TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
+TEST_F(ThreadMgr, StartWrapsTheMainThreadAndStartsOneTimerDriverBoundToIt) {
     thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
     ASSERT_NE(nullptr, main_thr);
     EXPECT_EQ(get_cur_tid(), main_thr->get_id());
@@ -40,22 +40,16 @@ TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
     // Every thread is bound to the timer driver.
     EXPECT_TRUE(main_thr->is_available(timer));
     EXPECT_EQ(RESULT_ALREADY_EXISTS, thread_mgr_t::reset());
+}
 
-    // Spawning rules: one timer driver, one wrapper per thread, a mode.
+TEST_F(ThreadMgr, SpawnKeepsOneTimerDriverOneWrapperPerThreadAndNeedsAMode) {
+    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+    thread_wrapper_t* timer = m_mgr->find_by_type(THREAD_TYPE_TIMER);
+    ASSERT_TRUE(main_thr && timer);
     EXPECT_EQ(timer, m_mgr->spawn(THREAD_MODE_EVENT, 64, THREAD_TYPE_TIMER, false, nullptr, 0));
     EXPECT_EQ(main_thr, m_mgr->spawn(THREAD_MODE_WRAP, 64, 7, false, nullptr, 0));
     EXPECT_EQ(nullptr, m_mgr->spawn(0, 64, 7, false, nullptr, 0));
     EXPECT_EQ(RESULT_ALREADY_EXISTS, m_mgr->attach(main_thr, nullptr, 0));
-
-    // A deferred detach happens when the chosen loop runs it.
-    thread_wrapper_t* extra = m_mgr->spawn(THREAD_MODE_EVENT, 64, 9, false, nullptr, 0);
-    ASSERT_EQ(RESULT_SUCCESS, m_mgr->detach_deferred(extra, nullptr));
-    EXPECT_EQ(extra, m_mgr->find_by_type(9));
-    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
-    EXPECT_EQ(nullptr, m_mgr->find_by_type(9));
-    EXPECT_EQ(RESULT_NOT_FOUND, m_mgr->detach(extra));
-    EXPECT_TRUE(m_log.contains("has not been in the queue"));
-    // Still running: the manager stops it when it goes.
 
     // A light thread runs its function and is not registered.
     const unsigned int before = m_mgr->count();
@@ -65,7 +59,25 @@ TEST_F(ThreadMgr, LifeCycleWrapsTheMainThreadAndStartsOneTimerDriver) {
     EXPECT_EQ(RESULT_SUCCESS, light->stop());
     delete light;
     EXPECT_EQ(nullptr, m_mgr->spawn_light(nullptr, nullptr, 0, 0));
+}
 
+TEST_F(ThreadMgr, ADeferredDetachHappensWhenTheChosenLoopRunsIt) {
+    thread_wrapper_t* extra = m_mgr->spawn(THREAD_MODE_EVENT, 64, 9, false, nullptr, 0);
+    ASSERT_NE(nullptr, extra);
+    ASSERT_EQ(RESULT_SUCCESS, m_mgr->detach_deferred(extra, nullptr));
+    EXPECT_EQ(extra, m_mgr->find_by_type(9));
+    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
+    EXPECT_EQ(nullptr, m_mgr->find_by_type(9));
+    EXPECT_EQ(RESULT_NOT_FOUND, m_mgr->detach(extra));
+    EXPECT_TRUE(m_log.contains("has not been in the queue"));
+    // Still running: the manager stops it when it goes (the fixture's
+    // live-object check proves it is freed).
+}
+
+TEST_F(ThreadMgr, DestroyStopsEverythingAndResetAllowsAFreshManager) {
+    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+    ASSERT_NE(nullptr, main_thr);
+    const unsigned int before = m_mgr->count();
     main_thr->increment();
     thread_mgr_t::destroy();
     EXPECT_EQ(nullptr, thread_mgr_t::instance());
