@@ -48,7 +48,7 @@ inline void run_threads(int n, const std::function<void(int)>& fn) {
 // How long a test waits for something that should happen at once before it
 // calls it a fault: far beyond any honest delay (sanitizers, Wine, a loaded
 // machine), far below CTest's time-out, so a broken loop fails with a name.
-const std::chrono::seconds WAIT_LIMIT(60);
+const std::chrono::seconds WAIT_LIMIT(30);
 
 // Spins until pred() holds and returns true; past `limit` records a failure
 // naming `what` and returns false. Tests use it instead of sleeping.

@@ -5,10 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <functional>
 
 #include "live_count.h"
 #include "test_log_support.h"
+#include "test_support.h"
 #include "thread.h"
 #include "thread_mgr.h"
 #include "util.h"
@@ -40,7 +42,9 @@ private:
 // Runs fn on `thr` and waits for it, through the control queue (any thread
 // may write it, bound or not).
 inline void run_on(ssb::thread_wrapper_t* thr, std::function<void()> fn) {
-    ASSERT_EQ(ssb::RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, -1));
+    const int limit_ms = static_cast<int>(std::chrono::milliseconds(WAIT_LIMIT).count());
+    ASSERT_EQ(ssb::RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, limit_ms))
+        << "the loop " << thr->name() << " did not run a message within " << limit_ms << " ms";
 }
 
 // The library started with a fresh thread manager (the test's thread is
