@@ -530,7 +530,7 @@ TEST_F(MsgBlock, FillIovGivesOneEntryPerNonEmptyNodeInEitherLayout) {
     msg_db_t* db = make(4, "abcd");
     db->append(make(4, ""));
     db->append(make(4, "efg"));
-    posix_like_iov_t iov[4];
+    posix_like_iov_t iov[4] = {};
     unsigned filled = 0;
     EXPECT_EQ(ssb::RESULT_SUCCESS, db->fill_iov(iov, 4, &filled));
     ASSERT_EQ(2u, filled);
@@ -538,7 +538,7 @@ TEST_F(MsgBlock, FillIovGivesOneEntryPerNonEmptyNodeInEitherLayout) {
     EXPECT_EQ(4u, iov[0].iov_len);
     EXPECT_EQ(std::string("efg"), std::string(static_cast<char*>(iov[1].iov_base), iov[1].iov_len));
 
-    wsabuf_like_t wsa[1];
+    wsabuf_like_t wsa[1] = {};
     EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->fill_iov(wsa, 1, &filled));
     EXPECT_EQ(1u, filled);
     EXPECT_EQ(4ul, wsa[0].len);
@@ -577,7 +577,7 @@ TEST_F(MsgBlock, TransfersAndIovFillingTakeNoMemory) {
     msg_db_t* db = msg_db_t::new_instance(1500, nullptr, 0, ssb::MSG_FLAG_NONE, &m_alloc);
     db->append(msg_db_t::new_instance(1500, nullptr, 0, ssb::MSG_FLAG_NONE, &m_alloc));
     std::vector<signed char> packet(2000, 7), out(2000);
-    posix_like_iov_t iov[4];
+    posix_like_iov_t iov[4] = {};
     unsigned done = 0;
     const int before = m_alloc.m_allocations.load();
     EXPECT_EQ(ssb::RESULT_SUCCESS, db->_write(packet.data(), 2000, &done));
