@@ -285,7 +285,12 @@ uint16_t crc16_update(uint16_t crc, const unsigned char* p, size_t n) {
 
 using ssb::crc_detail::SOURCE_PATH;
 
-unsigned int crc_32(unsigned int* crc, const unsigned char* data, unsigned length) {
+namespace {
+
+// Both entry points: a null running value gives 0, no bytes leave it as it
+// is, and null bytes with a length are refused; each logs its line.
+template <class T, class Update>
+T checked_update(T* crc, const unsigned char* data, unsigned length, Update update) {
     if (!crc) {
         UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", length = " << length);
         return 0;
@@ -296,21 +301,16 @@ unsigned int crc_32(unsigned int* crc, const unsigned char* data, unsigned lengt
         UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", length = " << length);
         return *crc;
     }
-    *crc = ssb::crc_detail::crc32_update(*crc, data, length);
+    *crc = update(*crc, data, length);
     return *crc;
 }
 
+}  // namespace
+
+unsigned int crc_32(unsigned int* crc, const unsigned char* data, unsigned length) {
+    return checked_update(crc, data, length, ssb::crc_detail::crc32_update);
+}
+
 unsigned short crc_16(unsigned short* crc, const unsigned char* data, unsigned length) {
-    if (!crc) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", length = " << length);
-        return 0;
-    }
-    if (!length)
-        return *crc;
-    if (!data) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", length = " << length);
-        return *crc;
-    }
-    *crc = ssb::crc_detail::crc16_update(*crc, data, length);
-    return *crc;
+    return checked_update(crc, data, length, ssb::crc_detail::crc16_update);
 }

@@ -143,10 +143,10 @@ void trim_bounds(const char* s, size_t len, size_t* begin, size_t* end) {
     *end = e;
 }
 
-template <class C>
-void split_into(const std::string& text, C& out, char separator, bool clear_first) {
-    if (clear_first)
-        out.clear();
+// Calls fn(piece, length) for each trimmed, non-empty piece of `text`
+// between separators, until fn returns true; whether one did.
+template <class Fn>
+bool for_each_piece(const std::string& text, char separator, Fn fn) {
     const char* s = text.data();
     const size_t n = text.size();
     size_t start = 0;
@@ -156,10 +156,21 @@ void split_into(const std::string& text, C& out, char separator, bool clear_firs
         size_t b = 0;
         size_t e = 0;
         trim_bounds(s + start, stop - start, &b, &e);
-        if (e > b)
-            out.push_back(std::string(s + start + b, e - b));
+        if (e > b && fn(s + start + b, e - b))
+            return true;
         start = stop + 1;
     }
+    return false;
+}
+
+template <class C>
+void split_into(const std::string& text, C& out, char separator, bool clear_first) {
+    if (clear_first)
+        out.clear();
+    for_each_piece(text, separator, [&](const char* piece, size_t len) {
+        out.push_back(std::string(piece, len));
+        return false;
+    });
 }
 
 // The matcher behind both public forms, called directly (no exported-symbol
@@ -231,20 +242,9 @@ bool regex_match(const std::string& text, const std::string& pattern) {
 }
 
 bool regex_match_pattern_list(const std::string& text, const std::string& pattern_list, char separator) {
-    const char* s = pattern_list.data();
-    const size_t n = pattern_list.size();
-    size_t start = 0;
-    while (start <= n) {
-        const void* hit = memchr(s + start, separator, n - start);
-        const size_t stop = hit ? static_cast<size_t>(static_cast<const char*>(hit) - s) : n;
-        size_t b = 0;
-        size_t e = 0;
-        trim_bounds(s + start, stop - start, &b, &e);
-        if (e > b && match_view(text.data(), text.size(), s + start + b, e - b))
-            return true;
-        start = stop + 1;
-    }
-    return false;
+    return for_each_piece(pattern_list, separator, [&](const char* pattern, size_t len) {
+        return match_view(text.data(), text.size(), pattern, len);
+    });
 }
 
 void split_string(const std::string& text, std::list<std::string>& out, char separator, bool clear_first) {
