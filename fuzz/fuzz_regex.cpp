@@ -12,61 +12,12 @@
 #include <vector>
 
 #include "log.h"
+#include "regex_model.h"
 #include "strutil.h"
 
 namespace {
 
-bool reference_match(const std::string& text, const std::string& pattern) {
-    if (pattern.find('*') == std::string::npos) {
-        if (text.size() != pattern.size())
-            return false;
-        for (size_t i = 0; i < pattern.size(); ++i) {
-            if (pattern[i] != '?' && pattern[i] != text[i])
-                return false;
-        }
-        return true;
-    }
-    if (pattern == "*")
-        return true;
-    std::vector<std::string> pieces;
-    std::string cur;
-    for (char c : pattern) {
-        if (c == '*') {
-            if (!cur.empty())
-                pieces.push_back(cur);
-            cur.clear();
-        } else {
-            cur += c;
-        }
-    }
-    if (!cur.empty())
-        pieces.push_back(cur);
-    const bool begins = pattern.front() == '*';
-    const bool ends = pattern.back() == '*';
-    size_t pos = 0;
-    size_t last_found = 0;
-    for (size_t k = 0; k < pieces.size(); ++k) {
-        const size_t f = text.find(pieces[k], pos);
-        if (f == std::string::npos)
-            return false;
-        if (k == 0 && !begins && f != 0)
-            return false;
-        last_found = f;
-        pos = f + pieces[k].size();
-    }
-    if (ends || pieces.empty())
-        return true;
-    const std::string& last = pieces.back();
-    while (last_found + last.size() != text.size()) {
-        // Retry after the early match's start: an overlapping later
-        // occurrence counts.
-        const size_t f = text.find(last, last_found + 1);
-        if (f == std::string::npos)
-            return false;
-        last_found = f;
-    }
-    return true;
-}
+using regex_model::reference_match;
 
 bool star_only(const std::string& pattern) {
     size_t stars = 0;

@@ -79,22 +79,6 @@ TEST(I8Allocator, InstanceIsOneNewAllocatorForEveryThread) {
     EXPECT_EQ(0u, n->page_size() & (n->page_size() - 1)) << "a power of two";
 }
 
-TEST(I8Allocator, BackEndsRoundTrip) {
-    new_i8_allocator_t by_new;
-    c_i8_allocator_t by_c;
-    std_i8_allocator_t by_std;
-    i8_allocator_it* all[] = {&by_new, &by_c, &by_std};
-    for (i8_allocator_it* a : all) {
-        for (unsigned int n : {1u, 31u, 4096u, 70000u}) {
-            signed char* p = a->allocate(n);
-            ASSERT_NE(nullptr, p);
-            memset(p, 0x5a, n);
-            a->deallocate(p, n);
-        }
-        a->deallocate(nullptr, 10);
-    }
-}
-
 class AllocLog : public ::testing::Test {
 protected:
     void SetUp() override { util_test::capture_util_log(&m_log); }
@@ -291,20 +275,6 @@ TEST_F(SsbAllocator, TrailerFollowsTheCallersBytes) {
         EXPECT_EQ(0, memcmp(p + n, ssb_allocator_t::CHECKER_RESULT, ssb_allocator_t::TRAILER_SIZE)) << n;
         a->deallocate(p, n);
     }
-}
-
-TEST_F(SsbAllocator, SameThreadReusesTheBlockJustFreed) {
-    ssb_allocator_t* a = ssb_allocator_t::instance();
-    signed char* p = a->allocate(64);
-    a->deallocate(p, 64);
-    EXPECT_EQ(p, a->allocate(70)) << "same class, newest first";
-    signed char* q = a->allocate(0);
-    EXPECT_NE(nullptr, q);
-    EXPECT_NE(p, q);
-    a->deallocate(q, 0);
-    a->deallocate(p, 70);
-    EXPECT_EQ(2, stats().cached_blocks);
-    EXPECT_EQ(2, stats().heap_blocks);
 }
 
 TEST_F(SsbAllocator, CountsWhoseTrailerWouldOverflowAreRefused) {
@@ -540,19 +510,6 @@ TEST_F(SsbAllocator, AThreadThatReusesItsBlocksKeepsThemAndTakesNoMore) {
     EXPECT_EQ(held, stats().heap_blocks) << "later rounds are served from the cache and the pool";
     EXPECT_LE(held, 300 + 32) << "at most one spare batch";
     EXPECT_GE(stats().cached_blocks, 300 - 32) << "the cache grew to the thread's working set";
-}
-
-TEST_F(SsbAllocator, DumpLogsClassRecordsAndPool) {
-    util_test::text_capture_t log;
-    util_test::capture_util_log(&log);
-    ssb_allocator_t* a = ssb_allocator_t::instance();
-    a->deallocate(a->allocate(40), 40);
-    a->dump();
-    EXPECT_TRUE(
-        log.contains("cached_allocator_helper::dump(), class = 1, requests = 1, hits = 0, releases = 1, cached = 1"));
-    EXPECT_TRUE(log.contains("ssb_allocator_t::dump(), pool class = 7, blocks = 0"));
-    EXPECT_TRUE(log.contains("ssb_allocator_t::dump(), heap blocks = 1"));
-    util_test::restore_log_routing();
 }
 
 TEST_F(SsbAllocator, UtilInitCreatesItAndTheLastUninitReleasesEverything) {

@@ -589,19 +589,6 @@ TEST_F(MsgBlock, TransfersAndIovFillingTakeNoMemory) {
     db->release();
 }
 
-TEST_F(MsgBlock, DefaultAllocatorServesBlocksAndNodes) {
-    msg_db_t* db = msg_db_t::new_instance(64);
-    ASSERT_NE(nullptr, db);
-    EXPECT_EQ(static_cast<ssb::i8_allocator_it*>(ssb::ssb_allocator_t::instance()), db->get_allocator());
-    EXPECT_EQ(ssb::RESULT_SUCCESS, db->_write(sc("abc"), 3, nullptr));
-    data_block_t* b = data_block_t::new_instance(16);
-    msg_db_t* over = msg_db_t::new_instance(b);
-    EXPECT_EQ(2u, b->get_count());
-    b->release();
-    over->release();
-    db->release();
-}
-
 // ---- threads ----
 
 TEST_F(MsgBlock, SharedBlocksReleasedFromTwoThreadsKeepExactCounts) {

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "../fuzz/regex_model.h"
 #include "strutil.h"
 
 using namespace ssb;
@@ -116,44 +117,7 @@ TEST(RegexMatch, TextsWithNulBytesAndNullPointers) {
     EXPECT_FALSE(regex_match("a", 1, nullptr, 0));
 }
 
-// The rules written out directly: std::string search, the retry loop.
-bool reference_match(const std::string& text, const std::string& pattern) {
-    if (pattern.find('*') == std::string::npos) {
-        if (text.size() != pattern.size())
-            return false;
-        for (size_t i = 0; i < pattern.size(); ++i) {
-            if (pattern[i] != '?' && pattern[i] != text[i])
-                return false;
-        }
-        return true;
-    }
-    std::vector<std::string> pieces;
-    std::string cur;
-    for (char c : pattern + "*") {
-        if (c != '*') {
-            cur += c;
-        } else if (!cur.empty()) {
-            pieces.push_back(cur);
-            cur.clear();
-        }
-    }
-    size_t pos = 0;
-    size_t last = 0;
-    for (size_t k = 0; k < pieces.size(); ++k) {
-        last = text.find(pieces[k], pos);
-        if (last == std::string::npos || (k == 0 && pattern[0] != '*' && last != 0))
-            return false;
-        pos = last + pieces[k].size();
-    }
-    if (pattern.back() == '*' || pieces.empty())
-        return true;
-    while (last + pieces.back().size() != text.size()) {
-        last = text.find(pieces.back(), last + 1);
-        if (last == std::string::npos)
-            return false;
-    }
-    return true;
-}
+using regex_model::reference_match;
 
 std::string random_text(std::mt19937& rng, const char* alphabet, size_t max_len) {
     const size_t n = std::uniform_int_distribution<size_t>(0, max_len)(rng);
