@@ -36,6 +36,7 @@
 
 #include "lock.h"
 #include "msg_queue.h"
+#include "timer.h"
 
 namespace ssb {
 
@@ -76,6 +77,8 @@ const unsigned int MAX_TIMER_PRECISION_MS = 1000;
 // a channel from a thread that is not its end waits for that end's loop to
 // run the control message: such a thread must be pumping its loop.
 class UTIL_API thread_wrapper_t : public safe_obj<thread_wrapper_t, thread_mutex_recursive>,
+                                  public timer_sink_it,
+                                  public timer_queue_sink_it,
                                   public ref_count_t<null_lock> {
 public:
     thread_wrapper_t(unsigned int mode, unsigned int type, unsigned int queue_size, thread_mgr_t* thr_manager,
@@ -88,6 +91,10 @@ public:
     virtual int notify();
     // Refused: threads are made by the thread manager. Logs and returns 0.
     virtual unsigned int start(void (*fn)(void*), void* arg, unsigned int stack_size, unsigned int priority);
+    // [loop thread] Starts and stops a timer that logs once a minute that
+    // the thread is alive. Opt-in.
+    virtual void start_alive_check();
+    virtual void stop_alive_check();
     // [owner, before the loop runs]
     virtual int open_notifier(unsigned int waits);
     // [loop thread] The stop itself; 12 on another thread.
@@ -127,6 +134,44 @@ public:
     // [any thread] 10..1000 ms: 0; else 2 with an assertion line.
     int adjust_timer_precision(unsigned int ms);
     unsigned int get_timer_precision() const;
+
+    // ---- timers ----
+    // The wheel of this thread (loop thread only), null when it has none:
+    // the timer driver thread has none, and a stopped thread has let go of
+    // its own.
+    timer_queue_t* get_timer_queue() const;
+    // Whether timers may be armed on this thread at all.
+    bool has_timer_support() const { return m_type != THREAD_TYPE_TIMER && !(m_mode & THREAD_MODE_TIMER_DRIVER); }
+    // [timer driver thread] Sends a tick to every bound thread whose wheel
+    // is due; the driver's own pass.
+    void notify_ticks(unsigned int ticks);
+    // [timer driver thread] Whether this thread's wheel should get a tick
+    // now; true marks a tick outstanding.
+    bool need_timer_drive();
+    // [loop thread] Advances the wheel by the time that has passed: 0, 9
+    // without a wheel, 13 when stopped.
+    int process_timer();
+    // [any thread] Drops the outstanding-tick mark.
+    void unpause_timer();
+    // [any thread] Whether a tick is outstanding; ticks this thread ran.
+    bool is_timer_paused() const;
+    uint64_t timer_ticks() const;
+    // [loop thread] Re-arms the drive through a one-shot deposit.
+    void restart_timer();
+    // In the low-power mode: the milliseconds until this thread's wheel is
+    // next due, or WAIT_INFINITE_MS. Timer driver thread.
+    unsigned int due_in_ms();
+    // [timer driver thread] The least due_in_ms of the bound threads.
+    unsigned int next_due_ms();
+    // [loop thread] Ticks the wheel lags behind the clock: what a timer
+    // armed now adds to its delay so that it fires on time.
+    uint32_t timer_lag_ticks();
+
+    void timer_work(const timer_it* timer) override;
+    void on_sync() override;
+    void update_interval(unsigned int lastest, unsigned int newest, unsigned int align) override;
+    void on_armed() override;
+    void* query_interface(uint64_t iid) override { return ref_count_t<null_lock>::query_interface(iid); }
 
     // ---- channels ----
     // [any thread; waits for both loops] Binds this thread and `bind_thr`
@@ -216,6 +261,17 @@ private:
     // How a pass ended, for the next pass's decision to wait.
     enum pass_end_t { PASS_IDLE, PASS_BUSY, PASS_CUT_SHORT };
 
+    // Test seams reach the parts through it (src/live_count.h).
+    friend struct thread_test_access;
+    friend class timer_driver_msg_t;
+    void count_tick();
+    // Opens the wheel on the loop's thread; closes it when the loop stops.
+    void open_timer();
+    void close_timer();
+    // Publishes what the timer driver reads of the wheel. Loop thread.
+    void publish_timer_state();
+    // Wakes the timer driver when this thread's wheel became due earlier.
+    void wake_timer_driver();
     // The write queue of this (the calling) thread's channel to `target`,
     // or null after logging why.
     w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);

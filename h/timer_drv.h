@@ -4,6 +4,8 @@
 
 #include <stdint.h>
 
+#include <atomic>
+
 #include "io_repo.h"
 
 namespace ssb {
@@ -24,6 +26,16 @@ public:
     explicit timer_drv_t(thread_event_t* working);
     ~timer_drv_t() override;
 
+    // The low-power mode (off by default; any thread, at any time): the
+    // loop sleeps until the earliest wheel is due, or a second at most, a
+    // thread whose wheel is empty gets no ticks, and ticks_drv_t::now() and
+    // times_drv_t::now() read the raw clocks. Timers keep their accuracy.
+    static void set_low_power(bool on);
+    static bool low_power() { return s_low_power.load(std::memory_order_relaxed); }
+    // The longest sleep in the low-power mode: a hung thread is still
+    // reported.
+    static const unsigned int LOW_POWER_MAX_WAIT_MS = 1000;
+
     // Ten minutes between status lines, in microseconds.
     static const uint64_t STATUS_INTERVAL_US = 600000000ull;
 
@@ -34,6 +46,11 @@ private:
     // The wait for one pass: 0 when the pass left work (a load of 100 or
     // more), else a tenth of the working thread's precision, at least 1 ms.
     int wait_time(int process_result) const;
+
+    // The sleep until the earliest bound wheel is due.
+    int low_power_wait() const;
+
+    static std::atomic<bool> s_low_power;
 
     thread_event_t* const m_working;
     const uint32_t m_start_ticks;

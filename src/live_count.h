@@ -11,6 +11,13 @@ namespace ssb {
 
 UTIL_API int live_thread_wrappers();
 UTIL_API int live_msg_queues();
+UTIL_API int live_timer_carriers();
+UTIL_API int live_timer_handles();
+
+class thread_wrapper_t;
+// Moves a thread's last timer drive `ms` back, as if it had slept that
+// long. The thread's own.
+UTIL_API void shift_timer_stamp(thread_wrapper_t* thr, uint32_t ms);
 
 class msg_queue_base_t;
 // Called by a writer whose push found the queue full, before it marks the

@@ -27,7 +27,14 @@ void report_long_stay(uint32_t used, uint32_t ticks, uint32_t now, MSG_TYPE type
                       reinterpret_cast<const signed char*>("UTIL"));
     line << "msg_it::release the message stay in message queue over 5s, used = " << used << " m_ticks =" << ticks
          << ", now = " << now << ", type = " << static_cast<unsigned int>(type) << ", this = " << msg;
+    warn_into_memlog(line);
+}
+
+}  // namespace
+
+void warn_into_memlog(log_stream_t& line) {
     detail::finish_line(line);
+    signed char* buf = line;
     const unsigned int length = line.length();
 
     // The registry first and outside the memory log's lock: the memory log
@@ -47,8 +54,6 @@ void report_long_stay(uint32_t used, uint32_t ticks, uint32_t now, MSG_TYPE type
     if (mem && length < mem->space())
         mem->cout(UTIL_MODULE_ID, LOG_WARNING, buf, length);
 }
-
-}  // namespace
 
 // ---- messages -------------------------------------------------------------------
 

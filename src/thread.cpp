@@ -151,6 +151,7 @@ void thread_wrapper_t::abandon() {
     unsigned int status = m_status.exchange(THREAD_STOPPED, std::memory_order_acq_rel);
     if (status != THREAD_STOPPED)
         UTIL_LOG(LOG_WARNING, "thread_wrapper_t::abandon() the loop ended without stop, this = " << log_ptr(this));
+    close_timer();
     drain_all();
     m_parts->stopped.signal();
 }
@@ -208,6 +209,8 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     }
     if (m_parts->has_held_wakeups.load(std::memory_order_acquire))
         run_held_wakeups();
+    if (m_interact_timer && get_timer_queue())
+        process_timer();
     channel_map_t& channels = m_parts->channels;
     channels.free_retired();
     const unsigned int bound = max < THREAD_PASS_LOAD ? max : THREAD_PASS_LOAD;
@@ -325,6 +328,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
                 unbind_end(peer.get(), this, false);
         }
     }
+    close_timer();
     // Nothing queued runs any more; a synchronous sender is woken.
     drain_queue(m_parts->ctrl_queue.get());
     m_parts->stopped.signal();

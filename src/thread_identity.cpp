@@ -137,6 +137,8 @@ void thread_wrapper_t::init_tls() {
     if (identity::set(this) != RESULT_SUCCESS)
         UTIL_ASSERT_MSG("thread_mgr_t::register_tls tls is invalid", "thread_mgr", __LINE__,
                         ", thr = " << log_ptr(this));
+    // The wheel belongs to the loop's thread: made here, on it.
+    open_timer();
 }
 
 void thread_wrapper_t::cleanup_tls() {

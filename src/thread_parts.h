@@ -12,6 +12,7 @@
 #include "live_count.h"
 #include "msg_queue.h"
 #include "ref_holder.h"
+#include "ring_queue.h"
 #include "thread.h"
 
 namespace ssb {
@@ -69,13 +70,41 @@ struct parked_msg_t {
     ref_holder_t<thread_wrapper_t> target;
 };
 
-// What the loop keeps for its timers: the precision for now; the wheel and
-// the drive join it here.
+// What the loop keeps for its timers. The wheel and the lap remainder
+// belong to the loop's thread; the driver reads the published copies of
+// the wheel's state, and the outstanding-tick marks are pushed by the
+// driver and popped by either side.
 class timer_drive_t {
 public:
+    timer_drive_t();
+
     unsigned int precision() const { return m_precision.load(std::memory_order_relaxed); }
     // 10..1000 ms: 0; else 2 with the caller's assertion line.
     int set_precision(unsigned int ms, const thread_wrapper_t* owner);
+
+    // Loop thread.
+    ref_holder_t<timer_queue_t> wheel;
+    uint32_t lap_remainder = 0;
+    // Set while process_timer runs the wheel.
+    bool processing = false;
+    std::unique_ptr<timer_elem_t> alive_timer;
+    // Written by the loop thread, read by the driver.
+    std::atomic<uint32_t> last_drive;
+    std::atomic<uint32_t> align_ms{0};
+    std::atomic<bool> has_wheel{false};
+    std::atomic<uint32_t> interval_ms{640};
+    std::atomic<uint32_t> digit0{0};
+    std::atomic<bool> immediate{false};
+    std::atomic<uint32_t> timers{0};
+    // Low-power mode: when the wheel is next due, as a tick stamp.
+    std::atomic<uint32_t> due_at{0};
+    // Tick messages run, for statistics.
+    std::atomic<uint64_t> ticks_run{0};
+    // Driver thread only.
+    uint32_t last_report = 0;
+    uint32_t tick_sent_at = 0;
+    // Non-empty while a tick message is outstanding.
+    ring_queue_mr_mw_t<bool> pause;
 
 private:
     std::atomic<unsigned int> m_precision{MIN_TIMER_PRECISION_MS};

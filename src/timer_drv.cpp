@@ -16,7 +16,30 @@ void refresh_clocks() {
     ticks_drv_t::s_tag.store(tick_strategy::now(), std::memory_order_relaxed);
 }
 
+// Readers take the raw clocks in the low-power mode: a sleeping loop would
+// leave them a stale cache.
+void use_cached_clocks(bool on) {
+    if (on)
+        refresh_clocks();
+    ticks_drv_t::s_start.store(on, std::memory_order_release);
+    times_drv_t::s_start.store(on, std::memory_order_release);
+}
+
 }  // namespace
+
+std::atomic<bool> timer_drv_t::s_low_power(false);
+
+void timer_drv_t::set_low_power(bool on) {
+    UTIL_LOG(LOG_INFO, "timer_drv_t::set_low_power, on = " << on);
+    s_low_power.store(on, std::memory_order_relaxed);
+}
+
+int timer_drv_t::low_power_wait() const {
+    const unsigned int due = m_working ? m_working->next_due_ms() : WAIT_INFINITE_MS;
+    if (due >= LOW_POWER_MAX_WAIT_MS)
+        return static_cast<int>(LOW_POWER_MAX_WAIT_MS);
+    return due < 1 ? 1 : static_cast<int>(due);
+}
 
 timer_drv_t::timer_drv_t(thread_event_t* working)
     : events_t(nullptr),
@@ -39,9 +62,7 @@ int timer_drv_t::wait_time(int process_result) const {
 
 void timer_drv_t::loop() {
     UTIL_LOG(LOG_INFO, "timer_drv_t::loop () begin, this = " << static_cast<void*>(this));
-    refresh_clocks();
-    ticks_drv_t::s_start.store(true, std::memory_order_release);
-    times_drv_t::s_start.store(true, std::memory_order_release);
+    use_cached_clocks(!low_power());
     m_status_us = time_strategy::now();
     // One core, so the performance counter is always read on the same one.
     plat::set_current_thread_affinity(1);
@@ -56,10 +77,15 @@ void timer_drv_t::loop() {
         } else if (now_us < m_status_us) {
             m_status_us = now_us;
         }
-        refresh_clocks();
+        const bool low = low_power();
+        use_cached_clocks(!low);
+        if (m_working)
+            m_working->notify_ticks(ticks_drv_t::now());
         // The working thread's messages; the hook stops this loop once the
         // thread has stopped.
-        const int timeout_ms = wait_time(process());
+        int timeout_ms = wait_time(process());
+        if (low && timeout_ms != 0)
+            timeout_ms = low_power_wait();
         if (is_stopping())
             break;
         if (count() == 0) {
@@ -91,8 +117,7 @@ void timer_drv_t::loop() {
         }
         dispatch(index);
     }
-    ticks_drv_t::s_start.store(false, std::memory_order_release);
-    times_drv_t::s_start.store(false, std::memory_order_release);
+    use_cached_clocks(false);
     UTIL_LOG(LOG_INFO, "timer_drv_t::loop end, this = " << static_cast<void*>(this));
 }
 

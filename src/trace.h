@@ -14,6 +14,11 @@ inline const void* log_ptr(const void* p) { return p; }
 // one reads -1.
 inline long long log_handle(uintptr_t h) { return static_cast<long long>(static_cast<intptr_t>(h)); }
 
+// Ends a WARNING line built by the caller and writes it to the registry
+// and, as the same bytes, to the memory log, whether or not the registry
+// passes the level.
+void warn_into_memlog(log_stream_t& line);
+
 }  // namespace ssb
 
 #define UTIL_LOG(level, expr) SSB_LOG(ssb::UTIL_MODULE_ID, (level), expr)
