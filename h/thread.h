@@ -270,7 +270,9 @@ private:
     void close_timer();
     // Publishes what the timer driver reads of the wheel. Loop thread.
     void publish_timer_state();
-    // Wakes the timer driver when this thread's wheel became due earlier.
+    // Wakes the timer driver (low-power mode) when it would sleep past the
+    // time this thread's wheel is due.
+    void wake_driver_if_due_sooner();
     void wake_timer_driver();
     // The write queue of this (the calling) thread's channel to `target`,
     // or null after logging why.

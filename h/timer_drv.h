@@ -32,6 +32,12 @@ public:
     // times_drv_t::now() read the raw clocks. Timers keep their accuracy.
     static void set_low_power(bool on);
     static bool low_power() { return s_low_power.load(std::memory_order_relaxed); }
+    // In the low-power mode: whether the loop's planned wake-up comes after
+    // `due_at` (a tick stamp), so that the wheel due then must wake it.
+    // Any thread.
+    static bool sleeps_past(uint32_t due_at) {
+        return static_cast<int32_t>(due_at - s_wake_at.load(std::memory_order_seq_cst)) < 0;
+    }
     // The longest sleep in the low-power mode: a hung thread is still
     // reported.
     static const unsigned int LOW_POWER_MAX_WAIT_MS = 1000;
@@ -51,6 +57,11 @@ private:
     int low_power_wait() const;
 
     static std::atomic<bool> s_low_power;
+    // When the loop plans to wake, a tick stamp: stored before it reads the
+    // wheels' due stamps, which their threads store before they read this
+    // (both sequentially consistent), so either it sees a new due stamp or
+    // that thread sees it must wake it.
+    static std::atomic<uint32_t> s_wake_at;
 
     thread_event_t* const m_working;
     const uint32_t m_start_ticks;

@@ -155,7 +155,7 @@ void thread_wrapper_t::publish_timer_state() {
     if (timer_drv_t::low_power()) {
         const uint32_t ticks = wheel->ticks_to_next();
         const uint32_t base = t.last_drive.load(std::memory_order_relaxed);
-        t.due_at.store(ticks == UINT32_MAX ? base : base + ticks * TICK_MS, std::memory_order_relaxed);
+        t.due_at.store(ticks == UINT32_MAX ? base : base + ticks * TICK_MS, std::memory_order_seq_cst);
     }
 }
 
@@ -243,13 +243,16 @@ bool thread_wrapper_t::need_timer_drive() {
 
 unsigned int thread_wrapper_t::due_in_ms() {
     timer_drive_t& t = m_parts->timer;
+    // First, and sequentially consistent: pairs with the owner's store
+    // before it reads the driver's planned wake-up.
+    const uint32_t due = t.due_at.load(std::memory_order_seq_cst);
     if (!t.has_wheel.load(std::memory_order_acquire) || !t.pause.is_empty())
         return WAIT_INFINITE_MS;
     if (t.immediate.load(std::memory_order_relaxed))
         return 0;
     if (t.timers.load(std::memory_order_relaxed) == 0)
         return WAIT_INFINITE_MS;
-    const int32_t left = static_cast<int32_t>(t.due_at.load(std::memory_order_relaxed) - ticks_drv_t::now());
+    const int32_t left = static_cast<int32_t>(due - ticks_drv_t::now());
     return left > 0 ? static_cast<unsigned int>(left) : 0;
 }
 
@@ -358,6 +361,7 @@ int thread_wrapper_t::process_timer() {
     t.processing = false;
     publish_timer_state();
     t.pause.pop(popped);
+    wake_driver_if_due_sooner();
     return RESULT_SUCCESS;
 }
 
@@ -433,18 +437,16 @@ void thread_wrapper_t::timer_work(const timer_it* timer) {
 void thread_wrapper_t::on_sync() { notify(); }
 
 void thread_wrapper_t::on_armed() {
-    timer_drive_t& t = m_parts->timer;
-    if (!timer_drv_t::low_power()) {
-        publish_timer_state();
-        return;
-    }
-    const bool had_timers = t.timers.load(std::memory_order_relaxed) != 0;
-    const uint32_t before = t.due_at.load(std::memory_order_relaxed);
     publish_timer_state();
-    const uint32_t after = t.due_at.load(std::memory_order_relaxed);
-    // The driver sleeps until the earliest wheel is due: tell it when this
-    // one became due sooner.
-    if (!t.processing && (!had_timers || static_cast<int32_t>(after - before) < 0))
+    if (!m_parts->timer.processing)
+        wake_driver_if_due_sooner();
+}
+
+void thread_wrapper_t::wake_driver_if_due_sooner() {
+    timer_drive_t& t = m_parts->timer;
+    if (!timer_drv_t::low_power() || t.timers.load(std::memory_order_relaxed) == 0)
+        return;
+    if (timer_drv_t::sleeps_past(t.due_at.load(std::memory_order_seq_cst)))
         wake_timer_driver();
 }
 

@@ -28,6 +28,7 @@ void use_cached_clocks(bool on) {
 }  // namespace
 
 std::atomic<bool> timer_drv_t::s_low_power(false);
+std::atomic<uint32_t> timer_drv_t::s_wake_at(0);
 
 void timer_drv_t::set_low_power(bool on) {
     UTIL_LOG(LOG_INFO, "timer_drv_t::set_low_power, on = " << on);
@@ -35,10 +36,14 @@ void timer_drv_t::set_low_power(bool on) {
 }
 
 int timer_drv_t::low_power_wait() const {
-    const unsigned int due = m_working ? m_working->next_due_ms() : WAIT_INFINITE_MS;
-    if (due >= LOW_POWER_MAX_WAIT_MS)
-        return static_cast<int>(LOW_POWER_MAX_WAIT_MS);
-    return due < 1 ? 1 : static_cast<int>(due);
+    const uint32_t now = ticks_drv_t::now();
+    // Far ahead while the wheels are read: a thread whose wheel becomes
+    // due meanwhile wakes this loop.
+    s_wake_at.store(now + 0x40000000u, std::memory_order_seq_cst);
+    unsigned int due = m_working ? m_working->next_due_ms() : WAIT_INFINITE_MS;
+    due = due >= LOW_POWER_MAX_WAIT_MS ? LOW_POWER_MAX_WAIT_MS : (due < 1 ? 1 : due);
+    s_wake_at.store(now + due, std::memory_order_seq_cst);
+    return static_cast<int>(due);
 }
 
 timer_drv_t::timer_drv_t(thread_event_t* working)

@@ -105,18 +105,18 @@ int timer_it::arm(const timer_sink_it* sink, unsigned int interval_ms, unsigned 
                                   << log_ptr(m_own_thr) << ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
+    timer_queue_t* wheel = m_own_thr->get_timer_queue();
+    if (!wheel) {
+        UTIL_LOG(LOG_WARNING, "timer_it::add_timer thread has no timer queue, m_own_thr = "
+                                  << log_ptr(m_own_thr) << ", this = " << log_ptr(this));
+        return RESULT_NOTHING_TO_DO;
+    }
     // The wheel has no lock: only its own thread may arm on it.
     if (m_own_thr != current) {
         UTIL_ASSERT_MSG("timer_it::add_timer should in same thread with the timer's thread", TIMER_PATH, __LINE__,
                         ", m_own_thr = " << log_ptr(m_own_thr) << ", current_thread = " << log_ptr(current)
                                          << ", m_id = " << m_id << ", this = " << log_ptr(this));
         return RESULT_REFUSED;
-    }
-    timer_queue_t* wheel = m_own_thr->get_timer_queue();
-    if (!wheel) {
-        UTIL_LOG(LOG_WARNING, "timer_it::add_timer thread has no timer queue, m_own_thr = "
-                                  << log_ptr(m_own_thr) << ", this = " << log_ptr(this));
-        return RESULT_NOTHING_TO_DO;
     }
     if (!sink)
         return RESULT_INVALID_ARG;

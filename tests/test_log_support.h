@@ -40,6 +40,13 @@ public:
         std::lock_guard<std::mutex> guard(m_mutex);
         return m_text.find(what) != std::string::npos;
     }
+    size_t count(const std::string& what) {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        size_t n = 0;
+        for (size_t at = m_text.find(what); at != std::string::npos; at = m_text.find(what, at + what.size()))
+            ++n;
+        return n;
+    }
     void clear() {
         std::lock_guard<std::mutex> guard(m_mutex);
         m_text.clear();
