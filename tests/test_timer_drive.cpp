@@ -289,6 +289,44 @@ TEST_F(TimerDrive, AThreadFiveSecondsLateRunsFortyNineStepsAndSkipsTheRest) {
     EXPECT_EQ(1u, m_log.count("thread_wrapper_t::process_timer should wake up from sleep, hurry up"));
 }
 
+TEST_F(TimerDrive, AThreadThatStopsAnsweringIsReportedAtMostOnceASecond) {
+    thread_wrapper_t* thr = spawn("hung");
+    event_t blocked(false, false), go(false, false);
+    thr->post_ctrl_msg(new util_test::fn_msg_t([&] {
+                           blocked.signal();
+                           go.wait(-1);
+                       }),
+                       nullptr);
+    ASSERT_EQ(RESULT_SUCCESS, blocked.wait(30000));
+    // As if it had not been driven for four seconds.
+    shift_timer_stamp(thr, 4000);
+    const char* report = "has no response for ";
+    UTIL_WAIT_UNTIL([&] { return m_log.contains(report); });
+    // The driver passes every millisecond; the report waits a second.
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    EXPECT_EQ(1u, m_log.count(report));
+    go.signal();
+    run_on(thr, [] {});
+}
+
+TEST_F(TimerDrive, RestartDepositAndAliveTimerComeAndGo) {
+    thread_wrapper_t* thr = spawn("restart");
+    const int handles = live_timer_handles();
+    run_on(thr, [&] {
+        thr->restart_timer();
+        EXPECT_EQ(handles + 1, live_timer_handles());
+        thr->start_alive_check();
+        thr->start_alive_check();
+        EXPECT_EQ(handles + 2, live_timer_handles()) << "one alive timer however often started";
+    });
+    // The restart deposit fires after one tick and frees itself.
+    UTIL_WAIT_UNTIL([&] { return live_timer_handles() == handles + 1; });
+    run_on(thr, [&] { thr->stop_alive_check(); });
+    EXPECT_EQ(handles, live_timer_handles());
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::restart_timer()"));
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::stop_alive_check() timer = "));
+}
+
 TEST_F(TimerDrive, LowPowerModeTicksOnlyWheelsThatHoldTimers) {
     thread_wrapper_t* thr = spawn("idle");
     counting_sink_t sink;
