@@ -300,7 +300,13 @@ int thread_wrapper_t::process_timer() {
     timer_queue_t* wheel = keep.get();
     const uint32_t now = ticks_drv_t::now();
     t.processing = true;
-    if (timer_drv_t::low_power()) {
+    if (wheel->timer_count() == 0 && !wheel->has_immediately_timer()) {
+        // Nothing to fire or cascade: an empty wheel just keeps time, and
+        // one left idle (the low-power mode) needs no catch-up.
+        const uint32_t elapsed = elapsed_on(t.last_drive, now);
+        t.last_drive.store(now - elapsed % TICK_MS, std::memory_order_relaxed);
+        t.lap_remainder = 0;
+    } else if (timer_drv_t::low_power()) {
         // Straight to each slot that holds a timer: the slots in between
         // are empty, so larger steps skip nothing.
         uint32_t lag = elapsed_on(t.last_drive, now) / TICK_MS;
