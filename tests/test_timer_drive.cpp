@@ -41,6 +41,35 @@ struct counted_sink_t : timer_sink_it, ref_count_t<null_lock> {
     void timer_work(const timer_it*) override { fired.fetch_add(1); }
 };
 
+// Holds a loop inside one message (after `first` ran there) until release,
+// so another thread may act on it without racing it.
+class held_loop_t {
+public:
+    explicit held_loop_t(
+        thread_wrapper_t* thr, std::function<void()> first = [] {})
+        : m_state(new state_t) {
+        std::shared_ptr<state_t> state = m_state;
+        thr->post_ctrl_msg(new util_test::fn_msg_t([state, first] {
+                               first();
+                               state->held.signal();
+                               state->go.wait(-1);
+                           }),
+                           nullptr);
+        EXPECT_EQ(RESULT_SUCCESS, m_state->held.wait(30000)) << "the loop did not take the holding message";
+    }
+    ~held_loop_t() { release(); }
+    void release() { m_state->go.signal(); }
+
+private:
+    // Shared with the message, which may still be leaving its wait when
+    // the test ends.
+    struct state_t {
+        event_t held{false, false};
+        event_t go{false, false};
+    };
+    std::shared_ptr<state_t> m_state;
+};
+
 class TimerDrive : public util_test::thread_test_t {
 protected:
     void TearDown() override {
@@ -183,21 +212,16 @@ TEST_F(TimerDrive, ForeignRemovalAndDestructionAreReportedAndStillDone) {
     thread_wrapper_t* thr = spawn("timers");
     counting_sink_t sink;
     timer_elem_t* t = nullptr;
-    event_t armed(false, false), go(false, false);
     // The loop waits while another thread removes its timer, so the misuse
     // is reported without racing the wheel.
-    thr->post_ctrl_msg(new util_test::fn_msg_t([&] {
-                           t = new timer_elem_t(5);
-                           t->add_timer(&sink, 10, 0, true);
-                           armed.signal();
-                           go.wait(-1);
-                       }),
-                       nullptr);
-    ASSERT_EQ(RESULT_SUCCESS, armed.wait(30000));
+    held_loop_t held(thr, [&] {
+        t = new timer_elem_t(5);
+        t->add_timer(&sink, 10, 0, true);
+    });
     EXPECT_EQ(RESULT_SUCCESS, t->remove_timer());
     EXPECT_FALSE(t->is_scheduled());
     delete t;
-    go.signal();
+    held.release();
     run_on(thr, [] {});
     EXPECT_TRUE(m_log.contains("timer_it::remove_timer() should in same thread with add_timer"));
     EXPECT_TRUE(m_log.contains("timer_it::~timer_it() constructor is not in same thead with destructor"));
@@ -208,15 +232,10 @@ TEST_F(TimerDrive, AFullQueueFromTheDriverUnpausesAndTheNextPassRetries) {
     thread_wrapper_t* thr = spawn("blocked");
     counting_sink_t sink;
     timer_elem_t* t = nullptr;
-    event_t blocked(false, false), go(false, false);
-    thr->post_ctrl_msg(new util_test::fn_msg_t([&] {
-                           t = new timer_elem_t(1);
-                           t->add_timer(&sink, 10, 0, true);
-                           blocked.signal();
-                           go.wait(-1);
-                       }),
-                       nullptr);
-    ASSERT_EQ(RESULT_SUCCESS, blocked.wait(30000));
+    held_loop_t held(thr, [&] {
+        t = new timer_elem_t(1);
+        t->add_timer(&sink, 10, 0, true);
+    });
     run_on(driver(), [&] {
         w_msg_queue_it* to_thr = driver()->get_write_msgq(thr);
         ASSERT_NE(nullptr, to_thr);
@@ -245,7 +264,7 @@ TEST_F(TimerDrive, AFullQueueFromTheDriverUnpausesAndTheNextPassRetries) {
     // The refused message was released by the library; the fill is drained
     // by the loop once it runs again.
     EXPECT_TRUE(m_log.contains("is full"));
-    go.signal();
+    held.release();
     UTIL_WAIT_UNTIL([&] { return sink.fired.load() >= 2; });
     run_on(thr, [&] { delete t; });
 }
@@ -291,13 +310,7 @@ TEST_F(TimerDrive, AThreadFiveSecondsLateRunsFortyNineStepsAndSkipsTheRest) {
 
 TEST_F(TimerDrive, AThreadThatStopsAnsweringIsReportedAtMostOnceASecond) {
     thread_wrapper_t* thr = spawn("hung");
-    event_t blocked(false, false), go(false, false);
-    thr->post_ctrl_msg(new util_test::fn_msg_t([&] {
-                           blocked.signal();
-                           go.wait(-1);
-                       }),
-                       nullptr);
-    ASSERT_EQ(RESULT_SUCCESS, blocked.wait(30000));
+    held_loop_t held(thr);
     // As if it had not been driven for four seconds.
     shift_timer_stamp(thr, 4000);
     const char* report = "has no response for ";
@@ -305,7 +318,7 @@ TEST_F(TimerDrive, AThreadThatStopsAnsweringIsReportedAtMostOnceASecond) {
     // The driver passes every millisecond; the report waits a second.
     std::this_thread::sleep_for(std::chrono::milliseconds(100));
     EXPECT_EQ(1u, m_log.count(report));
-    go.signal();
+    held.release();
     run_on(thr, [] {});
 }
 
