@@ -278,6 +278,7 @@ TEST(IniValues, SetValueCreatesOnlyWhenAsked) {
     EXPECT_EQ(0u, ini.add_key("s"));
     EXPECT_EQ(1u, ini.add_key("t"));
     EXPECT_EQ("", ini.key_name(2));
+    EXPECT_EQ("j", ini.value_name("s", 1));
     EXPECT_EQ("", ini.value_name(0, 2));
     EXPECT_EQ(0u, ini.name_values("missing"));
     EXPECT_TRUE(ini.delete_value("s", "k"));
@@ -348,6 +349,7 @@ TEST(IniComments, ByIndexAndByName) {
     EXPECT_EQ(0u, ini.num_header_comments());
 
     EXPECT_FALSE(ini.key_comment("s", "lost")) << "no section to hold it";
+    EXPECT_FALSE(ini.key_comment(0u, "lost"));
     ini.add_key("s");
     EXPECT_TRUE(ini.key_comment("s", "a"));
     EXPECT_TRUE(ini.key_comment(0u, "b"));
