@@ -117,7 +117,6 @@ TEST(SystemInfo, WindowsTableFromRawValues) {
         {5, 2, SERVER, 0, 0, 1, 0, "Windows Server 2003"},
         {5, 3, WS, 0, 0, 0, 0, "Windows undefined"},
         {6, 1, WS, 0, 1, 1, 0, "Windows 7, 64bits, Ultimate Edition"},
-        {6, 1, WS, 0, 3, 0, 0, "Windows 7Home Premium Edition"},
         {6, 0, WS, 0, 2, 0, 0, "Windows VistaHome Basic Edition"},
         {6, 0, SERVER, 0, 7, 1, 0, "Windows Server 2008, 64bits, Server Standard Edition (full installation)"},
         {6, 1, SERVER, 0, 5, 0, 0, "Windows Server 2008 R2Home Basic Edition"},
@@ -128,11 +127,8 @@ TEST(SystemInfo, WindowsTableFromRawValues) {
         {6, 4, WS, 0, 11, 0, 0, "Windows 10 workstationStarter Edition"},
         {6, 4, SERVER, 0, 15, 0, 0, "Windows 10 ServerServer Enterprise Edition for Itanium-based Systems"},
         {6, 5, WS, 0, 0, 1, 0, "Newer system, 64bits, An unknown product"},
-        {6, 9, SERVER, 0, 26, 0, 0, "Newer systemAn unknown product"},
         {6, 1, WS, 0, 0xABCD, 0, 0, "Windows 7An unknown product"},
         {10, 0, WS, 0, 1, 1, 0, "Windows undefined"},
-        {4, 0, WS, 0, 1, 0, 0, "Windows undefined"},
-        {0, 0, 0, 0, 0, 0, 0, "Windows undefined"},
     };
     for (const windows_row_t& r : rows) {
         char buf[128];

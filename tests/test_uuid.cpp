@@ -90,8 +90,6 @@ TEST(Uuid, FromStringTable) {
         uint64_t first, second;
     } const rows[] = {
         {"01234567-89ab-cdef-fedc-ba9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
-        {"01234567-89AB-CDEF-FEDC-BA9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
-        {NULL_TEXT, 0, 0, 0},
         // Text after the 36th character is not read.
         {"01234567-89ab-cdef-fedc-ba9876543210ABCDEF", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
         // Shorter than 36: refused.
@@ -102,9 +100,6 @@ TEST(Uuid, FromStringTable) {
         {"01234567-89ab-cdef0fedc-ba9876543210", 0, ~0ULL, 0xFEDCBA9876543210ULL},
         // The halves stop at the first non-digit.
         {"0123g567-89ab-cdef-fedc-ba98765432z0", 0, 0x0123ULL, 0xFEDCBA98765432ULL},
-        // strtoull's sign, blanks and 0x.
-        {" 1234567-89ab-cdef--edc-ba9876543210", 0, 0x123456789ABCDEFULL, 0ULL - 0xEDCBA9876543210ULL},
-        {"0x234567-89ab-cdef-0xdc-ba9876543210", 0, 0x23456789ABCDEFULL, 0xDCBA9876543210ULL},
         {"--------------------------------------", 0, 0, 0},
     };
     for (const auto& r : rows) {
