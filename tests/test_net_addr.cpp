@@ -314,20 +314,13 @@ TEST(Ipv6Test, AddressScopeAndBracketForms) {
         const char* text;
         bool expected;
     } cases[] = {
-        {"::1", true},
-        {"::ffff:10.0.0.1", true},
-        {"fe80::1%3", true},
-        {"[fe80::1%3]:443", true},
-        {"[::1]", true},
-        {"[::1]:65535", true},
-        {"[::1]:65536", false},
-        {"[::1]:", false},
-        {"[::1", false},
-        {"fe80::1%", false},
-        {"fe80::1%eth0", false},
-        {"1.2.3.4", false},
-        {"1::2::3", false},
-        {"", false},
+        {"::1", true},           {"::ffff:10.0.0.1", true},
+        {"fe80::1%3", true},     {"[fe80::1%3]:443", true},
+        {"[::1]", true},         {"[::1]:65535", true},
+        {"[::1]:65536", false},  {"[::1]:", false},
+        {"[::1", false},         {"fe80::1%", false},
+        {"fe80::1%eth0", false}, {"1.2.3.4", false},
+        {"1::2::3", false},      {"", false},
         {"[]", false},
     };
     for (const auto& c : cases)
