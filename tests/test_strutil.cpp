@@ -147,10 +147,18 @@ TEST(RegexMatch, SearchesThatOutgrowTheQuickScanAgreeWithTheRules) {
     // Runs of one letter make every candidate a near miss, so the search
     // gives up on checking candidates in place and finishes with Two-Way.
     std::mt19937 rng(7);
-    for (int i = 0; i < 3000; ++i) {
-        const std::string piece = std::string(1 + rng() % 40, 'a') + random_text(rng, "aaab", 6);
+    for (int i = 0; i < 6000; ++i) {
+        const std::string piece = std::string(1 + rng() % 40, 'a') + random_text(rng, i % 2 ? "aaab" : "ab", 8);
         const std::string other = random_text(rng, "aab", 5);
-        const std::string text = random_text(rng, "aaaaaaaaaaaaaaab", 3000);
+        std::string text = random_text(rng, "aaaaaaaaaaaaaaab", 3000);
+        // Whole and nearly whole copies of the piece, so Two-Way meets
+        // occurrences and near misses at every shift it might take.
+        for (int copies = i % 3 ? static_cast<int>(rng() % 6) : 0; copies > 0; --copies) {
+            std::string copy = piece;
+            if (rng() % 2)
+                copy[rng() % copy.size()] ^= 'a' ^ 'b';
+            text.insert(rng() % (text.size() + 1), copy);
+        }
         const std::string patterns[] = {"*" + piece + "*", "*" + other + "*" + piece + "*", "*" + piece + "*" + other};
         for (const std::string& pattern : patterns) {
             ASSERT_EQ(reference_match(text, pattern), regex_match(text, pattern)) << '"' << pattern << '"';
