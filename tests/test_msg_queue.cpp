@@ -8,6 +8,7 @@
 #include "msg_queue.h"
 #include "notifier.h"
 #include "test_support.h"
+#include "test_thread_support.h"
 #include "thread.h"
 
 using namespace ssb;
@@ -146,43 +147,17 @@ TEST_F(MsgQueue, NonZeroModeSignalsOnlyWhenTheQueueWasEmpty) {
 
 // ---- sinks ----------------------------------------------------------------------------
 
-// Runs a wrapper's loop on its own thread until it is stopped.
-class loop_thread_t {
-public:
-    loop_thread_t() {
-        std::atomic<bool> ready(false);
-        m_thread = std::thread([this, &ready] {
-            m_wrapper = new thread_wrapper_t(0, 100, 64, nullptr, 1, false, nullptr);
-            m_wrapper->increment();
-            m_wrapper->init_tls();
-            m_wrapper->open_notifier(1);
-            m_tid = get_cur_tid();
-            ready = true;
-            while (!m_wrapper->is_stopped()) {
-                m_wrapper->get_notifier()->wait(-1, false);
-                m_wrapper->thread_run(nullptr);
-            }
-            m_wrapper->cleanup_tls();
-        });
-        util_test::wait_until("the loop thread to start", [&] { return ready.load(); });
-    }
-    ~loop_thread_t() {
-        if (m_wrapper->is_running())
-            m_wrapper->stop();
-        m_thread.join();
-        m_wrapper->decrement();
-    }
-    thread_wrapper_t* m_wrapper = nullptr;
-    unsigned int m_tid = 0;
+// The writer is a loop the library runs, so the call-back is seen on its thread.
+class MsgQueueSink : public util_test::thread_test_t {};
 
-private:
-    std::thread m_thread;
-};
-
-TEST_F(MsgQueue, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
-    loop_thread_t writer;
+TEST_F(MsgQueueSink, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
+    g_live = 0;
+    thread_wrapper_t* writer = m_mgr->spawn(THREAD_MODE_EVENT, 64, 100, false, nullptr, 0xFFFFFFFFu);
+    ASSERT_NE(nullptr, writer);
+    unsigned int writer_tid = 0;
+    util_test::run_on(writer, [&] { writer_tid = get_cur_tid(); });
     counting_notifier_t n;
-    o2o_msg_queue_t* q = make_queue<o2o_msg_queue_t>(&n, writer.m_wrapper, 32, 0);
+    o2o_msg_queue_t* q = make_queue<o2o_msg_queue_t>(&n, writer, 32, 0);
     sink_t sink;
     for (int i = 0; i < 31; ++i)
         q->post_msg(new counted_msg_t, &sink);
@@ -197,13 +172,14 @@ TEST_F(MsgQueue, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
     m->release();
     UTIL_WAIT_UNTIL([&] { return sink.m_calls.load() == 1; });
     EXPECT_EQ(0, sink.m_reason.load());
-    EXPECT_EQ(writer.m_tid, sink.m_tid.load());
+    EXPECT_EQ(writer_tid, sink.m_tid.load());
     // Called once and forgotten.
     EXPECT_EQ(RESULT_NOT_FOUND, q->unregister_sink(&sink));
     extra->release();
     release_all(q);
     q->decrement();
     EXPECT_EQ(1, sink.m_calls.load());
+    EXPECT_EQ(0, g_live.load());
 }
 
 TEST_F(MsgQueue, LaunchOnSinkNeedsARunningWriter) {

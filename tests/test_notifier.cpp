@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <stdio.h>
+
 #include <atomic>
 #include <chrono>
 #include <functional>
@@ -146,22 +148,26 @@ TEST(NotifierSock, HeldSetSemanticsOfPulseAndReset) {
 // the held byte of a pipe) fails; one with nothing to send or take answers 0
 // and logs nothing. The pipe's `waits` word stands for the waiter count.
 TEST(ClosedNotifier, OnlyAnOperationThatOwesAByteFails) {
-    enum op_t { PULSE_FALSE, PULSE_TRUE, RESET, SIGNAL };
+    typedef int (*op_t)(notifier_it&);
+    const op_t PULSE_FALSE = [](notifier_it& n) { return n.pulse(false); };
+    const op_t PULSE_TRUE = [](notifier_it& n) { return n.pulse(true); };
+    const op_t RESET = [](notifier_it& n) { return n.reset(); };
+    const op_t SIGNAL = [](notifier_it& n) { return n.signal(); };
+    const char* const SOCK_LINE = "notifier_sock_t::%s() handles are not initialzed";
     struct row_t {
         bool sock;
         unsigned int waiters;
         bool held;
         op_t op;
         int rv;
-        const char* line;  // the ERROR line, or null for none
-    };
-    const row_t rows[] = {
+        const char* logged;  // the operation named in the ERROR line, or null for none
+    } const rows[] = {
         {true, 0, false, PULSE_FALSE, RESULT_SUCCESS, nullptr},
         {true, 0, true, RESET, RESULT_SUCCESS, nullptr},
         {true, 0, false, RESET, RESULT_SUCCESS, nullptr},
-        {true, 1, false, PULSE_FALSE, RESULT_NOTHING_TO_DO, "notifier_sock_t::pulse() handles are not initialzed"},
-        {true, 1, false, RESET, RESULT_NOTHING_TO_DO, "notifier_sock_t::reset() handles are not initialzed"},
-        {true, 0, false, PULSE_TRUE, RESULT_NOTHING_TO_DO, "notifier_sock_t::pulse() handles are not initialzed"},
+        {true, 1, false, PULSE_FALSE, RESULT_NOTHING_TO_DO, "pulse"},
+        {true, 1, false, RESET, RESULT_NOTHING_TO_DO, "reset"},
+        {true, 0, false, PULSE_TRUE, RESULT_NOTHING_TO_DO, "pulse"},
         {true, 1, false, SIGNAL, RESULT_NOTHING_TO_DO, nullptr},
         {false, 0, false, PULSE_FALSE, RESULT_SUCCESS, nullptr},
         {false, 0, false, RESET, RESULT_SUCCESS, nullptr},
@@ -175,37 +181,17 @@ TEST(ClosedNotifier, OnlyAnOperationThatOwesAByteFails) {
     util_test::capture_util_log(&cap);
     for (size_t i = 0; i < sizeof(rows) / sizeof(rows[0]); ++i) {
         const row_t& r = rows[i];
-        std::unique_ptr<notifier_it> n;
-        if (r.sock)
-            n.reset(new notifier_sock_t(r.waiters));
-        else
-            n.reset(new notifier_pipe_t(r.waiters));
+        std::unique_ptr<notifier_it> n(r.sock ? static_cast<notifier_it*>(new notifier_sock_t(r.waiters))
+                                              : new notifier_pipe_t(r.waiters));
         if (r.held) {
             ASSERT_EQ(RESULT_SUCCESS, n->pulse(!r.sock)) << i;  // the socket holds with false, the pipe with true
         }
         n->close();
         cap.clear();
-        int rv = -1;
-        switch (r.op) {
-        case PULSE_FALSE:
-            rv = n->pulse(false);
-            break;
-        case PULSE_TRUE:
-            rv = n->pulse(true);
-            break;
-        case RESET:
-            rv = n->reset();
-            break;
-        case SIGNAL:
-            rv = n->signal();
-            break;
-        }
-        EXPECT_EQ(r.rv, rv) << "row " << i;
-        if (r.line) {
-            EXPECT_TRUE(cap.contains(r.line)) << "row " << i;
-        } else {
-            EXPECT_FALSE(cap.contains("handles are not initialzed")) << "row " << i;
-        }
+        EXPECT_EQ(r.rv, r.op(*n)) << "row " << i;
+        char line[80];
+        snprintf(line, sizeof(line), SOCK_LINE, r.logged ? r.logged : "");
+        EXPECT_EQ(r.logged != nullptr, cap.contains(r.logged ? line : "handles are not initialzed")) << "row " << i;
     }
     util_test::restore_log_routing();
 }

@@ -17,15 +17,6 @@ using namespace ssb;
 
 namespace {
 
-class capture_t : public log_it {
-public:
-    int cout(unsigned int, unsigned int, signed char* text, unsigned int length) override {
-        lines.emplace_back(reinterpret_cast<char*>(text), length);
-        return 0;
-    }
-    std::vector<std::string> lines;
-};
-
 template <class Q>
 class RingQueueAnyVariant : public ::testing::Test {};
 typedef ::testing::Types<ring_queue_t<uintptr_t>, ring_queue_or_mw_t<uintptr_t>, ring_queue_mr_mw_t<uintptr_t>>
@@ -71,15 +62,13 @@ TEST(RingQueueCapacity, ClampBoundariesAndRoom) {
     const unsigned int rows[][3] = {{0, 32, 0},   {1, 32, 0},   {2, 32, 1},
                                     {31, 32, 30}, {33, 33, 32}, {16385, 16384, 16384}};
     for (const auto& row : rows) {
-        capture_t cap;
+        util_test::text_capture_t cap;
         util_test::capture_util_log(&cap);
         ring_queue_t<uintptr_t> q(row[0]);
         util_test::restore_log_routing();
         EXPECT_EQ(row[1], q.capacity());
-        ASSERT_EQ(1u, cap.lines.size());
-        EXPECT_NE(std::string::npos,
-                  cap.lines[0].find("\tring_queue_t::ring_queue_t(), capacity = " + std::to_string(row[0]) +
-                                    ", m_capacity = " + std::to_string(row[1]) + ", this = "));
+        EXPECT_TRUE(cap.contains("\tring_queue_t::ring_queue_t(), capacity = " + std::to_string(row[0]) +
+                                 ", m_capacity = " + std::to_string(row[1]) + ", this = "));
         uintptr_t n = 0, v = 0;
         while (q.push(n + 1) == RESULT_SUCCESS)
             ++n;

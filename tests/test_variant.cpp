@@ -48,11 +48,6 @@ TEST(Variant, SettersResetTheOldValueAndArray) {
     v.set_i16(12);
     EXPECT_FALSE(v.is_array());
     EXPECT_EQ(12, v.get_i16());
-    v.set_i8(-1);
-    EXPECT_EQ(-1, v.get_i8());
-    int err = 0;
-    EXPECT_EQ(0, v.get_i16(&err));  // a 16-bit read of an 8-bit value
-    EXPECT_EQ(-1, err);
     v.reset();
     EXPECT_TRUE(v.is_null());
     EXPECT_EQ(3u, v.get_persist_size());
@@ -104,9 +99,14 @@ TEST(Variant, NullPointerOrZeroCountLeavesNull) {
     v.set_i32(5);
     EXPECT_FALSE(v.set_i32s(values, 0));
     EXPECT_TRUE(v.is_null());
-    // 65536 elements cut to their low 16 bits is 0.
-    EXPECT_FALSE(v.set_i32s(values, 0x10000));
+    // The count keeps its low 16 bits: 65536 is 0, 65539 is 3.
+    std::vector<int> many(0x10000, 4);  // readable, so a wider count fails here rather than crashes
+    EXPECT_FALSE(v.set_i32s(many.data(), 0x10000));
     EXPECT_TRUE(v.is_null());
+    std::vector<short> big(0x10003, 4);
+    ASSERT_TRUE(v.set_i16s(big.data(), 0x10003));
+    EXPECT_EQ(3, v.get_array_size());
+    EXPECT_EQ(3u + 6u, v.get_persist_size());
     EXPECT_FALSE(v.attach_i32s(nullptr, 3));
     EXPECT_FALSE(v.set_str(nullptr));
     EXPECT_TRUE(v.is_null());
@@ -115,14 +115,6 @@ TEST(Variant, NullPointerOrZeroCountLeavesNull) {
     EXPECT_EQ(nullptr, v.get_i32s(&count, &err));
     EXPECT_EQ(0u, count);
     EXPECT_EQ(-1, err);
-}
-
-TEST(Variant, CountAbove65535KeepsItsLow16Bits) {
-    std::vector<short> big(0x10003, 4);
-    variant_t v;
-    ASSERT_TRUE(v.set_i16s(big.data(), 0x10003));
-    EXPECT_EQ(3, v.get_array_size());
-    EXPECT_EQ(3u + 6u, v.get_persist_size());
 }
 
 TEST(Variant, CopiesAreDeepAndIndependent) {
