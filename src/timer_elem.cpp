@@ -92,8 +92,8 @@ int timer_it::arm(const timer_sink_it* sink, unsigned int interval_ms, unsigned 
                                                      << ", m_id = " << m_id << ", this = " << log_ptr(this));
     if (!is_exact && interval_ms >= LEVEL1_WIDTH_MS)
         interval_ms = interval_ms / LEVEL1_WIDTH_MS * LEVEL1_WIDTH_MS;
-    thread_wrapper_t* current = thread_wrapper_t::self();
     if (!m_own_thr) {
+        thread_wrapper_t* current = thread_wrapper_t::self();
         if (!current) {
             UTIL_LOG(LOG_WARNING, "timer_it::add_timer no thread found for the timer, this = " << log_ptr(this));
             return RESULT_NOTHING_TO_DO;
@@ -112,9 +112,10 @@ int timer_it::arm(const timer_sink_it* sink, unsigned int interval_ms, unsigned 
         return RESULT_NOTHING_TO_DO;
     }
     // The wheel has no lock: only its own thread may arm on it.
-    if (m_own_thr != current) {
+    if (m_own_thr->get_id() != get_cur_tid()) {
         UTIL_ASSERT_MSG("timer_it::add_timer should in same thread with the timer's thread", TIMER_PATH, __LINE__,
-                        ", m_own_thr = " << log_ptr(m_own_thr) << ", current_thread = " << log_ptr(current)
+                        ", m_own_thr = " << log_ptr(m_own_thr)
+                                         << ", current_thread = " << log_ptr(thread_wrapper_t::self())
                                          << ", m_id = " << m_id << ", this = " << log_ptr(this));
         return RESULT_REFUSED;
     }
@@ -148,10 +149,11 @@ int timer_it::remove_timer() {
                                                             << ", this = " << log_ptr(this));
     if (!m_carrier)
         return RESULT_NOTHING_TO_DO;
-    thread_wrapper_t* current = thread_wrapper_t::self();
-    if (current != m_own_thr)
+    // An armed handle's thread is alive: its wheel still holds the handle.
+    if (!m_own_thr || m_own_thr->get_id() != get_cur_tid())
         UTIL_ASSERT_MSG("timer_it::remove_timer() should in same thread with add_timer", TIMER_PATH, __LINE__,
-                        ", m_own_thr = " << log_ptr(m_own_thr) << ", current_thread = " << log_ptr(current)
+                        ", m_own_thr = " << log_ptr(m_own_thr)
+                                         << ", current_thread = " << log_ptr(thread_wrapper_t::self())
                                          << ", m_id = " << m_id << ", m_interval_ticks = " << m_interval_ticks
                                          << ", m_times = " << m_times << ", this = " << log_ptr(this));
     return m_carrier->queue()->remove_timer(this);
