@@ -286,6 +286,8 @@ private:
     friend class timer_processor_t;
 
     void update_interval(uint32_t ticks);
+    // Reports use from a thread other than the one that made the wheel.
+    void check_owner(const char* operation) const;
     // Places a carrier by `delay`; rectify is add_timer's adjustment.
     void place(timer_carrier_t* carrier, ticks_helper& delay);
     void rectify(ticks_helper& delay, bool is_exact) const;

@@ -25,6 +25,13 @@ thread_local timer_firing_t* t_firing = nullptr;
 
 }  // namespace
 
+void timer_queue_t::check_owner(const char* operation) const {
+    if (!is_same_as_owner())
+        UTIL_ASSERT_MSG("timer_queue_t used from a thread that does not own it, operation = " << operation, TIMER_PATH,
+                        __LINE__,
+                        ", owner = " << get_owner() << ", current = " << get_cur_tid() << ", this = " << log_ptr(this));
+}
+
 int live_timer_carriers() { return s_live_carriers.load(std::memory_order_relaxed); }
 
 // ---- firing frames ---------------------------------------------------------------
@@ -377,6 +384,7 @@ int timer_queue_t::add_timer(timer_it* timer, ticks_helper& delay, bool is_exact
         UTIL_ASSERT_LINE(TIMER_PATH, 923, ", this = " << log_ptr(this));
         return RESULT_NOT_CREATED;
     }
+    check_owner("add_timer");
     if (!m_started && m_sink) {
         m_started = 1;
         m_start_ticks = m_start_ticks_tag = ticks_drv_t::now();
@@ -423,6 +431,7 @@ int timer_queue_t::remove_timer(timer_it* timer) {
         UTIL_ASSERT_LINE(TIMER_PATH, 1017, ", this = " << log_ptr(this));
         return RESULT_NOT_CREATED;
     }
+    check_owner("remove_timer");
     timer_carrier_t* carrier = timer->carrier();
     if (!carrier)
         return RESULT_SUCCESS;
@@ -437,6 +446,7 @@ int timer_queue_t::remove_timer(timer_it* timer) {
 }
 
 void timer_queue_t::do_timer(uint32_t elapsed_ticks) {
+    check_owner("do_timer");
     const uint32_t epoch = m_clear_epoch;
     m_processors[timer_queue_helper::IMMEDIATELY_SLOT]->do_timer(m_immediate.at(0), this);
     if (m_clear_epoch != epoch)

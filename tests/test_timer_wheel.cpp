@@ -7,6 +7,7 @@
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
 #include <vector>
 
 #include "live_count.h"
@@ -381,6 +382,10 @@ TEST(TimerWheel, MisuseIsReportedNotFatal) {
     wheel.do_timer(6);
     EXPECT_TRUE(log.contains("timer_processor_t<timer_queue_t::timer_queue_helper::LEVEL"));
     EXPECT_FALSE(orphan.is_scheduled());
+    // The wheel belongs to the thread that made it: another one is told.
+    EXPECT_FALSE(log.contains("does not own it"));
+    std::thread([&] { wheel.do_timer(1); }).join();
+    EXPECT_TRUE(log.contains("does not own it, operation = do_timer"));
 }
 
 TEST(TimerWheel, ReArmingKeepsMemoryFlat) {
