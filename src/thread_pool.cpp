@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <deque>
-#include <map>
 #include <string>
 #include <vector>
 
@@ -32,13 +31,15 @@ int post_task(thread_wrapper_t* thr, msg_it* msg) {
 }  // namespace
 
 struct thread_pool_t::state_t {
-    struct slot_t;
-    // Load → thread. Entries of equal load keep the order in which they got
-    // it, so the first of them has carried it longest.
-    typedef std::multimap<uint32_t, slot_t*> load_index_t;
     struct slot_t {
         thread_ref_t thr;
-        load_index_t::iterator entry;
+        uint32_t load;
+        // When the load last changed: among equal loads the earliest stamp
+        // comes first, so the thread that has carried its load longest is
+        // picked.
+        uint64_t stamp;
+        // Where the slot sits in load_index.
+        size_t pos;
         bool stop_with_pool;
     };
     struct task_t {
@@ -48,29 +49,60 @@ struct thread_pool_t::state_t {
 
     // Reserved to max_num and never beyond it, so slots do not move.
     std::vector<slot_t> threads;
-    load_index_t load_index;
+    // The load index: a binary min-heap of the slots by (load, stamp). The
+    // least-loaded thread is at the front; a load change sifts one slot,
+    // O(log n) without allocating or chasing tree nodes.
+    std::vector<slot_t*> load_index;
+    uint64_t next_stamp = 0;
     // Indexed by task id; ids stay dense because released ones go first.
     // A null slot is a free id.
     std::vector<task_t> tasks;
     std::deque<uint32_t> released;
     size_t live_tasks = 0;
 
+    static bool before(const slot_t* a, const slot_t* b) {
+        return a->load < b->load || (a->load == b->load && a->stamp < b->stamp);
+    }
+    void place(slot_t* slot, size_t pos) {
+        load_index[pos] = slot;
+        slot->pos = pos;
+    }
+    void sift(slot_t* slot) {
+        size_t pos = slot->pos;
+        while (pos > 0 && before(slot, load_index[(pos - 1) / 2])) {
+            place(load_index[(pos - 1) / 2], pos);
+            pos = (pos - 1) / 2;
+        }
+        const size_t n = load_index.size();
+        for (;;) {
+            size_t child = 2 * pos + 1;
+            if (child >= n)
+                break;
+            if (child + 1 < n && before(load_index[child + 1], load_index[child]))
+                ++child;
+            if (!before(load_index[child], slot))
+                break;
+            place(load_index[child], pos);
+            pos = child;
+        }
+        place(slot, pos);
+    }
+    slot_t* least() const { return load_index.empty() ? nullptr : load_index.front(); }
     slot_t* find(const thread_wrapper_t* thr) {
         for (slot_t& s : threads)
             if (s.thr.get() == thr)
                 return &s;
         return nullptr;
     }
-    // Changes a slot's load: O(log n), no allocation (the node is reused).
     void set_load(slot_t* slot, uint32_t load) {
-        load_index_t::node_type node = load_index.extract(slot->entry);
-        node.key() = load;
-        slot->entry = load_index.insert(std::move(node));
+        slot->load = load;
+        slot->stamp = next_stamp++;
+        sift(slot);
     }
     void enter(thread_ref_t thr, uint32_t load, bool stop_with_pool) {
-        threads.push_back(slot_t{std::move(thr), load_index.end(), stop_with_pool});
-        slot_t* slot = &threads.back();
-        slot->entry = load_index.insert(load_index_t::value_type(load, slot));
+        threads.push_back(slot_t{std::move(thr), load, next_stamp++, load_index.size(), stop_with_pool});
+        load_index.push_back(&threads.back());
+        sift(&threads.back());
     }
 };
 
@@ -79,8 +111,12 @@ struct thread_pool_t::loads_view_t {
 };
 
 log_stream_t& operator<<(log_stream_t& line, const thread_pool_t::loads_view_t& view) {
-    for (const auto& e : view.state->load_index)
-        line << ", it->first = " << e.first << ", it->second.get() = " << log_ptr(e.second->thr.get());
+    // Only built when the line is logged: the heap's order is not sorted.
+    std::vector<const thread_pool_t::state_t::slot_t*> sorted(view.state->load_index.begin(),
+                                                              view.state->load_index.end());
+    std::sort(sorted.begin(), sorted.end(), &thread_pool_t::state_t::before);
+    for (const thread_pool_t::state_t::slot_t* s : sorted)
+        line << ", it->first = " << s->load << ", it->second.get() = " << log_ptr(s->thr.get());
     return line;
 }
 
@@ -176,7 +212,7 @@ int thread_pool_t::add_task(msg_it* msg, unsigned int& task_id, unsigned int loa
         UTIL_LOG(LOG_WARNING, "thread_pool_t::add_task the pool has no thread, this = " << log_ptr(this));
         return RESULT_NOTHING_TO_DO;
     }
-    const bool idle = !st.load_index.empty() && st.load_index.begin()->first == 0;
+    const bool idle = st.least() && st.least()->load == 0;
     if (!idle && st.threads.size() < m_max_num) {
         UTIL_LOG(LOG_INFO, "thread_pool_t::add_task has no idle thread and the pool is not full, m_loads = "
                                << m_loads << ", m_idx = " << m_pool_idx << ", ext_num = " << m_ext_num);
@@ -187,7 +223,7 @@ int thread_pool_t::add_task(msg_it* msg, unsigned int& task_id, unsigned int loa
     if (st.load_index.empty())
         return RESULT_CREATE_FAILED;
 
-    state_t::slot_t* slot = st.load_index.begin()->second;
+    state_t::slot_t* slot = st.least();
     thread_wrapper_t* thr = slot->thr.get();
     if (msg) {
         const int rv = post_task(thr, msg);
@@ -205,13 +241,15 @@ int thread_pool_t::add_task(msg_it* msg, unsigned int& task_id, unsigned int loa
         st.tasks.resize(task_id + 1, state_t::task_t{nullptr, 0});
     }
     bind_thr = thr;
-    st.set_load(slot, slot->entry->first + loads);
+    st.set_load(slot, slot->load + loads);
     m_loads += loads;
     st.tasks[task_id] = state_t::task_t{slot, loads};
     ++st.live_tasks;
     UTIL_LOG(LOG_INFO, "thread_pool_t::add_task, loads = " << loads << ", bind_thr = " << log_ptr(thr)
                                                            << ", m_loads = " << m_loads);
-    dump();
+    // dump() without taking the lock again.
+    const loads_view_t view{m_state.get()};
+    UTIL_LOG(LOG_INFO, "THREAD_POOL LOADS SUMMARY: [" << view << "]");
     return RESULT_SUCCESS;
 }
 
@@ -237,9 +275,9 @@ int thread_pool_t::remove_task(msg_it* msg, unsigned int task_id) {
     m_loads -= task_load;
     task = state_t::task_t{nullptr, 0};
     --st.live_tasks;
-    st.set_load(slot, slot->entry->first - task_load);
-    UTIL_LOG(LOG_INFO, "thread load reduce, thr = " << log_ptr(slot->thr.get()) << ", pit->first = "
-                                                    << slot->entry->first << ", task_load = " << task_load);
+    st.set_load(slot, slot->load - task_load);
+    UTIL_LOG(LOG_INFO, "thread load reduce, thr = " << log_ptr(slot->thr.get()) << ", pit->first = " << slot->load
+                                                    << ", task_load = " << task_load);
     st.released.push_back(task_id);
     if (st.live_tasks == 0)
         UTIL_LOG(LOG_INFO, "thread_pool_t::remove_task task is empty, m_loads = " << m_loads);
@@ -350,7 +388,7 @@ unsigned int thread_pool_t::get_task_count() const {
 unsigned int thread_pool_t::get_thread_load(const thread_wrapper_t* thr) const {
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
     const state_t::slot_t* slot = m_state->find(thr);
-    return slot ? slot->entry->first : 0;
+    return slot ? slot->load : 0;
 }
 
 }  // namespace ssb

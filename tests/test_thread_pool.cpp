@@ -136,6 +136,18 @@ TEST_F(ThreadPool, IdleThreadsTakeTasksBeforeThePoolGrows) {
     EXPECT_EQ(10u, pool->get_thread_load(c));
 }
 
+TEST_F(ThreadPool, APoolStartedEmptyGrowsAtItsFirstTask) {
+    pool_ref_t pool(thread_pool_t::new_instance(0, 3, false, 0));
+    ASSERT_NE(nullptr, pool.p);
+    EXPECT_EQ(0u, pool->get_thread_count());
+    thread_wrapper_t *a = nullptr, *b = nullptr;
+    add(pool.p, 1, &a);
+    EXPECT_EQ(1u, pool->get_thread_count());
+    add(pool.p, 1, &b);  // a step of max(1, 0 / 2)
+    EXPECT_EQ(2u, pool->get_thread_count());
+    EXPECT_NE(a, b);
+}
+
 TEST_F(ThreadPool, GrowthStepIsHalfTheInitialCountAndStopsAtTheMaximum) {
     pool_ref_t pool(thread_pool_t::new_instance(4, 5, false, 0));
     ASSERT_NE(nullptr, pool.p);
