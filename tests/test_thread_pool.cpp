@@ -200,6 +200,59 @@ TEST_F(ThreadPool, OfEquallyLoadedThreadsTheOneLongestAtThatLoadIsPicked) {
     EXPECT_EQ(thr[0], next);
 }
 
+TEST_F(ThreadPool, PicksMatchAModelOfLeastLoadThenLongestAtThatLoad) {
+    const int threads = 16;
+    pool_ref_t pool(thread_pool_t::new_instance(threads, threads, false, 0));
+    ASSERT_NE(nullptr, pool.p);
+    // Model: per thread its load and when it last changed.
+    std::vector<thread_wrapper_t*> order;
+    std::vector<unsigned int> load(threads, 0);
+    std::vector<unsigned long long> stamp(threads, 0);
+    unsigned long long clock = 0;
+    struct task_t {
+        unsigned int id;
+        int thread;
+        unsigned int load;
+    };
+    std::vector<task_t> live;
+    // Idle threads are taken in the order they were spawned.
+    for (int i = 0; i < threads; ++i) {
+        thread_wrapper_t* thr = nullptr;
+        const unsigned int id = add(pool.p, 1, &thr);
+        EXPECT_EQ("pool." + std::to_string(pool->get_pool_idx()) + "." + std::to_string(i), thr->name());
+        order.push_back(thr);
+        load[i] = 1;
+        stamp[i] = clock++;
+        live.push_back(task_t{id, i, 1});
+    }
+    unsigned int seed = 7;
+    auto next = [&seed] { return seed = seed * 1103515245u + 12345u, (seed >> 8) & 0xFFFF; };
+    for (int step = 0; step < 3000; ++step) {
+        if (live.empty() || next() % 5 < 3) {
+            int pick = 0;
+            for (int i = 1; i < threads; ++i)
+                if (load[i] < load[pick] || (load[i] == load[pick] && stamp[i] < stamp[pick]))
+                    pick = i;
+            const unsigned int l = next() % 40;  // 0 included: it still moves the thread back among its equals
+            thread_wrapper_t* thr = nullptr;
+            const unsigned int id = add(pool.p, l, &thr);
+            ASSERT_EQ(order[pick], thr) << "step " << step;
+            load[pick] += l;
+            stamp[pick] = clock++;
+            live.push_back(task_t{id, pick, l});
+        } else {
+            const size_t k = next() % live.size();
+            const task_t t = live[k];
+            live.erase(live.begin() + static_cast<long>(k));
+            ASSERT_EQ(RESULT_SUCCESS, pool->remove_task(nullptr, t.id));
+            load[t.thread] -= t.load;
+            stamp[t.thread] = clock++;
+        }
+    }
+    for (int i = 0; i < threads; ++i)
+        EXPECT_EQ(load[i], pool->get_thread_load(order[i])) << "thread " << i;
+}
+
 TEST_F(ThreadPool, ReleasedIdsComeBackFirstInTheOrderReleased) {
     pool_ref_t pool(thread_pool_t::new_instance(1, 2, false, 0));
     ASSERT_NE(nullptr, pool.p);
