@@ -11,7 +11,8 @@
 // fairness: 100,000 tasks of random load 1..100 added to 8 threads, one per
 // iteration; the counters give the max/mean thread load at the end for the
 // pool and for a round-robin assignment of the same loads
-// (max_over_mean: 1 is perfectly even).
+// (max_over_mean: 1 is perfectly even). fairness_churn: the same while
+// tasks also end at random.
 //
 // The library's log goes to a temporary folder at WARNING: add_task logs
 // each task at INFO, which is what a file line per task would measure.
@@ -247,6 +248,73 @@ void fairness_round_robin(benchmark::State& state) {
 
 BENCHMARK(fairness_ours)->Name("fairness/ours")->Iterations(FAIRNESS_TASKS);
 BENCHMARK(fairness_round_robin)->Name("fairness/round_robin")->Iterations(FAIRNESS_TASKS);
+
+// The same with churn: once 1,000 tasks are live, every add also ends a
+// random live task, as calls end in a client. The victims are the same for
+// both sides.
+const size_t CHURN_LIVE = 1000;
+
+void fairness_churn_ours(benchmark::State& state) {
+    ours_t side(FAIRNESS_THREADS);
+    if (!side.ok()) {
+        state.SkipWithError("the pool could not be made");
+        return;
+    }
+    const std::vector<unsigned int> loads = random_loads(FAIRNESS_TASKS);
+    std::mt19937 rng(777);
+    std::vector<unsigned int> live;
+    std::set<ssb::thread_wrapper_t*> threads;
+    size_t next = 0;
+    for (auto _ : state) {
+        unsigned int id = 0;
+        ssb::thread_wrapper_t* thr = nullptr;
+        side.pool->add_task(nullptr, id, loads[next++ % loads.size()], thr);
+        live.push_back(id);
+        threads.insert(thr);
+        if (live.size() > CHURN_LIVE) {
+            const size_t k = rng() % live.size();
+            side.remove(live[k]);
+            live[k] = live.back();
+            live.pop_back();
+        }
+    }
+    std::vector<unsigned long long> per_thread;
+    for (ssb::thread_wrapper_t* thr : threads)
+        per_thread.push_back(side.pool->get_thread_load(thr));
+    report_balance(state, per_thread);
+    for (unsigned int id : live)
+        side.remove(id);
+}
+
+void fairness_churn_round_robin(benchmark::State& state) {
+    const std::vector<unsigned int> loads = random_loads(FAIRNESS_TASKS);
+    std::mt19937 rng(777);
+    std::mutex mutex;
+    struct task_t {
+        size_t thread;
+        unsigned int load;
+    };
+    std::vector<task_t> live;
+    std::vector<unsigned long long> per_thread(FAIRNESS_THREADS, 0);
+    size_t next = 0;
+    for (auto _ : state) {
+        std::lock_guard<std::mutex> guard(mutex);
+        const task_t t{next % FAIRNESS_THREADS, loads[next % loads.size()]};
+        ++next;
+        per_thread[t.thread] += t.load;
+        live.push_back(t);
+        if (live.size() > CHURN_LIVE) {
+            const size_t k = rng() % live.size();
+            per_thread[live[k].thread] -= live[k].load;
+            live[k] = live.back();
+            live.pop_back();
+        }
+    }
+    report_balance(state, per_thread);
+}
+
+BENCHMARK(fairness_churn_ours)->Name("fairness_churn/ours")->Iterations(FAIRNESS_TASKS);
+BENCHMARK(fairness_churn_round_robin)->Name("fairness_churn/round_robin")->Iterations(FAIRNESS_TASKS);
 
 }  // namespace
 
