@@ -283,7 +283,9 @@ TEST_F(Tasks, RepeatingTaskKeepsItsScheduleStress) {
         std::cout << "note: the loop fell over a second behind; drift not judged\n";
     else
         EXPECT_LE(last - first, period) << "the schedule drifted";
-    EXPECT_LE(median(late), period) << "the typical run is within a tick of its time";
+    // One tick of wheel granularity plus one of wake-up latency on a loaded
+    // (or sanitized) host.
+    EXPECT_LE(median(late), 2 * period) << "the typical run is near its time";
 }
 
 TEST_F(Tasks, RepeatingTaskStopsWhenItSaysSoOrItsOwnerCancelsFromInside) {
