@@ -73,7 +73,6 @@ inline spread_t spread_of(std::vector<double> v) {
 
 }  // namespace detail
 
-
 // ---- thread placement ----------------------------------------------------------
 //
 // Where the two threads of a two-thread benchmark run. Unpinned, the
