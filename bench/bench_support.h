@@ -149,7 +149,6 @@ inline bool placement_possible(benchmark::State& state, int placement) {
 // release/acquire hand-over.
 struct alignas(64) tally_t {
     std::atomic<uint64_t> value{0};
-    char pad[64 - sizeof(std::atomic<uint64_t>)];
 };
 
 // What the process spent: CPU time and context switches (voluntary: the
@@ -195,7 +194,7 @@ private:
 // The floor of a sleeping hand-over between two threads: one word per side,
 // a wake-up system call only when the other side is asleep on it. 0: no
 // signal, 1: signalled, 2: its owner sleeps on it. One waiter, any wakers.
-class futex_flag_t {
+class alignas(64) futex_flag_t {
 public:
     void wait() {
         for (;;) {
@@ -214,8 +213,7 @@ public:
     }
 
 private:
-    alignas(64) std::atomic<uint32_t> m_word{0};
-    char m_pad[64 - sizeof(std::atomic<uint32_t>)];
+    std::atomic<uint32_t> m_word{0};
 };
 
 // Console output as usual, and every run recorded for the ratio table.
