@@ -5,6 +5,17 @@
 // reader thread takes them; both spin (then yield, never sleep) when the queue
 // is full or empty. Wall-clock time, since the work is split over two threads.
 //
+// Rows: spsc/<side>/capacity:N/place:P, ns per value handed over.
+//   place:1  writer and reader pinned to two different cores: a loop thread
+//            draining a channel fed by a busy thread on another core. This is
+//            the row the queue is meant for.
+//   place:2  both pinned to one core: every hand-over of the core is a
+//            yield, so it measures how many values move per time slice.
+//   place:0  unpinned: whatever the scheduler does on a loaded machine.
+// Counters, all per value: empty_pops (reader found the queue empty),
+// full_pushes (writer found it full), yields (sched_yield of both sides).
+// The reader's counters are its own locals, published once at the end.
+//
 // Capacities: ring_queue_t(n) holds n - 1 values, the peers n (moodycamel
 // rounds up to its block size); the queues are built before the timing and
 // none of them allocates while it runs.
@@ -36,13 +47,16 @@ public:
 #endif
         } else {
             m_spins = 0;
+            ++m_yields;
             std::this_thread::yield();
         }
     }
     void reset() { m_spins = 0; }
+    uint64_t yields() const { return m_yields; }
 
 private:
     unsigned int m_spins = 0;
+    uint64_t m_yields = 0;
 };
 
 struct ours_t {
@@ -78,64 +92,89 @@ struct concurrent_queue_t {
 };
 
 // Each iteration pushes one value on the benchmark thread; the reader
-// thread checks that the values arrive in order and counts them.
+// thread checks that the values arrive in order and counts them. Every
+// counter lives with the thread that updates it (locals, published once at
+// the end through a tally of its own cache line): no counter of one side
+// sits on a line the other side writes.
 template <class Q>
 void one_to_one(benchmark::State& state) {
+    const int placement = static_cast<int>(state.range(1));
+    if (!util_bench::placement_possible(state, placement))
+        return;
     std::unique_ptr<Q> q(new Q(static_cast<size_t>(state.range(0))));
     std::atomic<bool> ready{false};
     std::atomic<bool> done{false};
-    std::atomic<bool> out_of_order{false};
-    uint64_t received = 0;
+    util_bench::tally_t received, empty_pops, reader_yields, out_of_order;
     std::thread reader([&] {
+        util_bench::place_thread(placement, 1);
         spinner_t spin;
         uintptr_t expected = 1, v = 0;
+        uint64_t got = 0, empty = 0, disorder = 0;
         ready.store(true, std::memory_order_release);
         for (;;) {
             if (q->pop(v)) {
-                if (v != expected)
-                    out_of_order.store(true, std::memory_order_relaxed);
+                disorder += v != expected;
                 expected = v + 1;
-                ++received;
+                ++got;
                 spin.reset();
             } else if (done.load(std::memory_order_acquire)) {
                 // The writer has finished: what is left is all there is.
                 while (q->pop(v)) {
-                    if (v != expected)
-                        out_of_order.store(true, std::memory_order_relaxed);
+                    disorder += v != expected;
                     expected = v + 1;
-                    ++received;
+                    ++got;
                 }
                 break;
             } else {
+                ++empty;
                 spin.wait();
             }
         }
+        received.value.store(got, std::memory_order_relaxed);
+        empty_pops.value.store(empty, std::memory_order_relaxed);
+        reader_yields.value.store(spin.yields(), std::memory_order_relaxed);
+        out_of_order.value.store(disorder, std::memory_order_relaxed);
     });
+    util_bench::place_thread(placement, 0);
     spinner_t spin;
     while (!ready.load(std::memory_order_acquire))
         spin.wait();
 
     uintptr_t next = 1;
+    uint64_t full_pushes = 0;
+    spin.reset();
+    const uint64_t yields_before = spin.yields();
     for (auto _ : state) {
         if (!q->push(next)) {
             spin.reset();
-            do
+            do {
+                ++full_pushes;
                 spin.wait();
-            while (!q->push(next));
+            } while (!q->push(next));
         }
         ++next;
     }
     done.store(true, std::memory_order_release);
     reader.join();
+    util_bench::place_thread(util_bench::PLACE_FREE, 0);
 
+    const double items = static_cast<double>(state.iterations());
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()));
-    if (received != static_cast<uint64_t>(state.iterations()))
+    state.counters["empty_pops_per_item"] = static_cast<double>(empty_pops.value.load()) / items;
+    state.counters["full_pushes_per_item"] = static_cast<double>(full_pushes) / items;
+    state.counters["yields_per_item"] =
+        static_cast<double>(reader_yields.value.load() + spin.yields() - yields_before) / items;
+    if (received.value.load() != static_cast<uint64_t>(state.iterations()))
         state.SkipWithError("values lost or duplicated");
-    else if (out_of_order.load())
+    else if (out_of_order.value.load() != 0)
         state.SkipWithError("values out of order");
 }
 
-void capacities(benchmark::internal::Benchmark* b) { b->Arg(1024)->Arg(16384)->UseRealTime(); }
+// Arguments: capacity, placement (0 unpinned, 1 writer and reader pinned to
+// two different cores, 2 both pinned to one core).
+void capacities(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"capacity", "place"})->ArgsProduct({{1024, 16384}, {1, 2, 0}})->UseRealTime();
+}
 
 BENCHMARK_TEMPLATE(one_to_one, ours_t)->Name("spsc/ours")->Apply(capacities);
 BENCHMARK_TEMPLATE(one_to_one, boost_spsc_t)->Name("spsc/boost_spsc_queue")->Apply(capacities);

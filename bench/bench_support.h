@@ -18,7 +18,15 @@
 #define UTIL_BENCH_SUPPORT_H
 
 #include <benchmark/benchmark.h>
+#include <linux/futex.h>
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+#include <atomic>
+#include <chrono>
 
 #include <algorithm>
 #include <cstdint>
@@ -64,6 +72,149 @@ inline spread_t spread_of(std::vector<double> v) {
 }
 
 }  // namespace detail
+
+// ---- thread placement ----------------------------------------------------------
+//
+// Where the two threads of a two-thread benchmark run. Unpinned, the
+// scheduler may put them on one core or two and move them mid-run, so
+// round trips come out bimodal; pinned, each row says which case it is.
+enum placement_t { PLACE_FREE = 0, PLACE_TWO_CORES = 1, PLACE_ONE_CORE = 2 };
+
+inline int cpu_count() {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0)
+        return 1;
+    return CPU_COUNT(&set);
+}
+
+// The n-th CPU this process may run on, or -1.
+inline int nth_allowed_cpu(int n) {
+    cpu_set_t set;
+    CPU_ZERO(&set);
+    if (sched_getaffinity(0, sizeof set, &set) != 0)
+        return -1;
+    for (int cpu = 0; cpu < CPU_SETSIZE; ++cpu)
+        if (CPU_ISSET(cpu, &set) && n-- == 0)
+            return cpu;
+    return -1;
+}
+
+// Puts the calling thread, side 0 or 1 of a pair, where `placement` says:
+// sides on the first two allowed CPUs, both on the first, or anywhere. The
+// allowed set is read from the main thread's affinity, saved on first use.
+inline bool place_thread(int placement, int side) {
+    static const cpu_set_t s_allowed = [] {
+        cpu_set_t set;
+        CPU_ZERO(&set);
+        sched_getaffinity(0, sizeof set, &set);
+        return set;
+    }();
+    cpu_set_t set;
+    if (placement == PLACE_FREE) {
+        set = s_allowed;
+    } else {
+        int n = placement == PLACE_TWO_CORES ? side : 0, cpu = -1;
+        for (int c = 0; c < CPU_SETSIZE; ++c)
+            if (CPU_ISSET(c, &s_allowed) && n-- == 0) {
+                cpu = c;
+                break;
+            }
+        if (cpu < 0)
+            return false;
+        CPU_ZERO(&set);
+        CPU_SET(cpu, &set);
+    }
+    return pthread_setaffinity_np(pthread_self(), sizeof set, &set) == 0;
+}
+
+// Reads the allowed set once on the calling (main) thread, before any
+// benchmark pins it.
+inline void save_allowed_cpus() { place_thread(PLACE_FREE, 0); }
+
+// Skips a pinned run on a machine with fewer CPUs than it needs.
+inline bool placement_possible(benchmark::State& state, int placement) {
+    if (placement == PLACE_TWO_CORES && cpu_count() < 2) {
+        state.SkipWithError("needs two CPUs");
+        return false;
+    }
+    return true;
+}
+
+// ---- per-thread tallies ----------------------------------------------------------
+
+// A counter written by one thread only, alone on its cache line so that no
+// other thread's data shares it. The owner counts in a local variable and
+// stores the total here when it is done; others read it after a join or a
+// release/acquire hand-over.
+struct alignas(64) tally_t {
+    std::atomic<uint64_t> value{0};
+};
+
+// What the process spent: CPU time and context switches (voluntary: the
+// thread slept; involuntary: it was preempted). RUSAGE_THREAD for the
+// calling thread alone.
+struct usage_t {
+    double cpu_s = 0;
+    long voluntary = 0;
+    long involuntary = 0;
+};
+
+inline usage_t usage_of(int who) {
+    struct rusage ru;
+    std::memset(&ru, 0, sizeof ru);
+    getrusage(who, &ru);
+    usage_t u;
+    u.cpu_s = static_cast<double>(ru.ru_utime.tv_sec + ru.ru_stime.tv_sec) +
+              static_cast<double>(ru.ru_utime.tv_usec + ru.ru_stime.tv_usec) / 1e6;
+    u.voluntary = ru.ru_nvcsw;
+    u.involuntary = ru.ru_nivcsw;
+    return u;
+}
+
+// Process CPU time and context switches over a run, per item, as counters.
+class usage_meter_t {
+public:
+    usage_meter_t() : m_begin(usage_of(RUSAGE_SELF)) {}
+    void report(benchmark::State& state, double items) const {
+        if (items <= 0)
+            return;
+        usage_t end = usage_of(RUSAGE_SELF);
+        state.counters["cpu_ns_per_item"] = (end.cpu_s - m_begin.cpu_s) * 1e9 / items;
+        state.counters["vcsw_per_item"] = static_cast<double>(end.voluntary - m_begin.voluntary) / items;
+        state.counters["ivcsw_per_item"] = static_cast<double>(end.involuntary - m_begin.involuntary) / items;
+    }
+
+private:
+    usage_t m_begin;
+};
+
+// ---- a raw futex pair ------------------------------------------------------------
+
+// The floor of a sleeping hand-over between two threads: one word per side,
+// a wake-up system call only when the other side is asleep on it. 0: no
+// signal, 1: signalled, 2: its owner sleeps on it. One waiter, any wakers.
+class alignas(64) futex_flag_t {
+public:
+    void wait() {
+        for (;;) {
+            uint32_t s = 1;
+            // Acquire pairs with the release exchange in wake.
+            if (m_word.compare_exchange_strong(s, 0, std::memory_order_acquire))
+                return;
+            if (s == 0 && !m_word.compare_exchange_strong(s, 2, std::memory_order_relaxed))
+                continue;
+            syscall(SYS_futex, &m_word, FUTEX_WAIT_PRIVATE, 2u, nullptr, nullptr, 0);
+        }
+    }
+    void wake() {
+        if (m_word.exchange(1, std::memory_order_release) == 2)
+            syscall(SYS_futex, &m_word, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    }
+
+private:
+    std::atomic<uint32_t> m_word{0};
+};
 
 // Console output as usual, and every run recorded for the ratio table.
 class recording_reporter_t : public benchmark::ConsoleReporter {
@@ -220,6 +371,7 @@ inline int run_main(int argc, char** argv) {
     // libstdc++ skips the atomic instructions in shared_ptr and friends,
     // which would flatter the peers.
     std::thread([] {}).join();
+    save_allowed_cpus();
 
     static char default_name[] = "bench";
     static char default_repetitions[] = "--benchmark_repetitions=5";

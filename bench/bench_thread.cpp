@@ -3,18 +3,36 @@
 // thread each, and a std::mutex + std::condition_variable mailbox whose
 // worker drains everything queued per wake-up.
 //
-// loop_to_loop_throughput: a batch of small heap-allocated messages from one
-// thread to another, time per message. Ours posts from a message running on
-// thread A and, on a full channel, keeps the message and resumes from the
-// sink call-back; the peers' queues are unbounded, so they run once per
-// channel capacity only to give each capacity its own group.
-// ping_pong: one message in flight between two sleeping threads, time per
-// round trip. send_round_trip: send_msg from A to B against a condvar
-// request/response pair, time per call.
+// loop_to_loop_throughput/<side>/capacity:C/alloc:A: a batch of 20,000 small
+// messages from one thread to another (allocate, post, wake, run, release),
+// time per message. Ours posts from a message running on thread A and, on a
+// full channel, keeps the message and resumes from the sink call-back.
+// Peers: asio (io_context::post, unbounded), condvar (a mutex + condition
+// variable mailbox whose worker takes everything queued per wake-up,
+// unbounded) and condvar_bounded (the same, the poster blocking while
+// `capacity` tasks wait: the bounded peer of our channel). The unbounded
+// peers run once per capacity only to give each capacity its own group.
+//   alloc:1  every message from the library allocator (ssb_allocator_t):
+//            ours and the mailboxes' tasks by their class's operator new,
+//            asio's handler operation through the handler's allocator.
+//   alloc:2  each side's natural allocation: our msg_it by new and
+//            msg_it::release, asio's own handler recycling over new, the
+//            mailboxes' tasks by new and delete.
+// Every side frees on the receiving thread what the sending thread
+// allocated. Counters per message: the process's CPU time and context
+// switches (a voluntary switch is a thread going to sleep, so vcsw per
+// message counts wake-ups); ours adds full posts and sink call-backs per
+// batch.
+// ping_pong/<side>/place:P: one message in flight between two sleeping
+// threads, time per round trip, p50 and p99 in µs. place:1 the two threads
+// pinned to two different cores, place:2 both on one core, place:0
+// unpinned (bimodal: it depends on where the scheduler puts them).
+// raw_futex_pair is the floor: two threads handing a flag over with futex
+// wait/wake and nothing else, measured in the same process.
+// send_round_trip: send_msg from A to B against a condvar request/response
+// pair, time per call (unpinned).
 //
-// Every side allocates one small object per message (our message, asio's
-// handler operation, the mailbox's task) and counts it on the receiving
-// thread. Times are manual: measured on the threads themselves from the
+// Every message is counted on the receiving thread. Times are manual: measured on the threads themselves from the
 // first post of a batch to the last receipt, so the benchmark thread's own
 // wake-ups are not counted. A batch that makes no progress for 10 s fails
 // its run with what the threads and the channel looked like; such runs are
@@ -44,12 +62,15 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
+#include "alloc.h"
 #include "bench_support.h"
 #include "log.h"
 #include "msg.h"
@@ -77,6 +98,38 @@ const int ROUND_TRIP_BATCHES = 150;
 // A batch takes milliseconds; this long means the loop is stuck.
 const std::chrono::seconds WATCHDOG(10);
 const size_t MAX_SAMPLES = 1 << 16;
+
+enum alloc_mode_t { ALLOC_LIBRARY = 1, ALLOC_NATURAL = 2 };
+
+void* library_allocate(size_t n) {
+    void* p = ssb::ssb_allocator_t::instance()->allocate(static_cast<unsigned int>(n));
+    if (!p)
+        throw std::bad_alloc();
+    return p;
+}
+
+void library_free(void* p, size_t n) {
+    ssb::ssb_allocator_t::instance()->deallocate(static_cast<signed char*>(p), static_cast<unsigned int>(n));
+}
+
+// A standard allocator over the library allocator, for asio's handlers.
+template <class T>
+struct library_allocator_t {
+    typedef T value_type;
+    library_allocator_t() {}
+    template <class U>
+    library_allocator_t(const library_allocator_t<U>&) {}
+    T* allocate(size_t n) { return static_cast<T*>(library_allocate(n * sizeof(T))); }
+    void deallocate(T* p, size_t n) { library_free(p, n * sizeof(T)); }
+    template <class U>
+    bool operator==(const library_allocator_t<U>&) const {
+        return true;
+    }
+    template <class U>
+    bool operator!=(const library_allocator_t<U>&) const {
+        return false;
+    }
+};
 
 double seconds_between(bench_clock::time_point from, bench_clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
@@ -215,6 +268,14 @@ private:
     counter_t* m_counter;
 };
 
+// msg_it::release deletes through the dynamic type's operator delete.
+class library_count_msg_t : public count_msg_t {
+public:
+    using count_msg_t::count_msg_t;
+    static void* operator new(size_t n) { return library_allocate(n); }
+    static void operator delete(void* p, size_t n) { library_free(p, n); }
+};
+
 // Two event threads bound by a channel; stopped (and left to the manager
 // to release) by stop() or the destructor.
 class loop_pair_t {
@@ -266,7 +327,8 @@ private:
 // sink call-back, which comes on A once B has made room.
 class producer_t : public ssb::msg_queue_sink_it {
 public:
-    producer_t(ssb::thread_wrapper_t* target, counter_t* counter) : m_target(target), m_counter(counter) {}
+    producer_t(ssb::thread_wrapper_t* target, counter_t* counter, int alloc)
+        : m_target(target), m_counter(counter), m_alloc(alloc) {}
     ~producer_t() override {
         if (m_held)
             m_held->release();
@@ -290,11 +352,17 @@ public:
     bench_clock::time_point m_start;
 
 private:
+    ssb::msg_it* make() const {
+        if (m_alloc == ALLOC_LIBRARY)
+            return new library_count_msg_t(m_counter);
+        return new count_msg_t(m_counter);
+    }
+
     // Nothing here is touched after the batch's last post succeeded: B may
     // finish the batch at once and the benchmark thread arm the next one.
     void pump() {
         while (m_left > 0) {
-            ssb::msg_it* msg = m_held ? m_held : new count_msg_t(m_counter);
+            ssb::msg_it* msg = m_held ? m_held : make();
             m_held = nullptr;
             const bool last = m_left == 1;
             --m_left;
@@ -319,6 +387,7 @@ private:
 
     ssb::thread_wrapper_t* m_target;
     counter_t* m_counter;
+    int m_alloc;
 };
 
 // What the channel A -> B looks like from outside, for a stalled batch.
@@ -342,7 +411,8 @@ void throughput_ours(benchmark::State& state) {
     }
     latch_t done;
     counter_t counter(&done);
-    producer_t producer(pair.b(), &counter);
+    producer_t producer(pair.b(), &counter, static_cast<int>(state.range(1)));
+    util_bench::usage_meter_t usage;
     int64_t batches = 0;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
@@ -378,6 +448,7 @@ void throughput_ours(benchmark::State& state) {
     }
     pair.stop();
     state.SetItemsProcessed(state.iterations());
+    usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
     if (batches > 0) {
         state.counters["full_per_batch"] = static_cast<double>(producer.m_fulls) / static_cast<double>(batches);
         state.counters["sink_per_batch"] = static_cast<double>(producer.m_resumes) / static_cast<double>(batches);
@@ -431,15 +502,47 @@ void pong_msg_t::on_message() {
         send_ping(m_rounds, m_b);
 }
 
+// Runs a pinning step on each thread of a pair through `post(side, f)` and
+// waits for both; false when one did not run within 10 s.
+template <class P>
+bool place_pair(int placement, P post) {
+    std::shared_ptr<std::atomic<int>> placed = std::make_shared<std::atomic<int>>(0);
+    for (int side = 0; side < 2; ++side)
+        post(side, std::function<void()>([placed, placement, side] {
+                 util_bench::place_thread(placement, side);
+                 placed->fetch_add(1, std::memory_order_release);
+             }));
+    bench_clock::time_point deadline = bench_clock::now() + WATCHDOG;
+    while (placed->load(std::memory_order_acquire) < 2) {
+        if (bench_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 void ping_pong_ours(benchmark::State& state) {
     loop_pair_t pair(PING_CAPACITY);
     if (!pair.ok()) {
         fail_run(state, "ping_pong/ours", pair.error());
         return;
     }
+    const int placement = static_cast<int>(state.range(0));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    bool placed = place_pair(placement, [&pair](int side, std::function<void()> f) {
+        ssb::msg_it* m = make_msg(std::move(f));
+        if ((side ? pair.b() : pair.a())->post_ctrl_msg(m, nullptr) != ssb::RESULT_SUCCESS)
+            m->release();
+    });
+    if (!placed) {
+        fail_run(state, "ping_pong/ours", "the loop threads were not pinned within 10 s");
+        return;
+    }
     latch_t done;
     rounds_t rounds(&done);
     ssb::thread_wrapper_t* b = pair.b();
+    util_bench::usage_meter_t usage;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -464,6 +567,7 @@ void ping_pong_ours(benchmark::State& state) {
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
+    usage.report(state, static_cast<double>(state.iterations()));
     pair.stop();
     add_percentiles(state, rounds.m_samples);
 }
@@ -550,24 +654,43 @@ private:
     std::thread m_thread;
 };
 
+// The same work as a lambda, its operation drawn from the library
+// allocator: asio asks the handler for its allocator.
+struct asio_count_handler_t {
+    typedef library_allocator_t<void> allocator_type;
+    allocator_type get_allocator() const { return allocator_type(); }
+    void operator()() const { counter->hit(); }
+    counter_t* counter;
+};
+
 void throughput_asio(benchmark::State& state) {
     latch_t done;
     counter_t counter(&done);
     asio_loop_t worker;
     counter_t* c = &counter;
+    const bool library = state.range(1) == ALLOC_LIBRARY;
+    util_bench::usage_meter_t usage;
+    int64_t batches = 0;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
         bench_clock::time_point start = bench_clock::now();
-        for (int i = 0; i < THROUGHPUT_BATCH; ++i)
-            boost::asio::post(worker.ctx(), [c] { c->hit(); });
+        if (library) {
+            for (int i = 0; i < THROUGHPUT_BATCH; ++i)
+                boost::asio::post(worker.ctx(), asio_count_handler_t{c});
+        } else {
+            for (int i = 0; i < THROUGHPUT_BATCH; ++i)
+                boost::asio::post(worker.ctx(), [c] { c->hit(); });
+        }
         if (!done.wait()) {
             fail_run(state, "loop_to_loop_throughput/asio", "no progress for 10 s");
             continue;
         }
         state.SetIterationTime(seconds_between(start, counter.m_end));
+        ++batches;
     }
     state.SetItemsProcessed(state.iterations());
+    usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
 }
 
 // Handlers of A and B post to each other.
@@ -586,10 +709,20 @@ struct asio_ping_pong_t {
 };
 
 void ping_pong_asio(benchmark::State& state) {
+    const int placement = static_cast<int>(state.range(0));
+    if (!util_bench::placement_possible(state, placement))
+        return;
     latch_t done;
     rounds_t rounds(&done);
     asio_ping_pong_t pp;
     pp.rounds = &rounds;
+    if (!place_pair(placement, [&pp](int side, std::function<void()> f) {
+            boost::asio::post(side ? pp.b.ctx() : pp.a.ctx(), std::move(f));
+        })) {
+        fail_run(state, "ping_pong/asio", "the threads were not pinned within 10 s");
+        return;
+    }
+    util_bench::usage_meter_t usage;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -603,6 +736,7 @@ void ping_pong_asio(benchmark::State& state) {
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
+    usage.report(state, static_cast<double>(state.iterations()));
     add_percentiles(state, rounds.m_samples);
 }
 
@@ -638,11 +772,19 @@ private:
     counter_t* m_counter;
 };
 
+class library_count_task_t : public count_task_t {
+public:
+    using count_task_t::count_task_t;
+    static void* operator new(size_t n) { return library_allocate(n); }
+    static void operator delete(void* p, size_t n) { library_free(p, n); }
+};
+
 // One worker thread; writers notify only a queue they found empty, and the
-// worker takes everything queued per wake-up.
+// worker takes everything queued per wake-up. With a bound, a writer waits
+// while `bound` tasks are queued; the worker wakes it after taking them.
 class mailbox_t {
 public:
-    mailbox_t() : m_thread([this] { loop(); }) {}
+    explicit mailbox_t(size_t bound = 0) : m_bound(bound), m_thread([this] { loop(); }) {}
     ~mailbox_t() {
         {
             std::lock_guard<std::mutex> guard(m_mutex);
@@ -656,7 +798,11 @@ public:
     void post(task_t* task) {
         bool was_empty;
         {
-            std::lock_guard<std::mutex> guard(m_mutex);
+            std::unique_lock<std::mutex> lock(m_mutex);
+            if (m_bound && m_queue.size() >= m_bound) {
+                m_writer_waiting = true;
+                m_room.wait(lock, [this] { return m_queue.size() < m_bound; });
+            }
             was_empty = m_queue.empty();
             m_queue.push_back(task);
         }
@@ -667,6 +813,7 @@ public:
 private:
     void loop() {
         std::deque<task_t*> taken;
+        bool woke_writer = false;
         for (;;) {
             {
                 std::unique_lock<std::mutex> lock(m_mutex);
@@ -674,7 +821,11 @@ private:
                 if (m_stop)
                     return;
                 taken.swap(m_queue);
+                woke_writer = m_writer_waiting;
+                m_writer_waiting = false;
             }
+            if (woke_writer)
+                m_room.notify_all();
             for (task_t* t : taken) {
                 t->run();
                 delete t;
@@ -685,28 +836,42 @@ private:
 
     std::mutex m_mutex;
     std::condition_variable m_cv;
+    std::condition_variable m_room;
     std::deque<task_t*> m_queue;
+    size_t m_bound;
+    bool m_writer_waiting = false;
     bool m_stop = false;
     std::thread m_thread;
 };
 
-void throughput_condvar(benchmark::State& state) {
+void throughput_mailbox(benchmark::State& state, size_t bound, const char* name) {
     latch_t done;
     counter_t counter(&done);
-    mailbox_t worker;
+    mailbox_t worker(bound);
+    const bool library = state.range(1) == ALLOC_LIBRARY;
+    util_bench::usage_meter_t usage;
+    int64_t batches = 0;
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
         bench_clock::time_point start = bench_clock::now();
         for (int i = 0; i < THROUGHPUT_BATCH; ++i)
-            worker.post(new count_task_t(&counter));
+            worker.post(library ? new library_count_task_t(&counter) : new count_task_t(&counter));
         if (!done.wait()) {
-            fail_run(state, "loop_to_loop_throughput/condvar", "no progress for 10 s");
+            fail_run(state, name, "no progress for 10 s");
             continue;
         }
         state.SetIterationTime(seconds_between(start, counter.m_end));
+        ++batches;
     }
     state.SetItemsProcessed(state.iterations());
+    usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
+}
+
+void throughput_condvar(benchmark::State& state) { throughput_mailbox(state, 0, "loop_to_loop_throughput/condvar"); }
+
+void throughput_condvar_bounded(benchmark::State& state) {
+    throughput_mailbox(state, static_cast<size_t>(state.range(0)), "loop_to_loop_throughput/condvar_bounded");
 }
 
 struct condvar_ping_pong_t {
@@ -724,10 +889,19 @@ struct condvar_ping_pong_t {
 };
 
 void ping_pong_condvar(benchmark::State& state) {
+    const int placement = static_cast<int>(state.range(0));
+    if (!util_bench::placement_possible(state, placement))
+        return;
     latch_t done;
     rounds_t rounds(&done);
     condvar_ping_pong_t pp;
     pp.rounds = &rounds;
+    if (!place_pair(placement,
+                    [&pp](int side, std::function<void()> f) { (side ? pp.b : pp.a).post(make_task(std::move(f))); })) {
+        fail_run(state, "ping_pong/condvar", "the threads were not pinned within 10 s");
+        return;
+    }
+    util_bench::usage_meter_t usage;
     while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
         done.arm();
         rounds.arm(ROUND_TRIP_BATCH);
@@ -741,6 +915,7 @@ void ping_pong_condvar(benchmark::State& state) {
         }
         state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
     }
+    usage.report(state, static_cast<double>(state.iterations()));
     add_percentiles(state, rounds.m_samples);
 }
 
@@ -793,16 +968,76 @@ void send_round_trip_condvar(benchmark::State& state) {
     add_percentiles(state, rounds.m_samples);
 }
 
-#define THROUGHPUT_ARGS \
-  ->ArgName("capacity")->Arg(1024)->Arg(16384)->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)->UseManualTime()
+// ---- raw futex pair ---------------------------------------------------------------------
+
+// Two threads and nothing else: A wakes B, B wakes A, each sleeping on its
+// own futex word in between. The floor for a sleeping round trip.
+void ping_pong_futex(benchmark::State& state) {
+    const int placement = static_cast<int>(state.range(0));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    latch_t done;
+    rounds_t rounds(&done);
+    util_bench::futex_flag_t start, to_a, to_b;
+    std::atomic<bool> stop{false};
+    std::thread b([&] {
+        util_bench::place_thread(placement, 1);
+        for (;;) {
+            to_b.wait();
+            if (stop.load(std::memory_order_acquire))
+                return;
+            to_a.wake();
+        }
+    });
+    std::thread a([&] {
+        util_bench::place_thread(placement, 0);
+        for (;;) {
+            start.wait();
+            if (stop.load(std::memory_order_acquire))
+                return;
+            rounds.begin();
+            do {
+                to_b.wake();
+                to_a.wait();
+            } while (rounds.lap());
+        }
+    });
+    util_bench::usage_meter_t usage;
+    while (state.KeepRunningBatch(ROUND_TRIP_BATCH)) {
+        done.arm();
+        rounds.arm(ROUND_TRIP_BATCH);
+        start.wake();
+        if (!done.wait()) {
+            fail_run(state, "ping_pong/raw_futex_pair", "no progress for 10 s");
+            break;
+        }
+        state.SetIterationTime(seconds_between(rounds.m_start, rounds.m_end));
+    }
+    usage.report(state, static_cast<double>(state.iterations()));
+    stop.store(true, std::memory_order_release);
+    start.wake();
+    to_b.wake();
+    a.join();
+    b.join();
+    add_percentiles(state, rounds.m_samples);
+}
+
+#define THROUGHPUT_ARGS                                              \
+  ->ArgNames({"capacity", "alloc"})                                  \
+      ->ArgsProduct({{1024, 16384}, {ALLOC_LIBRARY, ALLOC_NATURAL}}) \
+      ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)             \
+      ->UseManualTime()
 BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
 BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
 BENCHMARK(throughput_condvar)->Name("loop_to_loop_throughput/condvar") THROUGHPUT_ARGS;
+BENCHMARK(throughput_condvar_bounded)->Name("loop_to_loop_throughput/condvar_bounded") THROUGHPUT_ARGS;
 
 #define ROUND_TRIP_ARGS ->Iterations(ROUND_TRIP_BATCHES* ROUND_TRIP_BATCH)->UseManualTime()
-BENCHMARK(ping_pong_ours)->Name("ping_pong/ours") ROUND_TRIP_ARGS;
-BENCHMARK(ping_pong_asio)->Name("ping_pong/asio") ROUND_TRIP_ARGS;
-BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar") ROUND_TRIP_ARGS;
+#define PLACED_ROUND_TRIP_ARGS ->ArgName("place")->Arg(1)->Arg(2)->Arg(0) ROUND_TRIP_ARGS
+BENCHMARK(ping_pong_ours)->Name("ping_pong/ours") PLACED_ROUND_TRIP_ARGS;
+BENCHMARK(ping_pong_asio)->Name("ping_pong/asio") PLACED_ROUND_TRIP_ARGS;
+BENCHMARK(ping_pong_condvar)->Name("ping_pong/condvar") PLACED_ROUND_TRIP_ARGS;
+BENCHMARK(ping_pong_futex)->Name("ping_pong/raw_futex_pair") PLACED_ROUND_TRIP_ARGS;
 
 BENCHMARK(send_round_trip_ours)->Name("send_round_trip/ours") ROUND_TRIP_ARGS;
 BENCHMARK(send_round_trip_condvar)->Name("send_round_trip/condvar") ROUND_TRIP_ARGS;
