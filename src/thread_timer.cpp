@@ -55,6 +55,22 @@ uint32_t elapsed_on(std::atomic<uint32_t>& stamp, uint32_t now) {
     return elapsed;
 }
 
+// Advances `wheel` by up to `ticks`, straight to each slot that holds a
+// timer (the slots in between are empty, so the longer steps skip
+// nothing); stops early when the thread lets go of its wheel or after
+// MAX_SKIP_STEPS steps. The ticks advanced.
+uint32_t advance_over_empty_slots(timer_queue_t* wheel, uint32_t ticks, const timer_drive_t& t) {
+    uint32_t done = 0;
+    for (unsigned int n = 0; done < ticks && n < MAX_SKIP_STEPS && t.has_wheel.load(std::memory_order_relaxed); ++n) {
+        uint32_t step = wheel->ticks_to_next();
+        const uint32_t left = ticks - done;
+        step = step == 0 ? 1 : (step < left ? step : left);
+        wheel->do_timer(step);
+        done += step;
+    }
+    return done;
+}
+
 }  // namespace
 
 // The tick the driver sends to a thread whose wheel is due. From the
@@ -309,15 +325,9 @@ int thread_wrapper_t::process_timer() {
     } else if (timer_drv_t::low_power()) {
         // Straight to each slot that holds a timer: the slots in between
         // are empty, so larger steps skip nothing.
-        uint32_t lag = elapsed_on(t.last_drive, now) / TICK_MS;
-        for (unsigned int n = 0; lag > 0 && n < MAX_SKIP_STEPS && t.has_wheel.load(std::memory_order_relaxed); ++n) {
-            uint32_t step = wheel->ticks_to_next();
-            step = step == 0 ? 1 : (step < lag ? step : lag);
-            wheel->do_timer(step);
-            t.last_drive.store(t.last_drive.load(std::memory_order_relaxed) + step * TICK_MS,
-                               std::memory_order_relaxed);
-            lag -= step;
-        }
+        const uint32_t lag = elapsed_on(t.last_drive, now) / TICK_MS;
+        const uint32_t done = advance_over_empty_slots(wheel, lag, t);
+        t.last_drive.store(t.last_drive.load(std::memory_order_relaxed) + done * TICK_MS, std::memory_order_relaxed);
         if (wheel->has_immediately_timer())
             wheel->do_timer(0);
     } else {
@@ -355,12 +365,14 @@ int thread_wrapper_t::process_timer() {
         }
         // Finish the lap of level 0 when behind by more than its rest, so
         // the higher levels cascade; the next drive subtracts the advance.
+        // The lap is walked slot by slot where timers wait: one long step
+        // would pass over them and hold them back a whole lap.
         const uint32_t d0 = wheel->position().digit(0);
         const uint32_t rest = d0 ? LAP_TICKS - d0 : 0;
         if (elapsed < rest * TICK_MS || (elapsed == 0 && rest == 0)) {
             wheel->do_timer(0);
         } else {
-            wheel->do_timer(rest);
+            advance_over_empty_slots(wheel, rest, t);
             t.lap_remainder = rest * TICK_MS;
         }
     }

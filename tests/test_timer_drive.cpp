@@ -308,6 +308,24 @@ TEST_F(TimerDrive, AThreadFiveSecondsLateRunsFortyNineStepsAndSkipsTheRest) {
     EXPECT_EQ(1u, m_log.count("thread_wrapper_t::process_timer should wake up from sleep, hurry up"));
 }
 
+TEST_F(TimerDrive, ACatchUpThatFinishesTheLapFiresWhatTheLapHolds) {
+    thread_wrapper_t* thr = spawn("behind");
+    counting_sink_t sink;
+    run_on(thr, [&] {
+        timer_queue_t* wheel = thr->get_timer_queue();
+        // From a lap start, a timer in level-0 slot 55.
+        wheel->do_timer(64 - wheel->position().digit(0));
+        timer_elem_t t(1);
+        ASSERT_EQ(RESULT_SUCCESS, t.add_timer(&sink, 550, 1, true));
+        // 900 ms behind: 49 steps reach slot 49, and what is left is more
+        // than the rest of the lap, which is then finished at once.
+        shift_timer_stamp(thr, 900);
+        EXPECT_EQ(RESULT_SUCCESS, thr->process_timer());
+        EXPECT_EQ(0u, wheel->position().digit(0)) << "the lap was finished";
+        EXPECT_EQ(1, sink.fired.load()) << "slot 55 lies in the finished lap";
+    });
+}
+
 TEST_F(TimerDrive, AThreadThatStopsAnsweringIsReportedAtMostOnceASecond) {
     thread_wrapper_t* thr = spawn("hung");
     held_loop_t held(thr);
