@@ -43,8 +43,13 @@ private:
 // may write it, bound or not).
 inline void run_on(ssb::thread_wrapper_t* thr, std::function<void()> fn) {
     const int limit_ms = static_cast<int>(std::chrono::milliseconds(WAIT_LIMIT).count());
-    ASSERT_EQ(ssb::RESULT_SUCCESS, thr->send_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr, limit_ms))
-        << "the loop " << thr->name() << " did not run a message within " << limit_ms << " ms";
+    ssb::msg_it* msg = new fn_msg_t(std::move(fn));
+    const int rv = thr->send_ctrl_msg(msg, nullptr, limit_ms);
+    // Refused outright, the message is still ours; timed out, the queue has it.
+    if (rv != ssb::RESULT_SUCCESS && rv != ssb::RESULT_BUSY)
+        msg->release();
+    ASSERT_EQ(ssb::RESULT_SUCCESS, rv) << "the loop " << thr->name() << " did not run a message within " << limit_ms
+                                       << " ms";
 }
 
 // The library started with a fresh thread manager (the test's thread is
