@@ -45,8 +45,9 @@ inline void run_on(ssb::thread_wrapper_t* thr, std::function<void()> fn) {
     const int limit_ms = static_cast<int>(std::chrono::milliseconds(WAIT_LIMIT).count());
     ssb::msg_it* msg = new fn_msg_t(std::move(fn));
     const int rv = thr->send_ctrl_msg(msg, nullptr, limit_ms);
-    // Refused outright, the message is still ours; timed out, the queue has it.
-    if (rv != ssb::RESULT_SUCCESS && rv != ssb::RESULT_BUSY)
+    // Refused outright, the message is still ours; timed out or dropped
+    // unrun (9), the queue had it.
+    if (rv != ssb::RESULT_SUCCESS && rv != ssb::RESULT_BUSY && rv != ssb::RESULT_NOTHING_TO_DO)
         msg->release();
     ASSERT_EQ(ssb::RESULT_SUCCESS, rv) << "the loop " << thr->name() << " did not run a message within " << limit_ms
                                        << " ms";
