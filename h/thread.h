@@ -41,6 +41,8 @@ namespace ssb {
 
 class notifier_it;
 class thread_mgr_t;
+template <class T>
+class ref_holder_t;
 
 // m_status values.
 const unsigned int THREAD_RUNNING = 0;
@@ -242,6 +244,11 @@ private:
     // Binds or unbinds `end`'s side, on `end`'s thread.
     static int bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);
     static int unbind_end(thread_wrapper_t* end, thread_wrapper_t* peer, bool wait);
+    // The queues of `end`'s channel to `peer`, crossed as `peer`'s side
+    // would use them (its write queue as a read queue and back); false
+    // when `end` has no such channel.
+    static bool crossed_queues(thread_wrapper_t* end, thread_wrapper_t* peer, ref_holder_t<r_msg_queue_it>& r,
+                               ref_holder_t<w_msg_queue_it>& w);
 
     unsigned int m_mode;
     unsigned int m_type;

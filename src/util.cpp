@@ -186,6 +186,15 @@ int main_heartbeat() {
     }
     ssb::ref_holder_t<ssb::thread_wrapper_t> main_thr = ssb::ref_holder_t<ssb::thread_wrapper_t>::adopt(cached_main());
     if (!main_thr || main_thr->is_stopped()) {
+        // Under the manager's class lock, which its destruction takes before
+        // it deletes it: a last util_uninit on another thread cannot free
+        // the manager under this lookup.
+        ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(ssb::thread_mgr_t::class_lock());
+        mgr = ssb::thread_mgr_t::peek();
+        if (!mgr) {
+            UTIL_ASSERT_LINE(SOURCE_PATH, 211, "");
+            return ssb::RESULT_NOTHING_TO_DO;
+        }
         ssb::thread_wrapper_t* found = mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
         ssb::thread_wrapper_t* mine = mgr->current();
         if (found != mine) {
