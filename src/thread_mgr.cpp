@@ -41,7 +41,12 @@ public:
     }
 };
 
-registry_t s_registry;
+// Never destroyed: a loop that a shut-down left to end by itself may still
+// detach through it while the process exits.
+registry_t& registry() {
+    static registry_t* s_registry = new registry_t;
+    return *s_registry;
+}
 
 typedef ref_holder_t<thread_wrapper_t> thread_ref_t;
 
@@ -101,7 +106,7 @@ int thread_mgr_t::reset() {
 thread_mgr_t::thread_mgr_t() : m_lists(new lists_t) {
     UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << log_ptr(this));
     identity::open();
-    install_thread_registry(&s_registry);
+    install_thread_registry(&registry());
     if (!spawn(THREAD_MODE_MAIN | THREAD_MODE_WRAP, MAIN_QUEUE_SIZE, THREAD_TYPE_MAIN, true, nullptr, 0xFFFFFFFFu) ||
         !spawn(THREAD_MODE_TIMER_DRIVER | THREAD_MODE_EVENT, TIMER_QUEUE_SIZE, THREAD_TYPE_TIMER, false,
                reinterpret_cast<const signed char*>("orca.timer.do"), 0xFFFFFFFFu))
