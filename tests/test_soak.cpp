@@ -318,6 +318,7 @@ protected:
         m_seed = soak_seed();
         m_rng.seed(m_seed);
         printf("soak seed %u, scale %.3g (UTIL_SOAK_SEED / UTIL_SOAK_SCALE)\n", m_seed, soak_scale());
+        util_test::warm_up_library();
         m_threads_at_start = plat::os_thread_count();
         m_handles_at_start = plat::open_handle_count();
     }

@@ -221,6 +221,7 @@ namespace {
 class ShutDown : public ::testing::Test {
 protected:
     void SetUp() override {
+        util_test::warm_up_library();
         m_threads = ssb::plat::os_thread_count();
         m_handles = ssb::plat::open_handle_count();
     }
