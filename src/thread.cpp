@@ -297,6 +297,10 @@ int thread_wrapper_t::stop_within(unsigned int timeout_ms) {
     for (;;) {
         if (is_stopped())
             return RESULT_SUCCESS;
+        // A stop in flight that was refused put the loop back to running.
+        expected = THREAD_RUNNING;
+        if (m_status.compare_exchange_strong(expected, THREAD_STOPPING, std::memory_order_acq_rel))
+            post_stop();
         // A wrapped loop whose thread is not inside a pass is taken over:
         // that thread may never pump again (a host that stopped calling
         // main_heartbeat), and it will not start a pass once this holds it.

@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
@@ -436,6 +437,16 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
     m_main = add_node(m_mgr->find_by_type(THREAD_TYPE_MAIN));
 
     std::atomic<bool> outside_on(true), driver_done(false), uninit_done(false);
+    // The outside threads post one batch per driver round, so that they
+    // never crowd out the loops (Wine's yield hardly yields).
+    std::mutex round_lock;
+    std::condition_variable round_changed;
+    int round_no = 0;
+    auto next_round = [&] {
+        std::lock_guard<std::mutex> guard(round_lock);
+        ++round_no;
+        round_changed.notify_all();
+    };
     const auto start = std::chrono::steady_clock::now();
     long long ran_in_traffic = 0;
 
@@ -447,7 +458,13 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
             std::mt19937 rng(m_seed ^ (0x9e3779b9u * static_cast<unsigned int>(p + 1)));
             std::unordered_map<int, long long> next;
             const int stream = OUTSIDE_STREAM_BASE + p;
+            int round_seen = -1;
             while (outside_on.load()) {
+                {
+                    std::unique_lock<std::mutex> guard(round_lock);
+                    round_changed.wait(guard, [&] { return round_no != round_seen || !outside_on.load(); });
+                    round_seen = round_no;
+                }
                 std::vector<node_t*> nodes = live();
                 if (nodes.empty())
                     break;
@@ -486,6 +503,7 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
                 if (m_rng() % 2 || j == i + 1)
                     connect(nodes[i], nodes[j]);
         for (int r = 0; r < rounds && !::testing::Test::HasFatalFailure(); ++r) {
+            next_round();
             kick_all(true);
             if (r % churn_every == churn_every - 1) {
                 if (node_t* victim = random_worker())
@@ -503,7 +521,11 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
                 }
             }
         }
-        outside_on = false;
+        {
+            std::lock_guard<std::mutex> guard(round_lock);
+            outside_on = false;
+            round_changed.notify_all();
+        }
         driver_done = true;
     });
 
