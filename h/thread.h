@@ -42,6 +42,8 @@ namespace ssb {
 
 class notifier_it;
 class thread_mgr_t;
+template <class T>
+class ref_holder_t;
 
 // m_status values.
 const unsigned int THREAD_RUNNING = 0;
@@ -236,6 +238,14 @@ public:
     // of another caller). 0, 9 when not running.
     int request_stop();
 
+    // [any thread] The stop of a shut-down, bounded whatever the loop is
+    // doing: waits at most `timeout_ms` for the loop to run it. A wrapped
+    // loop whose thread is outside thread_run (and so may never pump again)
+    // is stopped here, on the caller's thread. 0 stopped; 16 not within the
+    // time (the stop stays requested: the loop runs it when it comes back);
+    // 0 as well when it had stopped already.
+    int stop_within(unsigned int timeout_ms);
+
 protected:
     ~thread_wrapper_t() override;
 
@@ -279,6 +289,11 @@ private:
     w_msg_queue_it* route_to(thread_wrapper_t* target, const char* name);
     // The stop that cannot fail: a flag the next pass reads, and a wake-up.
     void request_stop_by_flag();
+    // Sends the stop message without waiting, or raises the flag.
+    void post_stop();
+    // stop_i for a wrapped loop taken over by another thread: its thread
+    // runs no pass any more, so the caller releases what the loop held.
+    void stop_taken_over();
     // Runs the sink wake-ups held by hold_sink_wakeup. Loop thread.
     void run_held_wakeups();
     // Runs or drops one popped message; the load it counts.
@@ -287,6 +302,11 @@ private:
     // Binds or unbinds `end`'s side, on `end`'s thread.
     static int bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);
     static int unbind_end(thread_wrapper_t* end, thread_wrapper_t* peer, bool wait);
+    // The queues of `end`'s channel to `peer`, crossed as `peer`'s side
+    // would use them (its write queue as a read queue and back); false
+    // when `end` has no such channel.
+    static bool crossed_queues(thread_wrapper_t* end, thread_wrapper_t* peer, ref_holder_t<r_msg_queue_it>& r,
+                               ref_holder_t<w_msg_queue_it>& w);
 
     unsigned int m_mode;
     unsigned int m_type;

@@ -69,6 +69,15 @@ public:
     thread_base_t(const thread_base_t&) = delete;
     thread_base_t& operator=(const thread_base_t&) = delete;
 
+protected:
+    // Waits at most `timeout_ms` for the thread to end, and nothing else
+    // (join_np cancels on time-out): 0 ended or none, 16 still running, 12
+    // on the thread itself.
+    int wait_end(unsigned int timeout_ms);
+    // Forgets the thread without waiting, from any thread including its
+    // own: it runs on, and its resources go when it ends.
+    void let_go();
+
 private:
     // Forgets the held thread; the handle has been released.
     void clear_thread();

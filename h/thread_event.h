@@ -33,6 +33,17 @@ public:
     // Null until the thread has built it.
     io_repo_t* repo() const { return m_repo.load(std::memory_order_acquire); }
 
+    // [the holder of a reference] Waits at most `timeout_ms` for the OS
+    // thread to end: 0 ended (or never started), 16 not yet, 12 on the
+    // thread itself.
+    int wait_ended(unsigned int timeout_ms) { return wait_end(timeout_ms); }
+    // [the holder of a reference] For a thread nobody can join (the caller
+    // is that thread, or its loop did not stop in time): hands the caller's
+    // reference to the thread, which lets go of its OS thread and drops the
+    // reference as the last thing it does. False when the thread has ended
+    // already: then the caller keeps its reference and joins as usual.
+    bool hand_over_to_thread();
+
 protected:
     thread_loop_base_t(const char* name, unsigned int mode, unsigned int type, unsigned int queue_size,
                        thread_mgr_t* thr_manager, unsigned int waits, bool interact_timer, const signed char* thr_name);
@@ -55,6 +66,8 @@ private:
     int on_process() override;
 
     const char* m_class_name;
+    // Who releases the thread at its end: EXIT_* values in thread_event.cpp.
+    std::atomic<int> m_exit_owner;
 };
 
 // Waits with an event demultiplexer (events_t); the timer driver thread

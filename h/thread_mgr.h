@@ -94,11 +94,18 @@ private:
     // Binds `thr` with the timer driver, or a new timer driver with every
     // thread whose loop can answer.
     void bind_timer(thread_wrapper_t* thr);
-    // Stops one listed wrapper and takes it off the list; `final` when
-    // the manager goes.
-    void stop_and_release(thread_wrapper_t* thr, bool final);
-    // Releases the stopped threads whose OS thread has ended.
+    // Stops one listed wrapper and takes it off the list.
+    void stop_and_release(thread_wrapper_t* thr);
+    // Releases the stopped threads whose OS thread has ended; `all` when
+    // the manager goes: every one, each stopped within a bound.
     void reap(bool all);
+    // The manager goes: takes `thr` off the list and finishes it.
+    void release_final(thread_wrapper_t* thr);
+    // Stops `thr` within a bound whatever it is doing and drops the
+    // manager's reference, which the caller hands over: joins its OS
+    // thread, or, when nobody can (the caller's own thread, or a loop that
+    // did not stop in time), logs it and leaves the thread to free itself.
+    void finish(thread_wrapper_t* thr);
 
     // The registered threads and the stopped ones waiting for their OS
     // thread to end, each holding a reference; guarded by the class lock.

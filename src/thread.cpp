@@ -5,6 +5,8 @@
 // thread_timer.cpp.
 #include "thread.h"
 
+#include <chrono>
+
 #include "notifier.h"
 #include "platform/platform.h"
 #include "thread_identity.h"
@@ -160,10 +162,25 @@ void thread_wrapper_t::thread_run(void*) {
     // The host may drop its last reference from inside a message (a
     // wrapped thread stopping itself): keep this object for the pass.
     ref_holder_t<thread_wrapper_t> keep(this);
+    parts_t& parts = *m_parts;
+    if (parts.pass_depth == 0) {
+        // A loop taken over by a stop from outside never runs again.
+        unsigned int free_state = PASS_FREE;
+        if (!parts.pass_owner.compare_exchange_strong(free_state, PASS_RUNNING, std::memory_order_acq_rel))
+            return;
+    }
+    ++parts.pass_depth;
     // A poll, never a sleep: a wrapped thread blocks in its own loop (the
     // host's window loop for the main thread).
     wait(0);
     run_pass();
+    if (--parts.pass_depth != 0)
+        return;
+    // A stop from outside that could not take the loop over waits for this
+    // pass to run it; the host may never pump again, so it runs now.
+    if (is_stopping())
+        process_msg(0);
+    parts.pass_owner.store(PASS_FREE, std::memory_order_release);
 }
 
 unsigned int thread_wrapper_t::run_msg(msg_it* popped, bool control) {
@@ -257,10 +274,78 @@ int thread_wrapper_t::request_stop() {
         return RESULT_NOTHING_TO_DO;
     if (on_own_thread())
         return stop_i(this);
+    post_stop();
+    return RESULT_SUCCESS;
+}
+
+void thread_wrapper_t::post_stop() {
+    // No sender to name: whoever waits drops its own end afterwards, and a
+    // sender that gave up waiting may be gone when the stop runs.
     msg_holder_t msg(new stop_thread_msg_t(nullptr, this));
     if (msg.handed_over(m_parts->ctrl_queue->post_msg(msg.get(), nullptr)) != RESULT_SUCCESS)
         request_stop_by_flag();
-    return RESULT_SUCCESS;
+}
+
+int thread_wrapper_t::stop_within(unsigned int timeout_ms) {
+    // On its own thread (a shut-down from inside one of its messages) the
+    // loop stops at once, whoever asked for the stop before.
+    if (on_own_thread())
+        return is_stopped() ? RESULT_SUCCESS : stop_i(this);
+    unsigned int expected = THREAD_RUNNING;
+    // Not running: stopped, or another stop is in flight and is waited for.
+    if (m_status.compare_exchange_strong(expected, THREAD_STOPPING, std::memory_order_acq_rel))
+        post_stop();
+    const bool wrapped = (m_mode & THREAD_MODE_WRAP) != 0;
+    const std::chrono::steady_clock::time_point start = std::chrono::steady_clock::now();
+    for (;;) {
+        if (is_stopped())
+            return RESULT_SUCCESS;
+        // A stop in flight that was refused put the loop back to running.
+        expected = THREAD_RUNNING;
+        if (m_status.compare_exchange_strong(expected, THREAD_STOPPING, std::memory_order_acq_rel))
+            post_stop();
+        // A wrapped loop whose thread is not inside a pass is taken over:
+        // that thread may never pump again (a host that stopped calling
+        // main_heartbeat), and it will not start a pass once this holds it.
+        unsigned int free_state = PASS_FREE;
+        if (wrapped && m_parts->pass_owner.compare_exchange_strong(free_state, PASS_TAKEN, std::memory_order_acq_rel)) {
+            if (!is_stopped())
+                stop_taken_over();
+            return RESULT_SUCCESS;
+        }
+        const long long waited =
+            std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start).count();
+        if (waited >= static_cast<long long>(timeout_ms))
+            return RESULT_BUSY;
+        // A wrapped loop signals nothing when its pass ends: look again
+        // soon.
+        const long long left = static_cast<long long>(timeout_ms) - waited;
+        m_parts->stopped.wait(static_cast<int>(wrapped && left > 10 ? 10 : left));
+    }
+}
+
+void thread_wrapper_t::stop_taken_over() {
+    m_status.store(THREAD_STOPPED, std::memory_order_release);
+    UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i taken over from outside, sef_id = "
+                           << get_id() << ", current tid = " << get_cur_tid() << ", this = " << log_ptr(this));
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_lock);
+        channel_map_t& channels = m_parts->channels;
+        while (!channels.empty()) {
+            ref_holder_t<thread_wrapper_t> peer(channels.last_peer());
+            bool had_pending = false;
+            channels.detach(peer.get(), had_pending);
+            if (peer->is_running())
+                unbind_end(peer.get(), this, false);
+        }
+    }
+    drain_all();
+    m_parts->stopped.signal();
+    // The thread's slot still names this loop; the manager's next
+    // generation makes it stale, and nothing reads it before.
+    thread_registry_it* registry = thread_registry();
+    if (!registry || registry->detach(this) == RESULT_NOTHING_TO_DO)
+        UTIL_LOG(LOG_INFO, "thread_wrapper_t::stop_i could not get thread manager instance, this = " << log_ptr(this));
 }
 
 int thread_wrapper_t::stop() {

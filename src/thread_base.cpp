@@ -213,6 +213,24 @@ int thread_base_t::detach() {
     return RESULT_REFUSED;
 }
 
+int thread_base_t::wait_end(unsigned int timeout_ms) {
+    const unsigned int id = m_id.load(std::memory_order_relaxed);
+    if (id == 0)
+        return RESULT_SUCCESS;
+    if (id == get_cur_tid())
+        return RESULT_REFUSED;
+    const plat::wait_status_t ws = plat::thread_wait(m_handle.load(std::memory_order_relaxed), timeout_ms);
+    return ws == plat::WAIT_TIMED_OUT ? RESULT_BUSY : RESULT_SUCCESS;
+}
+
+void thread_base_t::let_go() {
+    const uintptr_t h = m_handle.load(std::memory_order_relaxed);
+    if (h == plat::INVALID_THREAD_HANDLE)
+        return;
+    plat::thread_detach(h);
+    clear_thread();
+}
+
 void thread_base_t::yield() { plat::yield_thread(); }
 
 unsigned int thread_base_t::get_cur_tid() { return plat::current_thread_id(); }

@@ -177,12 +177,49 @@ int thread_wrapper_t::create_channel(thread_wrapper_t* bind_thr, unsigned int re
     ref_holder_t<o2o_msg_queue_t> w(
         new o2o_msg_queue_t(bind_thr->m_notifier, this, write_capacity, MSG_QUEUE_SIGNAL_WHEN_EMPTY));
     int rv = bind_end(bind_thr, this, w.get(), r.get());
+    ref_holder_t<r_msg_queue_it> own_r(r.get());
+    ref_holder_t<w_msg_queue_it> own_w(w.get());
+    // The peer's end is bound already (a half left by a release or a
+    // refused bind): this end joins its queues, or each side would write
+    // where nobody reads.
+    if (rv == RESULT_ALREADY_EXISTS)
+        crossed_queues(bind_thr, this, own_r, own_w);
     if (rv == RESULT_SUCCESS || rv == RESULT_ALREADY_EXISTS) {
-        const int own = bind_end(this, bind_thr, r.get(), w.get());
+        int own = bind_end(this, bind_thr, own_r.get(), own_w.get());
+        if (own == RESULT_ALREADY_EXISTS && rv == RESULT_SUCCESS) {
+            // This end was the half: the peer's fresh end is swapped for
+            // one over this end's queues.
+            ref_holder_t<r_msg_queue_it> peer_r;
+            ref_holder_t<w_msg_queue_it> peer_w;
+            if (crossed_queues(this, bind_thr, peer_r, peer_w) && unbind_end(bind_thr, this, true) == RESULT_SUCCESS) {
+                own = bind_end(bind_thr, this, peer_r.get(), peer_w.get());
+                if (own == RESULT_SUCCESS)
+                    own = RESULT_ALREADY_EXISTS;
+            }
+        } else if (own != RESULT_SUCCESS && own != RESULT_ALREADY_EXISTS && rv == RESULT_SUCCESS &&
+                   unbind_end(bind_thr, this, true) != RESULT_SUCCESS) {
+            // This end refused (a full control queue, a stop): the peer's
+            // end bound just now goes too, so a retry finds neither bound.
+            UTIL_LOG(LOG_WARNING, "thread_wrapper_t::create_channel() could not unbind the peer's end, bind_thr = "
+                                      << log_ptr(bind_thr) << ", this = " << log_ptr(this));
+        }
         if (own != RESULT_SUCCESS)
             rv = own;
     }
     return rv;
+}
+
+bool thread_wrapper_t::crossed_queues(thread_wrapper_t* end, thread_wrapper_t* peer, ref_holder_t<r_msg_queue_it>& r,
+                                      ref_holder_t<w_msg_queue_it>& w) {
+    auto_lock_t<thread_mutex_recursive> guard(end->m_lock);
+    channel_map_t::channel_t* c = end->m_parts->channels.find(peer);
+    r_msg_queue_it* read = c ? dynamic_cast<r_msg_queue_it*>(c->write.get()) : nullptr;
+    w_msg_queue_it* write = c ? dynamic_cast<w_msg_queue_it*>(c->read.get()) : nullptr;
+    if (!read || !write)
+        return false;
+    r = ref_holder_t<r_msg_queue_it>(read);
+    w = ref_holder_t<w_msg_queue_it>(write);
+    return true;
 }
 
 int thread_wrapper_t::release_channel(thread_wrapper_t* bind_thr) {

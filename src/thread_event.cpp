@@ -12,6 +12,12 @@ const char EVENT_SOURCE_PATH[] = "thread_event";
 const char THREAD_SOURCE_PATH[] = "thread";
 const unsigned int SELECT_CAPACITY = 1024;
 
+// m_exit_owner: the holder joins and releases; the thread releases itself;
+// the thread has ended its routine (the holder joins).
+const int EXIT_JOINED = 0;
+const int EXIT_SELF = 1;
+const int EXIT_ENDED = 2;
+
 }  // namespace
 
 // ---- thread_loop_base_t ------------------------------------------------------------------
@@ -23,7 +29,8 @@ thread_loop_base_t::thread_loop_base_t(const char* name, unsigned int mode, unsi
       thread_wrapper_t(mode, type, queue_size, thr_manager, waits, interact_timer, thr_name),
       m_running(false),
       m_repo(nullptr),
-      m_class_name(name) {}
+      m_class_name(name),
+      m_exit_owner(EXIT_JOINED) {}
 
 thread_loop_base_t::~thread_loop_base_t() {
     // The OS thread goes before the loop's state it may still touch.
@@ -53,7 +60,22 @@ void thread_loop_base_t::routine(void* arg) {
     // A loop that never ran (or ended by itself) leaves no sender waiting.
     self->abandon();
     self->cleanup_tls();
+    int expected = EXIT_JOINED;
+    if (!self->m_exit_owner.compare_exchange_strong(expected, EXIT_ENDED, std::memory_order_acq_rel)) {
+        // Nobody joins this thread (a shut-down ran on it, or gave up
+        // waiting for it): it lets go of itself and drops the reference it
+        // was handed, and touches nothing of the library after that.
+        self->m_running.store(false, std::memory_order_release);
+        self->let_go();
+        self->decrement();
+        return;
+    }
     self->m_running.store(false, std::memory_order_release);
+}
+
+bool thread_loop_base_t::hand_over_to_thread() {
+    int expected = EXIT_JOINED;
+    return m_exit_owner.compare_exchange_strong(expected, EXIT_SELF, std::memory_order_acq_rel);
 }
 
 int thread_loop_base_t::on_process() {

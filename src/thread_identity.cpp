@@ -1,8 +1,11 @@
 #include "thread_identity.h"
 
+#include <stdint.h>
+
 #include <atomic>
 #include <vector>
 
+#include "alloc.h"
 #include "lock.h"
 #include "thread.h"
 #include "tls.h"
@@ -13,10 +16,22 @@ namespace ssb {
 namespace {
 
 const char SOURCE_PATH[] = "thread";
-const unsigned int NO_KEY = 0xFFFFFFFFu;
 
-// Read by every thread without a lock; written by the manager's life.
-std::atomic<unsigned int> s_key(NO_KEY);
+// The slot is a plain thread-local tagged with the generation of the
+// manager that filled it. Each open starts a new generation and close ends
+// it, so a slot left behind by a thread the library no longer runs (a
+// wrapped thread whose loop was stopped from outside, its wrapper freed) is
+// ignored, never dereferenced; and it costs no heap table that a thread
+// gone from the library's view could leak.
+struct slot_t {
+    thread_wrapper_t* thr;
+    uint64_t generation;
+};
+thread_local slot_t t_slot = {nullptr, 0};
+
+// The open generation, 0 while closed; read by every thread without a lock.
+std::atomic<uint64_t> s_generation(0);
+std::atomic<uint64_t> s_last_generation(0);
 std::atomic<thread_registry_it*> s_registry(nullptr);
 
 // (waiter, waited) thread id pairs; a thread waits for one other at a time.
@@ -37,33 +52,24 @@ wait_graph_t& graph() {
 namespace identity {
 
 int open() {
-    unsigned int key = NO_KEY;
-    if (tls_allocate_key(key) != RESULT_SUCCESS)
-        return RESULT_REFUSED;
-    s_key.store(key, std::memory_order_release);
+    s_generation.store(s_last_generation.fetch_add(1, std::memory_order_relaxed) + 1, std::memory_order_release);
     return RESULT_SUCCESS;
 }
 
-void close() {
-    const unsigned int key = s_key.exchange(NO_KEY, std::memory_order_acq_rel);
-    if (key != NO_KEY)
-        tls_deallocate_key(key);
-}
+void close() { s_generation.store(0, std::memory_order_release); }
 
 int set(thread_wrapper_t* thr) {
-    const unsigned int key = s_key.load(std::memory_order_acquire);
-    if (key == NO_KEY)
+    const uint64_t generation = s_generation.load(std::memory_order_acquire);
+    if (generation == 0)
         return RESULT_REFUSED;
-    tls_setspecific_value(key, thr, nullptr);
+    t_slot.thr = thr;
+    t_slot.generation = generation;
     return RESULT_SUCCESS;
 }
 
 thread_wrapper_t* get() {
-    const unsigned int key = s_key.load(std::memory_order_acquire);
-    void* value = nullptr;
-    if (key == NO_KEY || tls_getspecific_value(key, value) != RESULT_SUCCESS)
-        return nullptr;
-    return static_cast<thread_wrapper_t*>(value);
+    const uint64_t generation = s_generation.load(std::memory_order_acquire);
+    return generation != 0 && t_slot.generation == generation ? t_slot.thr : nullptr;
 }
 
 }  // namespace identity
@@ -150,6 +156,10 @@ void thread_wrapper_t::cleanup_tls() {
         return;
     }
     identity::set(nullptr);
+    // The slot holds no table entry, so the allocator's cache is dropped
+    // here rather than by tls_cleanup.
+    if (ssb_allocator_t* allocator = ssb_allocator_t::peek())
+        allocator->release_tls();
     tls_cleanup();
 }
 

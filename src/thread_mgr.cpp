@@ -41,17 +41,14 @@ public:
     }
 };
 
-registry_t s_registry;
+// Never destroyed: a loop that a shut-down left to end by itself may still
+// detach through it while the process exits.
+registry_t& registry() {
+    static registry_t* s_registry = new registry_t;
+    return *s_registry;
+}
 
 typedef ref_holder_t<thread_wrapper_t> thread_ref_t;
-
-// Wrapped threads whose owners never ran their stop: they stay reachable
-// (their thread's slot may still name them), so their reference is kept
-// for the life of the process.
-void keep_forever(thread_ref_t thr) {
-    static std::vector<thread_ref_t>* s_orphans = new std::vector<thread_ref_t>;
-    s_orphans->push_back(std::move(thr));
-}
 
 // A list entry that is `thr`.
 struct same_t {
@@ -109,7 +106,7 @@ int thread_mgr_t::reset() {
 thread_mgr_t::thread_mgr_t() : m_lists(new lists_t) {
     UTIL_LOG(LOG_INFO, "thread_mgr_t ::thread_mgr_t() , this = " << log_ptr(this));
     identity::open();
-    install_thread_registry(&s_registry);
+    install_thread_registry(&registry());
     if (!spawn(THREAD_MODE_MAIN | THREAD_MODE_WRAP, MAIN_QUEUE_SIZE, THREAD_TYPE_MAIN, true, nullptr, 0xFFFFFFFFu) ||
         !spawn(THREAD_MODE_TIMER_DRIVER | THREAD_MODE_EVENT, TIMER_QUEUE_SIZE, THREAD_TYPE_TIMER, false,
                reinterpret_cast<const signed char*>("orca.timer.do"), 0xFFFFFFFFu))
@@ -132,7 +129,7 @@ thread_mgr_t::~thread_mgr_t() {
         }
         UTIL_LOG(LOG_INFO,
                  "thread_mgr_t::~thread_mgr_t() stop thr = " << log_ptr(thr.get()) << ", thread_queue.size = " << size);
-        stop_and_release(thr.get(), true);
+        release_final(thr.get());
     }
     reap(true);
     identity::close();
@@ -333,30 +330,72 @@ void thread_mgr_t::reap(bool all) {
             // An OS thread of ours never releases itself: its destructor
             // waits for the thread.
             const bool own = !(thr->get_mode() & THREAD_MODE_WRAP) && thr->get_id() == get_cur_tid();
-            if (!own && (all || thr->has_ended())) {
+            if (all || (!own && thr->has_ended())) {
                 done.push_back(std::move(stopped[i]));
                 stopped.erase(stopped.begin() + i);
             } else {
                 ++i;
             }
         }
-        if (all) {
-            for (thread_ref_t& thr : stopped)
-                keep_forever(std::move(thr));
-            stopped.clear();
+    }
+    if (!all)
+        return;
+    // Detached while still running, or still ending: stopped and joined
+    // within the shut-down's bound.
+    for (thread_ref_t& thr : done)
+        finish(thr.detach());
+}
+
+void thread_mgr_t::release_final(thread_wrapper_t* thr) {
+    thread_ref_t held;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        std::list<thread_ref_t>& threads = m_lists->threads;
+        std::list<thread_ref_t>::iterator it = std::find_if(threads.begin(), threads.end(), same_t{thr});
+        if (it == threads.end())
+            return;
+        held = std::move(*it);
+        threads.erase(it);
+    }
+    finish(held.detach());
+}
+
+void thread_mgr_t::finish(thread_wrapper_t* thr) {
+    thread_ref_t held = thread_ref_t::adopt(thr);
+    // Its stop may detach it onto the stopped list: that reference is the
+    // manager's too.
+    const int rv = thr->stop_within(STOP_JOIN_MS);
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        std::vector<thread_ref_t>& stopped = m_lists->stopped;
+        for (size_t i = 0; i < stopped.size(); ++i) {
+            if (stopped[i].get() == thr) {
+                stopped.erase(stopped.begin() + i);
+                break;
+            }
         }
     }
-    for (thread_ref_t& thr : done) {
-        // Detached while still running: stop it first, or its release
-        // would wait for a thread that never ends.
-        if (all && thr->is_running()) {
-            if (!loop_answers(thr.get())) {
-                thr->request_stop();
-                keep_forever(std::move(thr));
-                continue;
-            }
-            thr->stop();
-        }
+    if (rv != RESULT_SUCCESS)
+        UTIL_LOG(LOG_WARNING, "thread_mgr_t::~thread_mgr_t() abandons thr = "
+                                  << log_ptr(thr) << ", id = " << thr->get_id() << ", type = " << thr->get_type()
+                                  << ", name = " << thr->name() << ": its loop did not stop within " << STOP_JOIN_MS
+                                  << " ms; it stops when its message returns, this = " << log_ptr(this));
+    // A wrapped loop has no OS thread of ours; a pass under way holds its
+    // own reference.
+    if (thr->get_mode() & THREAD_MODE_WRAP)
+        return;
+    thread_loop_base_t* loop = static_cast<thread_loop_base_t*>(thr);
+    if (rv == RESULT_SUCCESS && loop->wait_ended(STOP_JOIN_MS) == RESULT_SUCCESS)
+        return;
+    // Its own thread (a shut-down from inside one of its messages), or one
+    // still busy: nobody can join it, so it frees itself as it ends.
+    if (loop->hand_over_to_thread()) {
+        if (rv == RESULT_SUCCESS && thr->get_id() != get_cur_tid())
+            UTIL_LOG(LOG_WARNING, "thread_mgr_t::~thread_mgr_t() abandons thr = "
+                                      << log_ptr(thr) << ", id = " << thr->get_id() << ", name = " << thr->name()
+                                      << ": its thread did not end within " << STOP_JOIN_MS
+                                      << " ms after its stop, this = " << log_ptr(this));
+        held.detach();
     }
 }
 
@@ -390,7 +429,7 @@ unsigned int thread_mgr_t::count() {
 
 // ---- stopping ------------------------------------------------------------------------
 
-void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
+void thread_mgr_t::stop_and_release(thread_wrapper_t* thr) {
     if (!loop_answers(thr)) {
         // Nobody may wait for another caller's loop: the stop runs at its
         // next pass.
@@ -413,10 +452,6 @@ void thread_mgr_t::stop_and_release(thread_wrapper_t* thr, bool final) {
             if (loop_answers(thr) || thr->is_stopped()) {
                 m_lists->stopped.push_back(std::move(*it));
                 threads.erase(it);
-            } else if (final) {
-                // The manager goes: the thread's slot may still name it.
-                keep_forever(std::move(*it));
-                threads.erase(it);
             }
         }
     }
@@ -432,7 +467,7 @@ int thread_mgr_t::stop_thread_by_id(unsigned int id) {
         if (!thr)
             return 0;
     }
-    stop_and_release(thr.get(), false);
+    stop_and_release(thr.get());
     return 1;
 }
 
@@ -447,7 +482,7 @@ int thread_mgr_t::stop_threads_by_type(unsigned int type) {
     for (const thread_ref_t& thr : found) {
         UTIL_LOG(LOG_INFO,
                  "thread_mgr_t::stop_threads_by_type stop thr = " << log_ptr(thr.get()) << ", type = " << type);
-        stop_and_release(thr.get(), false);
+        stop_and_release(thr.get());
     }
     return static_cast<int>(found.size());
 }

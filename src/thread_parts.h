@@ -125,7 +125,18 @@ struct thread_wrapper_t::parts_t {
     channel_map_t channels;
     parked_msg_t parked;
     timer_drive_t timer;
+    // Who runs a wrapped loop: its own thread inside thread_run, or a
+    // thread that stopped it from outside while it was not (after which its
+    // thread never runs a pass again). PASS_* values.
+    std::atomic<unsigned int> pass_owner{0};
+    // Nesting of thread_run on the loop's own thread (a message that pumps).
+    unsigned int pass_depth = 0;
 };
+
+// parts_t::pass_owner values.
+const unsigned int PASS_FREE = 0;
+const unsigned int PASS_RUNNING = 1;
+const unsigned int PASS_TAKEN = 2;
 
 }  // namespace ssb
 

@@ -10,6 +10,7 @@
 #include "memlog.h"
 #include "notifier.h"
 #include "platform/platform.h"
+#include "ref_holder.h"
 #include "singleton.h"
 #include "stream.h"
 #include "thread_base.h"
@@ -74,13 +75,42 @@ void start_memory_log(const char* description) {
 // a heartbeat; the last util_uninit drops it, and a cached loop that has
 // stopped is looked up again (after a restart the manager wraps the main
 // thread anew).
-std::atomic<ssb::thread_wrapper_t*> s_main_thr(nullptr);
+ssb::thread_wrapper_t* s_main_thr = nullptr;
+
+// Guards s_main_thr: a heartbeat takes its own reference under it, so a
+// last util_uninit on another thread never frees the loop between the
+// heartbeat's read and its pass.
+ssb::thread_mutex& main_cache_lock() {
+    static ssb::thread_mutex* s_lock = new ssb::thread_mutex;
+    return *s_lock;
+}
+
+// The cached main loop with a reference the caller drops, or null.
+ssb::thread_wrapper_t* cached_main() {
+    ssb::auto_lock_t<ssb::thread_mutex> guard(main_cache_lock());
+    if (s_main_thr)
+        s_main_thr->increment();
+    return s_main_thr;
+}
+
+// Caches `thr` (null to clear), dropping the loop cached before.
+void cache_main(ssb::thread_wrapper_t* thr) {
+    if (thr)
+        thr->increment();
+    ssb::thread_wrapper_t* old = nullptr;
+    {
+        ssb::auto_lock_t<ssb::thread_mutex> guard(main_cache_lock());
+        old = s_main_thr;
+        s_main_thr = thr;
+    }
+    if (old)
+        old->decrement();
+}
 
 void stop_services() {
     // Stops every thread while the rest still works for them.
     ssb::thread_mgr_t::destroy();
-    if (ssb::thread_wrapper_t* cached = s_main_thr.exchange(nullptr, std::memory_order_acq_rel))
-        cached->decrement();
+    cache_main(nullptr);
     // After the threads, whose caches went to the pool as they ended.
     ssb::ssb_allocator_t* allocator = ssb::ssb_allocator_t::instance();
     if (allocator)
@@ -154,9 +184,17 @@ int main_heartbeat() {
         UTIL_ASSERT_LINE(SOURCE_PATH, 211, "");
         return ssb::RESULT_NOTHING_TO_DO;
     }
-    // Only the main thread writes the cache; others merely read it.
-    ssb::thread_wrapper_t* main_thr = s_main_thr.load(std::memory_order_acquire);
+    ssb::ref_holder_t<ssb::thread_wrapper_t> main_thr = ssb::ref_holder_t<ssb::thread_wrapper_t>::adopt(cached_main());
     if (!main_thr || main_thr->is_stopped()) {
+        // Under the manager's class lock, which its destruction takes before
+        // it deletes it: a last util_uninit on another thread cannot free
+        // the manager under this lookup.
+        ssb::auto_lock_t<ssb::thread_mutex_recursive> guard(ssb::thread_mgr_t::class_lock());
+        mgr = ssb::thread_mgr_t::peek();
+        if (!mgr) {
+            UTIL_ASSERT_LINE(SOURCE_PATH, 211, "");
+            return ssb::RESULT_NOTHING_TO_DO;
+        }
         ssb::thread_wrapper_t* found = mgr->find_by_type(ssb::THREAD_TYPE_MAIN);
         ssb::thread_wrapper_t* mine = mgr->current();
         if (found != mine) {
@@ -168,11 +206,8 @@ int main_heartbeat() {
             UTIL_ASSERT_LINE(SOURCE_PATH, 218, "");
             return ssb::RESULT_NOTHING_TO_DO;
         }
-        found->increment();
-        s_main_thr.store(found, std::memory_order_release);
-        if (main_thr)
-            main_thr->decrement();
-        main_thr = found;
+        cache_main(found);
+        main_thr = ssb::ref_holder_t<ssb::thread_wrapper_t>(found);
     }
     if (main_thr->get_id() != ssb::thread_base_t::get_cur_tid()) {
         UTIL_ASSERT_MSG("main_heartbeat should in main thread, main_thr->get_id() = "

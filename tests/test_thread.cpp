@@ -5,6 +5,7 @@
 #include <thread>
 #include <vector>
 
+#include "ref_holder.h"
 #include "test_log_support.h"
 #include "test_support.h"
 #include "test_thread_support.h"
@@ -548,6 +549,39 @@ TEST_F(Threads, ASinkWakeUpSurvivesTheWritersFullControlQueue) {
     EXPECT_EQ(writer->get_id(), sink.tid.load());
     run_on(writer, [] {});
     EXPECT_EQ(1, sink.calls.load());
+}
+
+}  // namespace
+
+namespace {
+
+// One end bound alone, as a bind refused by a full control queue or a
+// release that could not reach the peer leaves it.
+void bind_half(thread_wrapper_t* end, thread_wrapper_t* peer) {
+    ref_holder_t<o2o_msg_queue_t> r(new o2o_msg_queue_t(end->get_notifier(), peer, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY));
+    ref_holder_t<o2o_msg_queue_t> w(new o2o_msg_queue_t(peer->get_notifier(), end, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY));
+    int rv = -1;
+    run_on(end, [&] { rv = end->bind_queue(peer, r.get(), w.get()); });
+    ASSERT_EQ(RESULT_SUCCESS, rv);
+}
+
+TEST_F(Threads, ACreateOverAHalfBoundChannelJoinsTheQueuesOfTheBoundEnd) {
+    thread_wrapper_t* a = spawn_event(111);
+    thread_wrapper_t* b = spawn_event(112);
+    ASSERT_TRUE(a && b);
+    // The half at the peer, then at the creating end itself.
+    bind_half(b, a);
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, a->create_channel(b, 32, 32));
+    thread_wrapper_t* c = spawn_event(113);
+    ASSERT_NE(nullptr, c);
+    bind_half(c, a);
+    EXPECT_EQ(RESULT_ALREADY_EXISTS, c->create_channel(a, 32, 32));
+    // Each side writes where the other reads.
+    std::atomic<int> ran(0);
+    const std::pair<thread_wrapper_t*, thread_wrapper_t*> pairs[] = {{a, b}, {b, a}, {a, c}, {c, a}};
+    for (const auto& p : pairs)
+        run_on(p.first, [&] { EXPECT_EQ(RESULT_SUCCESS, p.second->post_msg(new fn_msg_t([&] { ++ran; }), nullptr)); });
+    UTIL_WAIT_UNTIL([&] { return ran.load() == 4; });
 }
 
 }  // namespace

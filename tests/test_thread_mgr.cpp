@@ -212,3 +212,107 @@ TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
 }
 
 }  // namespace
+
+namespace {
+
+// The last util_uninit from a thread other than the main one, from inside a
+// loop's own message, and while a loop is stuck in a message. Each starts
+// the library itself, so that it can end it where it likes.
+class ShutDown : public ::testing::Test {
+protected:
+    void SetUp() override {
+        util_test::warm_up_library();
+        m_threads = ssb::plat::os_thread_count();
+        m_handles = ssb::plat::open_handle_count();
+    }
+    thread_mgr_t* start() {
+        thread_mgr_t::reset();
+        util_init(1, nullptr, nullptr, nullptr, 0, 0);
+        util_test::capture_util_log(&m_log);
+        return thread_mgr_t::instance();
+    }
+    // Everything the library made is gone: objects, OS threads and
+    // descriptors (the threads it could not join end by themselves).
+    void expect_all_gone() {
+        UTIL_WAIT_UNTIL([] { return ssb::live_thread_wrappers() == 0; });
+        UTIL_WAIT_UNTIL([] { return ssb::live_msg_queues() == 0; });
+        UTIL_WAIT_UNTIL([] { return util_test::live_fn_msgs().load() == 0; });
+        if (m_threads >= 0) {
+            UTIL_WAIT_UNTIL([&] { return ssb::plat::os_thread_count() == m_threads; });
+        }
+        if (m_handles >= 0) {
+            UTIL_WAIT_UNTIL([&] { return ssb::plat::open_handle_count() == m_handles; });
+        }
+    }
+    void TearDown() override { util_test::restore_log_routing(); }
+
+    util_test::text_capture_t m_log;
+    int m_threads = -1;
+    int m_handles = -1;
+};
+
+TEST_F(ShutDown, TheLastUninitOnAnotherThreadFreesTheMainLoopEveryCycle) {
+    for (int cycle = 0; cycle < 3; ++cycle) {
+        thread_mgr_t* mgr = start();
+        ASSERT_NE(nullptr, mgr);
+        thread_wrapper_t* main_thr = mgr->find_by_type(THREAD_TYPE_MAIN);
+        thread_wrapper_t* worker = mgr->spawn(THREAD_MODE_EVENT, 64, 120, false, nullptr, 0);
+        ASSERT_TRUE(main_thr && worker);
+        ASSERT_EQ(RESULT_SUCCESS, main_thr->create_channel(worker, 32, 32));
+        // Something queued for the main thread, which never pumps again.
+        run_on(worker, [&] { EXPECT_EQ(RESULT_SUCCESS, main_thr->post_msg(new fn_msg_t([] {}), nullptr)); });
+        ASSERT_EQ(RESULT_SUCCESS, main_heartbeat());
+        main_thr->post_msg(new fn_msg_t([] {}), nullptr);
+        std::thread([] { util_uninit(1); }).join();
+        EXPECT_TRUE(m_log.contains("thread_wrapper_t::stop_i taken over from outside")) << "cycle " << cycle;
+        expect_all_gone();
+        // The main thread's stale slot names nothing now.
+        EXPECT_EQ(nullptr, thread_wrapper_t::self());
+        EXPECT_EQ(RESULT_NOTHING_TO_DO, main_heartbeat());
+    }
+}
+
+TEST_F(ShutDown, TheLastUninitFromInsideALoopsMessageFreesThatLoopAndItsThread) {
+    thread_mgr_t* mgr = start();
+    ASSERT_NE(nullptr, mgr);
+    thread_wrapper_t* worker = mgr->spawn(THREAD_MODE_EVENT, 64, 121, false, nullptr, 0);
+    thread_wrapper_t* other = mgr->spawn(THREAD_MODE_IO, 64, 122, false, nullptr, 0);
+    ASSERT_TRUE(worker && other);
+    ASSERT_EQ(RESULT_SUCCESS, worker->create_channel(other, 32, 32));
+    std::atomic<bool> returned(false);
+    ASSERT_EQ(RESULT_SUCCESS, worker->post_ctrl_msg(new fn_msg_t([&] {
+                                                        util_uninit(1);
+                                                        returned = true;
+                                                    }),
+                                                    nullptr));
+    UTIL_WAIT_UNTIL([&] { return returned.load(); });
+    EXPECT_EQ(nullptr, thread_mgr_t::instance());
+    expect_all_gone();
+}
+
+TEST_F(ShutDown, UninitAbandonsALoopStuckInAMessageAndNamesIt) {
+    thread_mgr_t* mgr = start();
+    ASSERT_NE(nullptr, mgr);
+    thread_wrapper_t* stuck =
+        mgr->spawn(THREAD_MODE_EVENT, 64, 123, false, reinterpret_cast<const signed char*>("soak.stuck"), 0);
+    ASSERT_NE(nullptr, stuck);
+    std::atomic<bool> gate(false), inside(false);
+    ASSERT_EQ(RESULT_SUCCESS, stuck->post_ctrl_msg(new fn_msg_t([&] {
+                                                       inside = true;
+                                                       util_test::wait_until("the gate to open",
+                                                                             [&] { return gate.load(); });
+                                                   }),
+                                                   nullptr));
+    UTIL_WAIT_UNTIL([&] { return inside.load(); });
+    // Returns although the loop never answers while it runs.
+    util_uninit(1);
+    EXPECT_TRUE(m_log.contains("thread_mgr_t::~thread_mgr_t() abandons thr = "));
+    EXPECT_TRUE(m_log.contains("name = soak.stuck: its loop did not stop within 1000 ms"));
+    // It lives on (with the peers its channels hold) until it can stop.
+    EXPECT_LT(0, ssb::live_thread_wrappers());
+    // Once its message returns, the loop stops and frees itself.
+    gate = true;
+    expect_all_gone();
+}
+
+}  // namespace

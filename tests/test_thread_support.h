@@ -39,6 +39,21 @@ private:
     std::function<void()> m_fn;
 };
 
+// One full cycle of the library with an event and an I/O thread, so that
+// what the system makes once per process on first use (socket and timer
+// services, their helper threads and handles) is there before a test
+// counts threads or handles.
+inline void warm_up_library() {
+    ssb::thread_mgr_t::reset();
+    util_init(1, nullptr, nullptr, nullptr, 0, 0);
+    ssb::thread_mgr_t* mgr = ssb::thread_mgr_t::instance();
+    if (mgr) {
+        mgr->spawn(ssb::THREAD_MODE_EVENT, 64, 900, false, nullptr, 0);
+        mgr->spawn(ssb::THREAD_MODE_IO, 64, 901, false, nullptr, 0);
+    }
+    util_uninit(1);
+}
+
 // Runs fn on `thr` and waits for it, through the control queue (any thread
 // may write it, bound or not).
 inline void run_on(ssb::thread_wrapper_t* thr, std::function<void()> fn) {

@@ -286,6 +286,14 @@ UTIL_API int lowest_free_descriptor();
 UTIL_API int set_descriptor_limit(unsigned long limit);
 UTIL_API unsigned long descriptor_limit();
 
+// ---- process census (leak checks in tests; exported for them) -------------
+// The process's OS threads now (/proc/self/task; a Toolhelp snapshot), or
+// -1 where it cannot be counted.
+UTIL_API int os_thread_count();
+// The process's open descriptors or handles now (/proc/self/fd;
+// GetProcessHandleCount), or -1 where they cannot be counted.
+UTIL_API int open_handle_count();
+
 // ---- sockets and pipes ------------------------------------------------------
 // Functions returning int give 0 or the OS error number (WSAGetLastError on
 // Windows, errno elsewhere); the shared code classifies it with the helpers
