@@ -555,13 +555,17 @@ soak_result_t soak_asio(double seconds) {
     timers.reserve(SOAK_TIMERS);
     std::vector<bench_clock::time_point> starts(SOAK_TIMERS);
     std::vector<long> fired(SOAK_TIMERS, 0);
+    bool stopping = false;
     struct handler_t {
         boost::asio::steady_timer* timer;
         series_t* series;
         bench_clock::time_point start;
         long* k;
+        const bool* stopping;
         void operator()(const boost::system::error_code& ec) const {
-            if (ec)
+            // A wait that expired before cancel() still completes without
+            // an error: without the flag it would re-arm and keep run() going.
+            if (ec || *stopping)
                 return;
             series->fired_ms.push_back(now_ms());
             ++*k;
@@ -574,7 +578,7 @@ soak_result_t soak_asio(double seconds) {
         all[i].start_ms = now_ms();
         starts[i] = bench_clock::now();
         timers[i].expires_at(starts[i] + std::chrono::milliseconds(SOAK_PERIOD_MS));
-        timers[i].async_wait(handler_t{&timers[i], &all[i], starts[i], &fired[i]});
+        timers[i].async_wait(handler_t{&timers[i], &all[i], starts[i], &fired[i], &stopping});
     }
     std::thread runner([&ctx] { ctx.run(); });
     const window_t from = window_t::now();
@@ -583,6 +587,7 @@ soak_result_t soak_asio(double seconds) {
     double end_ms = 0;
     boost::asio::post(ctx, [&] {
         end_ms = now_ms();
+        stopping = true;
         for (auto& t : timers)
             t.cancel();
     });
