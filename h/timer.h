@@ -169,8 +169,12 @@ public:
     void unlink();
 
 private:
+    friend class timer_queue_t;
+
     timer_carrier_t(i8_allocator_it* allocator, timer_it* timer, timer_queue_t* queue);
     ~timer_carrier_t() {}
+    // Gives the cell back to its allocator.
+    void free_cell();
 
     i8_allocator_it* m_allocator;
     uint8_t m_removed;
@@ -242,6 +246,8 @@ public:
     };
     static const uint32_t SLOTS_PER_LEVEL = 64;
     static const uint32_t LEVELS = 4;
+    // Released cells a wheel keeps for its next arms.
+    static const uint32_t SPARE_CARRIERS = 64;
 
     // `sink` may be null (not owned).
     timer_queue_t(timer_queue_sink_it* sink, uint32_t min_interval);
@@ -310,6 +316,8 @@ private:
     uint32_t m_count;
     // Bumped by clear(): a firing loop that sees it move stops.
     uint32_t m_clear_epoch;
+    timer_carrier_t* m_spare;
+    uint32_t m_spare_count;
 };
 
 // A timer handle. Owned by the code that made it; used on its thread only.

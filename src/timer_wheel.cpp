@@ -63,10 +63,20 @@ timer_carrier_t::timer_carrier_t(i8_allocator_it* allocator, timer_it* timer, ti
       m_interval_ticks(timer->get_interval_ticks()) {}
 
 timer_carrier_t* timer_carrier_t::create(timer_it* timer, timer_queue_t* queue) {
-    i8_allocator_it* allocator = ssb_allocator_t::instance();
-    void* cell = allocator ? allocator->allocate(sizeof(timer_carrier_t)) : nullptr;
-    if (!cell)
-        return nullptr;
+    void* cell = queue->m_spare;
+    i8_allocator_it* allocator = nullptr;
+    if (cell) {
+        // A cell this wheel gave back: a re-arm costs no allocator call.
+        timer_carrier_t* spare = static_cast<timer_carrier_t*>(cell);
+        queue->m_spare = static_cast<timer_carrier_t*>(spare->next);
+        --queue->m_spare_count;
+        allocator = spare->m_allocator;
+    } else {
+        allocator = ssb_allocator_t::instance();
+        cell = allocator ? allocator->allocate(sizeof(timer_carrier_t)) : nullptr;
+        if (!cell)
+            return nullptr;
+    }
     s_live_carriers.fetch_add(1, std::memory_order_relaxed);
     return new (cell) timer_carrier_t(allocator, timer, queue);
 }
@@ -75,10 +85,23 @@ void timer_carrier_t::release() {
     unlink();
     if (m_timer && m_timer->carrier() == this)
         m_timer->open(nullptr);
+    s_live_carriers.fetch_sub(1, std::memory_order_relaxed);
+    timer_queue_t* queue = m_queue;
+    if (queue->m_spare_count < timer_queue_t::SPARE_CARRIERS) {
+        // Kept for the next arm on this wheel, threaded through `next`.
+        m_timer = nullptr;
+        next = queue->m_spare;
+        queue->m_spare = this;
+        ++queue->m_spare_count;
+        return;
+    }
+    free_cell();
+}
+
+void timer_carrier_t::free_cell() {
     i8_allocator_it* allocator = m_allocator;
     this->~timer_carrier_t();
     allocator->deallocate(reinterpret_cast<signed char*>(this), sizeof(timer_carrier_t));
-    s_live_carriers.fetch_sub(1, std::memory_order_relaxed);
 }
 
 void timer_carrier_t::unlink() {
@@ -277,7 +300,9 @@ timer_queue_t::timer_queue_t(timer_queue_sink_it* sink, uint32_t min_interval)
       m_started(0),
       m_interval_set(0),
       m_count(0),
-      m_clear_epoch(0) {
+      m_clear_epoch(0),
+      m_spare(nullptr),
+      m_spare_count(0) {
     UTIL_LOG(LOG_INFO, "timer_queue_t::timer_queue_t() "
                            << ", "
                            << "sink"
@@ -292,6 +317,11 @@ timer_queue_t::~timer_queue_t() {
     clear();
     for (timer_processor_it* p : m_processors)
         delete p;
+    // The lists are empty now: nothing gives a cell back any more.
+    while (timer_carrier_t* spare = m_spare) {
+        m_spare = static_cast<timer_carrier_t*>(spare->next);
+        spare->free_cell();
+    }
 }
 
 void timer_queue_t::clear() {

@@ -328,7 +328,9 @@ TEST_F(Tasks, RepeatingTaskStopsWhenItSaysSoOrItsOwnerCancelsFromInside) {
 // An object that posts tasks against its own members. Its owner is
 // declared last, so it is destroyed first and waits for a task running now.
 struct poster_t {
-    std::vector<int> data = std::vector<int>(64, 0);
+    // One half per target thread: the two threads run the owner's tasks at
+    // the same time.
+    std::vector<int> data[2] = {std::vector<int>(32, 0), std::vector<int>(32, 0)};
     std::unique_ptr<counted_t> alive = std::make_unique<counted_t>();
     task_owner_t owner;
 };
@@ -339,11 +341,13 @@ TEST_F(Tasks, DestroyedOwnerRunsNoTaskAfterwardsAndNoneHalfwayStress) {
     for (int round = 0; round < 50; ++round) {
         poster_t* p = new poster_t;
         std::atomic<int> started(0), finished(0);
-        auto work = [&, p] {
-            ++started;
-            for (int& v : p->data)
-                ++v;
-            ++finished;
+        auto work_on = [&, p](int k) {
+            return [&, p, k] {
+                ++started;
+                for (int& v : p->data[k])
+                    ++v;
+                ++finished;
+            };
         };
         std::thread posters[2];
         thread_wrapper_t* targets[2] = {a, b};
@@ -351,9 +355,9 @@ TEST_F(Tasks, DestroyedOwnerRunsNoTaskAfterwardsAndNoneHalfwayStress) {
             posters[k] = std::thread([&, k] {
                 // Within the control queue's 64 slots, so nothing is refused.
                 for (int i = 0; i < 40; ++i) {
-                    EXPECT_EQ(RESULT_SUCCESS, post_task(targets[k], work, &p->owner));
+                    EXPECT_EQ(RESULT_SUCCESS, post_task(targets[k], work_on(k), &p->owner));
                     if (i % 10 == 0) {
-                        EXPECT_EQ(RESULT_SUCCESS, post_delayed_task(targets[k], 10, work, &p->owner));
+                        EXPECT_EQ(RESULT_SUCCESS, post_delayed_task(targets[k], 10, work_on(k), &p->owner));
                     }
                 }
             });
