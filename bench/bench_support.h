@@ -17,6 +17,8 @@
 #ifndef UTIL_BENCH_SUPPORT_H
 #define UTIL_BENCH_SUPPORT_H
 
+#include <fstream>
+#include <filesystem>
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
 #include <pthread.h>
@@ -397,6 +399,32 @@ inline int run_main(int argc, char** argv) {
     reporter.print_ratios(reporter.GetOutputStream());
     benchmark::Shutdown();
     return 0;
+}
+
+// Lines of the log files at WARNING or worse: a healthy run has none.
+inline void report_log(const std::string& folder) {
+    namespace fs = std::filesystem;
+    std::error_code ec;
+    size_t lines = 0, bad = 0;
+    std::vector<std::string> shown;
+    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+        if (!it->is_regular_file(ec))
+            continue;
+        std::ifstream in(it->path());
+        std::string line;
+        while (std::getline(in, line)) {
+            ++lines;
+            if (line.find("WARNING") != std::string::npos || line.find("ERROR") != std::string::npos ||
+                line.find("FATAL") != std::string::npos) {
+                ++bad;
+                if (shown.size() < 10)
+                    shown.push_back(line);
+            }
+        }
+    }
+    std::printf("library log: %zu lines, %zu at WARNING or worse\n", lines, bad);
+    for (const std::string& s : shown)
+        std::printf("  %s\n", s.c_str());
 }
 
 }  // namespace util_bench

@@ -1138,32 +1138,6 @@ int count_threads() {
     return n;
 }
 
-// Lines of the log files at WARNING or worse: a healthy run has none.
-void report_log(const std::string& folder) {
-    namespace fs = std::filesystem;
-    std::error_code ec;
-    size_t lines = 0, bad = 0;
-    std::vector<std::string> shown;
-    for (fs::recursive_directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
-        if (!it->is_regular_file(ec))
-            continue;
-        std::ifstream in(it->path());
-        std::string line;
-        while (std::getline(in, line)) {
-            ++lines;
-            if (line.find("WARNING") != std::string::npos || line.find("ERROR") != std::string::npos ||
-                line.find("FATAL") != std::string::npos) {
-                ++bad;
-                if (shown.size() < 10)
-                    shown.push_back(line);
-            }
-        }
-    }
-    std::printf("library log: %zu lines, %zu at WARNING or worse\n", lines, bad);
-    for (const std::string& s : shown)
-        std::printf("  %s\n", s.c_str());
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -1218,7 +1192,7 @@ int main(int argc, char** argv) {
     std::printf("threads after util_uninit: %d\n", left);
     if (left != 1)
         std::fprintf(stderr, "bench_thread: %d threads still run after util_uninit (expected 1)\n", left);
-    report_log(folder);
+    util_bench::report_log(folder);
     const char* keep = std::getenv("UTIL_BENCH_KEEP_LOGS");
     if (keep && *keep && std::strcmp(keep, "0") != 0) {
         std::printf("library log kept in %s\n", folder);
