@@ -322,6 +322,7 @@ private:
     msg_db_t* copy_node(bool deep) const;
     msg_db_t* copy_chain(bool deep, bool reverse) const;
     static int write_on(msg_db_t*& node, const signed char* src, unsigned len, unsigned* written);
+    static int copy_chain(const msg_db_t* src, msg_db_t* at, unsigned len, unsigned* done, bool move);
     msg_db_t* tail();
     // Checks `other` and returns its last node (null when refused, with *rv).
     msg_db_t* link_check(msg_db_t* other, const char* what, int* rv) const;

@@ -383,30 +383,7 @@ int msg_db_t::_read(msg_db_t* dst, unsigned len, unsigned* done, bool move) {
                         ", len = " << len << ", space = " << dst->space() << ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
-    unsigned copied = 0;
-    int rv = RESULT_SUCCESS;
-    msg_db_t* at = dst;
-    for (msg_db_t* node = this; node && copied < len; node = node->m_next) {
-        if (node->is_read_locked()) {
-            rv = RESULT_REFUSED;
-            break;
-        }
-        const unsigned n = min_of(node->get_current_db_length(), len - copied);
-        if (!n)
-            continue;
-        unsigned written = 0;
-        rv = write_on(at, node->m_read, n, &written);
-        if (move)
-            node->m_read += written;
-        copied += written;
-        if (rv != RESULT_SUCCESS)
-            break;
-    }
-    if (rv == RESULT_SUCCESS && copied < len)
-        rv = RESULT_NOT_ENOUGH;
-    if (done)
-        *done = copied;
-    return rv;
+    return copy_chain(this, dst, len, done, move);
 }
 
 int msg_db_t::_write(const msg_db_t* src, unsigned len, unsigned* done) {
@@ -422,9 +399,15 @@ int msg_db_t::_write(const msg_db_t* src, unsigned len, unsigned* done) {
                         ", len = " << len << ", src_len = " << src->length() << ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
+    return copy_chain(src, this, len, done, false);
+}
+
+// Copies `len` bytes of the chain at `src` into the room of the chain at
+// `at`, consuming them from `src` when `move`: the one walk behind both
+// chain-to-chain forms, which differ only in which side is this node.
+int msg_db_t::copy_chain(const msg_db_t* src, msg_db_t* at, unsigned len, unsigned* done, bool move) {
     unsigned copied = 0;
     int rv = RESULT_SUCCESS;
-    msg_db_t* at = this;
     for (const msg_db_t* node = src; node && copied < len; node = node->m_next) {
         if (node->is_read_locked()) {
             rv = RESULT_REFUSED;
@@ -435,10 +418,15 @@ int msg_db_t::_write(const msg_db_t* src, unsigned len, unsigned* done) {
             continue;
         unsigned written = 0;
         rv = write_on(at, node->m_read, n, &written);
+        // Only _read moves, and its source is the caller's own chain.
+        if (move)
+            const_cast<msg_db_t*>(node)->m_read += written;
         copied += written;
         if (rv != RESULT_SUCCESS)
             break;
     }
+    if (rv == RESULT_SUCCESS && copied < len)
+        rv = RESULT_NOT_ENOUGH;
     if (done)
         *done = copied;
     return rv;
