@@ -32,7 +32,8 @@ const uint32_t WHEEL_MIN_INTERVAL = 0xA000;
 // Milliseconds from `stamp` to `now`; a distance beyond 2^31 is a clock
 // jump, which resets the stamp to now.
 uint32_t elapsed_from(uint32_t stamp, uint32_t now, bool& jumped) {
-    const uint32_t elapsed = now >= stamp ? now - stamp : now - stamp - 1;
+    // The messages' age rule: one less across a wrap of the counter.
+    const uint32_t elapsed = msg_it::age_of(stamp, now);
     jumped = elapsed > CLOCK_JUMP_MS;
     return jumped ? 0 : elapsed;
 }
