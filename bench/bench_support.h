@@ -17,8 +17,6 @@
 #ifndef UTIL_BENCH_SUPPORT_H
 #define UTIL_BENCH_SUPPORT_H
 
-#include <fstream>
-#include <filesystem>
 #include <benchmark/benchmark.h>
 #include <linux/futex.h>
 #include <pthread.h>
@@ -29,6 +27,10 @@
 
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
 
 #include <algorithm>
 #include <cstdint>
@@ -39,6 +41,8 @@
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include "msg.h"
 
 namespace util_bench {
 
@@ -426,6 +430,43 @@ inline void report_log(const std::string& folder) {
     for (const std::string& s : shown)
         std::printf("  %s\n", s.c_str());
 }
+
+// The benchmark thread waits here for the end of a batch: false when it
+// did not come within 10 s (a stalled run).
+class latch_t {
+public:
+    void arm() {
+        std::lock_guard<std::mutex> guard(m_mutex);
+        m_open = false;
+    }
+    void open() {
+        {
+            std::lock_guard<std::mutex> guard(m_mutex);
+            m_open = true;
+        }
+        m_cv.notify_one();
+    }
+    bool wait() {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        return m_cv.wait_for(lock, std::chrono::seconds(10), [this] { return m_open; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_cv;
+    bool m_open = false;
+};
+
+// A message that runs a function on the receiving loop.
+template <class F>
+class fn_msg_t : public ssb::msg_it {
+public:
+    explicit fn_msg_t(F f) : m_f(std::move(f)) {}
+    void on_message() override { m_f(); }
+
+private:
+    F m_f;
+};
 
 }  // namespace util_bench
 

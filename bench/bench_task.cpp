@@ -43,6 +43,8 @@
 
 namespace {
 
+using util_bench::latch_t;
+
 using bench_clock = std::chrono::steady_clock;
 
 const int BATCH = 20000;
@@ -52,31 +54,6 @@ const int NOTIFY_BATCHES = 100;
 const unsigned int BENCH_THREAD_TYPE = 100;
 const unsigned int CTRL_QUEUE_SIZE = 4096;
 const unsigned int CHANNEL_CAPACITY = 4096;
-const std::chrono::seconds WATCHDOG(10);
-
-class latch_t {
-public:
-    void arm() {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_open = false;
-    }
-    void open() {
-        {
-            std::lock_guard<std::mutex> guard(m_mutex);
-            m_open = true;
-        }
-        m_cv.notify_one();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, WATCHDOG, [this] { return m_open; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_open = false;
-};
 
 // Counts receipts on the receiving side; the last one of a batch stamps the
 // end and opens the latch.

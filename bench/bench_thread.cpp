@@ -81,6 +81,9 @@
 
 namespace {
 
+using util_bench::fn_msg_t;
+using util_bench::latch_t;
+
 using bench_clock = std::chrono::steady_clock;
 
 const int THROUGHPUT_BATCH = 20000;
@@ -163,31 +166,6 @@ void fail_run(benchmark::State& state, const char* name, const std::string& text
     state.SkipWithError(text.c_str());
 }
 
-// The benchmark thread waits here for the end of a batch.
-class latch_t {
-public:
-    void arm() {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        m_open = false;
-    }
-    void open() {
-        {
-            std::lock_guard<std::mutex> guard(m_mutex);
-            m_open = true;
-        }
-        m_cv.notify_one();
-    }
-    bool wait() {
-        std::unique_lock<std::mutex> lock(m_mutex);
-        return m_cv.wait_for(lock, WATCHDOG, [this] { return m_open; });
-    }
-
-private:
-    std::mutex m_mutex;
-    std::condition_variable m_cv;
-    bool m_open = false;
-};
-
 // The receiving side of a throughput batch; touched by the receiving thread
 // only while a batch runs.
 struct counter_t {
@@ -243,16 +221,6 @@ struct rounds_t {
 };
 
 // ---- ours ---------------------------------------------------------------------------
-
-template <class F>
-class fn_msg_t : public ssb::msg_it {
-public:
-    explicit fn_msg_t(F f) : m_f(std::move(f)) {}
-    void on_message() override { m_f(); }
-
-private:
-    F m_f;
-};
 
 template <class F>
 ssb::msg_it* make_msg(F f) {

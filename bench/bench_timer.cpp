@@ -88,6 +88,8 @@
 
 namespace {
 
+using util_bench::fn_msg_t;
+
 using bench_clock = std::chrono::steady_clock;
 
 const unsigned int REARM_THREAD_TYPE = 100;
@@ -162,16 +164,6 @@ struct window_t {
     double wakeups_per_s(const window_t& end) const {
         return static_cast<double>(end.switches - switches) * 1000 / (end.wall_ms - wall_ms);
     }
-};
-
-template <class F>
-class fn_msg_t : public ssb::msg_it {
-public:
-    explicit fn_msg_t(F f) : m_f(std::move(f)) {}
-    void on_message() override { m_f(); }
-
-private:
-    F m_f;
 };
 
 // Runs `f` on the loop `thr` and returns once it ran.
