@@ -380,6 +380,7 @@ int msg_queue_base_t::send_through(const char* name, msg_it* msg, int timeout) {
 o2o_msg_queue_t::o2o_msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity,
                                  unsigned int mode)
     : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    m_counters->depth_limit = capacity > 1 ? capacity - 1 : 0;
     if (!reader)
         UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
 }
@@ -424,6 +425,7 @@ int o2o_msg_queue_t::pop_msg(msg_it*& msg) {
 
 msg_queue_t::msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode)
     : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    m_counters->depth_limit = capacity > 1 ? capacity - 1 : 0;
     if (writer)
         UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t reader = " << static_cast<void*>(reader)
                                                                 << ", writer = " << static_cast<void*>(writer)

@@ -136,7 +136,7 @@ void queue_counters_t::read(queue_stats_t& out, uint32_t depth) const {
     out.run = run.load(std::memory_order_relaxed);
     out.overtime = overtime.load(std::memory_order_relaxed);
     out.refused = refused.load(std::memory_order_relaxed);
-    out.depth = depth;
+    out.depth = depth < depth_limit ? depth : depth_limit;
     out.posted = out.popped + depth;
     out.high_water = high_water.load(std::memory_order_relaxed);
     delay_us.read(out.delay_us);

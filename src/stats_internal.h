@@ -56,6 +56,10 @@ struct queue_counters_t {
     // compare-exchange only when it grows.
     alignas(64) std::atomic<uint64_t> refused{0};
     std::atomic<uint32_t> high_water{0};
+    // Most messages the ring holds. The depth count lags both sides (a
+    // pop is counted after it took its message), so a writer may see one
+    // more for a moment.
+    uint32_t depth_limit = UINT32_MAX;
     // The message being timed, its writer's tick when it was claimed, and
     // when it was posted. At most one in flight; the reader frees the slot.
     std::atomic<const msg_it*> sample{nullptr};
@@ -75,6 +79,8 @@ struct queue_counters_t {
     void drop_sample(const msg_it* msg);
     // A depth seen by a writer after its push.
     void note_depth(uint32_t depth) {
+        if (depth > depth_limit)
+            depth = depth_limit;
         uint32_t seen = high_water.load(std::memory_order_relaxed);
         while (depth > seen && !high_water.compare_exchange_weak(seen, depth, std::memory_order_relaxed)) {
         }
