@@ -266,12 +266,14 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
     uint32_t old = m_status.exchange(MSG_QUEUE_STATUS_NORMAL, std::memory_order_relaxed);
     if (!writer)
         return RESULT_REFUSED;
+    if (old != MSG_QUEUE_STATUS_FULL)
+        return RESULT_SUCCESS;
     bool has_sinks;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_lock);
         has_sinks = !m_sinks.empty();
     }
-    if (old != MSG_QUEUE_STATUS_FULL || !has_sinks)
+    if (!has_sinks)
         return RESULT_SUCCESS;
     if (!loop_is_running(writer)) {
         UTIL_LOG(LOG_WARNING, "msg_queue_base_t::lanuch_on_sink , thr = " << static_cast<void*>(writer)
