@@ -62,8 +62,12 @@ public:
         : m_header(nullptr),
           m_read(nullptr),
           m_write_seen(nullptr),
+          m_reader_first(nullptr),
+          m_reader_last(nullptr),
           m_write(nullptr),
           m_read_seen(nullptr),
+          m_writer_first(nullptr),
+          m_writer_last(nullptr),
           m_capacity(capacity < RING_QUEUE_MIN_CAPACITY
                          ? RING_QUEUE_MIN_CAPACITY
                          : (capacity > RING_QUEUE_MAX_CAPACITY ? RING_QUEUE_MAX_CAPACITY : capacity)),
@@ -76,18 +80,22 @@ public:
             if (!nodes)
                 detail::ring_queue_log_no_nodes(capacity, this);
         }
+        unsigned int count = capacity;
         if (nodes) {
             for (unsigned int i = 0; i + 1 < capacity; ++i)
                 nodes[i].m_next = &nodes[i + 1];
             nodes[capacity - 1].m_next = &nodes[0];
         } else {
             nodes = &m_stub;
+            count = 1;
         }
         m_header = nodes;
         m_read.store(nodes, std::memory_order_relaxed);
         m_write.store(nodes, std::memory_order_relaxed);
         m_write_seen = nodes;
         m_read_seen = nodes;
+        m_reader_first = m_writer_first = nodes;
+        m_reader_last = m_writer_last = nodes + (count - 1);
     }
 
     // Frees the nodes only: values still queued belong to the owner, who
@@ -100,7 +108,7 @@ public:
     // Writer side: 0, or 3 when full (nothing stored).
     int push(const T& value) {
         node_t* w = m_write.load(std::memory_order_relaxed);
-        node_t* next = w->m_next;
+        node_t* next = after(w, m_writer_first, m_writer_last);
         if (next == m_read_seen) {
             // Acquire pairs with the reader's release in pop: the reader has
             // finished copying out of every node it has passed.
@@ -125,7 +133,7 @@ public:
                 return RESULT_QUEUE_EMPTY;
         }
         value = r->m_value;
-        m_read.store(r->m_next, std::memory_order_release);
+        m_read.store(after(r, m_reader_first, m_reader_last), std::memory_order_release);
         return RESULT_SUCCESS;
     }
 
@@ -148,7 +156,7 @@ public:
     bool is_full_between(F between) const {
         node_t* r = m_read.load(std::memory_order_acquire);
         between();
-        return m_write.load(std::memory_order_acquire)->m_next == r;
+        return after(m_write.load(std::memory_order_acquire), m_writer_first, m_writer_last) == r;
     }
 
     // The recorded (clamped) capacity; the room is the requested count - 1.
@@ -161,15 +169,26 @@ public:
     }
 
 protected:
+    // The node after `n`, found from the array order the links follow rather
+    // than by loading n->m_next: that load would wait for the node's cache
+    // line, which the other side is writing or reading, before the cursor
+    // could move; the address needs nothing from memory.
+    static node_t* after(node_t* n, node_t* first, node_t* last) { return n == last ? first : n + 1; }
+
     node_t* m_header;
     char m_pad0[detail::RING_CACHE_LINE];
-    // Reader's line.
+    // Reader's lines: only pop writes them. The array bounds are copied to
+    // each side so neither reads a line the other side writes.
     std::atomic<node_t*> m_read;
     node_t* m_write_seen;
+    node_t* m_reader_first;
+    node_t* m_reader_last;
     char m_pad1[detail::RING_CACHE_LINE];
-    // Writer's line.
+    // Writer's lines: only push writes them.
     std::atomic<node_t*> m_write;
     node_t* m_read_seen;
+    node_t* m_writer_first;
+    node_t* m_writer_last;
     char m_pad2[detail::RING_CACHE_LINE];
     uint32_t m_capacity;
     node_t m_stub;
