@@ -22,6 +22,7 @@ const int MESSAGES_EACH_WAY = 1000000 / util_test::ROUNDS_SCALE;
 
 using util_test::fn_msg_t;
 using util_test::run_on;
+using util_test::run_threads;
 
 class Threads : public util_test::thread_test_t {
 protected:
@@ -582,6 +583,130 @@ TEST_F(Threads, ACreateOverAHalfBoundChannelJoinsTheQueuesOfTheBoundEnd) {
     for (const auto& p : pairs)
         run_on(p.first, [&] { EXPECT_EQ(RESULT_SUCCESS, p.second->post_msg(new fn_msg_t([&] { ++ran; }), nullptr)); });
     UTIL_WAIT_UNTIL([&] { return ran.load() == 4; });
+}
+
+// ---- waking a sleeping loop ----------------------------------------------------
+
+// Posts from plain threads (into the control queue) and from a loop (over a
+// channel); after each burst everybody waits until all of it ran, so the
+// reader falls asleep before the next burst and every burst must wake it.
+TEST_F(Threads, EveryPostOfManyWritersRunsWhenTheReaderSleepsBetweenBursts) {
+    thread_wrapper_t* reader = spawn_event(120);
+    thread_wrapper_t* loop_writer = spawn_event(121);
+    ASSERT_TRUE(reader && loop_writer);
+    ASSERT_EQ(RESULT_SUCCESS, loop_writer->create_channel(reader, 64, 64));
+    const int plain_writers = 4, burst = 40, bursts = 300 / util_test::ROUNDS_SCALE;
+    std::atomic<int> ran(0), wrong_thread(0);
+    const unsigned int reader_id = reader->get_id();
+    auto counted = [&] {
+        return new fn_msg_t([&, reader_id] {
+            if (get_cur_tid() != reader_id)
+                ++wrong_thread;
+            ++ran;
+        });
+    };
+    int posted = 0;
+    for (int b = 0; b < bursts; ++b) {
+        loop_writer->post_ctrl_msg(new fn_msg_t([&] {
+                                       // 40 fit in the channel's 63 places.
+                                       for (int i = 0; i < burst; ++i)
+                                           EXPECT_EQ(RESULT_SUCCESS, reader->post_msg(counted(), nullptr));
+                                   }),
+                                   nullptr);
+        run_threads(plain_writers, [&](int) {
+            for (int i = 0; i < burst; ++i) {
+                msg_it* msg = counted();
+                // A full control queue leaves the message with its writer.
+                while (reader->post_msg(msg, nullptr) == RESULT_QUEUE_FULL)
+                    std::this_thread::yield();
+            }
+        });
+        posted += (plain_writers + 1) * burst;
+        ASSERT_TRUE(
+            util_test::wait_until("every message of the burst ran on the reader", [&] { return ran.load() == posted; }))
+            << "burst " << b << ": " << ran.load() << " of " << posted << " ran";
+    }
+    EXPECT_EQ(0, wrong_thread.load());
+}
+
+// One message in flight between two loops: each hop lands while its target
+// has just finished the previous message and is going back to sleep. A
+// wake-up lost there stalls the exchange for good.
+TEST_F(Threads, APingPongBetweenTwoSleepingLoopsNeverStalls) {
+    thread_wrapper_t* a = spawn_event(122);
+    thread_wrapper_t* b = spawn_event(123);
+    ASSERT_TRUE(a && b);
+    ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
+    const int round_trips = 20000 / util_test::ROUNDS_SCALE;
+    std::atomic<int> returned(0), refused(0);
+    std::function<void()> serve_at_a;
+    std::function<void()> serve_at_b = [&] {
+        if (a->post_msg(new fn_msg_t(serve_at_a), nullptr) != RESULT_SUCCESS)
+            ++refused;
+    };
+    serve_at_a = [&] {
+        if (++returned < round_trips && b->post_msg(new fn_msg_t(serve_at_b), nullptr) != RESULT_SUCCESS)
+            ++refused;
+    };
+    a->post_ctrl_msg(new fn_msg_t([&] { b->post_msg(new fn_msg_t(serve_at_b), nullptr); }), nullptr);
+    ASSERT_TRUE(util_test::wait_until("every round trip between the two loops",
+                                      [&] { return returned.load() == round_trips || refused.load() != 0; }))
+        << returned.load() << " of " << round_trips << " round trips came back";
+    EXPECT_EQ(0, refused.load());
+}
+
+TEST_F(Threads, ALoopsTimedWaitEndsOnTimeWithoutAPostAndAtOnceWithOne) {
+    // A loop of its own that nothing else knows, so nothing but the test
+    // posts to it. Time is the behaviour: without a post the wait lasts at
+    // least its time-out (a lower bound only); a post from another thread
+    // ends a wait of the test's whole limit long before it.
+    using clock = std::chrono::steady_clock;
+    thread_wrapper_t* loop = new thread_wrapper_t(0, 140, 64, nullptr, 1, false, nullptr);
+    loop->increment();
+    ASSERT_EQ(RESULT_SUCCESS, loop->open_notifier(1));
+    clock::time_point start = clock::now();
+    EXPECT_EQ(RESULT_SUCCESS, loop->wait(60));
+    EXPECT_GE(clock::now() - start, std::chrono::milliseconds(60));
+    std::atomic<bool> ran(false);
+    std::thread poster([&] { EXPECT_EQ(RESULT_SUCCESS, loop->post_msg(new fn_msg_t([&] { ran = true; }), nullptr)); });
+    const unsigned int limit_ms = static_cast<unsigned int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
+    start = clock::now();
+    EXPECT_EQ(RESULT_SUCCESS, loop->wait(limit_ms));
+    EXPECT_LT(clock::now() - start, util_test::WAIT_LIMIT) << "the post did not wake the waiting loop";
+    poster.join();
+    loop->process_msg(0xFFFFFFFFu);
+    EXPECT_TRUE(ran.load());
+    loop->decrement();
+}
+
+TEST_F(Threads, StoppingLoopsThatSleepReturnsForEachOfThem) {
+    const int loops = 4;
+    std::vector<thread_wrapper_t*> sleepers;
+    for (int i = 0; i < loops; ++i) {
+        thread_wrapper_t* t = spawn_event(130 + i);
+        ASSERT_NE(nullptr, t);
+        // A message run and done: the loop goes back to sleep.
+        run_on(t, [] {});
+        t->increment();
+        sleepers.push_back(t);
+    }
+    std::atomic<int> stopped(0);
+    // From another thread, so that a stop that never wakes its loop fails
+    // this wait by name instead of hanging the test body.
+    std::thread stopper([&] {
+        for (thread_wrapper_t* t : sleepers) {
+            if (t->stop() == RESULT_SUCCESS && t->is_stopped())
+                ++stopped;
+        }
+    });
+    const bool all = util_test::wait_until("every sleeping loop stopped", [&] { return stopped.load() == loops; });
+    if (!all)
+        stopper.detach();
+    else
+        stopper.join();
+    ASSERT_TRUE(all) << stopped.load() << " of " << loops << " loops stopped";
+    for (thread_wrapper_t* t : sleepers)
+        t->decrement();
 }
 
 }  // namespace
