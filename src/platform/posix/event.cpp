@@ -195,11 +195,12 @@ void event_close(event_handle_t h) {
 
 int event_signal(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
-    // Already set: whoever set it wakes the watchers; a wait not yet
-    // watching takes the signal on its own.
-    if (e->signalled.load(std::memory_order_seq_cst) != 0)
+    // A read-modify-write even when the event is set already: the wait that
+    // takes the signal reads from it, so what the signaller did before (a
+    // push into a queue) is visible to that wait. Already set: whoever set
+    // it wakes the watchers, and a wait not yet watching takes it itself.
+    if (e->signalled.exchange(1, std::memory_order_seq_cst) != 0)
         return 0;
-    e->signalled.store(1, std::memory_order_seq_cst);
     if (e->watched.load(std::memory_order_seq_cst) == 0)
         return 0;
     watcher_t* batch[WAKE_BATCH];
