@@ -227,8 +227,9 @@ TEST(Event, ASignalRacingWithAWaitGoingToSleepIsNeverLost) {
 
 TEST(Event, TimedWaitsEndWithoutASignalAndASignalEndsThemEarly) {
     // Time is the behaviour here: a timed wait must not return before its
-    // time-out when nothing signals (a lower bound only), and a signal from
-    // another thread must end a long wait well before it.
+    // time-out when nothing signals (a lower bound only, less the 10 ms by
+    // which a Windows wait may end early on a coarse clock tick), and a
+    // signal from another thread must end a long wait well before it.
     using clock = std::chrono::steady_clock;
     for (int multi = 0; multi < 2; ++multi) {
         event_t e(false, false), other(true, false);
@@ -236,7 +237,7 @@ TEST(Event, TimedWaitsEndWithoutASignalAndASignalEndsThemEarly) {
         auto timed = [&](int ms) { return multi ? m.wait(ms) : e.wait(ms); };
         const clock::time_point start = clock::now();
         EXPECT_EQ(RESULT_BUSY, timed(60)) << multi;
-        EXPECT_GE(clock::now() - start, std::chrono::milliseconds(60)) << multi;
+        EXPECT_GE(clock::now() - start, std::chrono::milliseconds(50)) << multi;
         std::atomic<bool> waiting(false);
         std::atomic<int> rv(-1);
         std::thread t([&] {
