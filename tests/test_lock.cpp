@@ -220,7 +220,7 @@ void hand_turns_back_and_forth(bool multi, int rounds) {
 }
 
 TEST(Event, ASignalRacingWithAWaitGoingToSleepIsNeverLost) {
-    const int rounds = 20000 / util_test::ROUNDS_SCALE;
+    const int rounds = 50000 / util_test::ROUNDS_SCALE;
     hand_turns_back_and_forth(false, rounds);
     hand_turns_back_and_forth(true, rounds);
 }
