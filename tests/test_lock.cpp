@@ -252,6 +252,36 @@ TEST(Event, TimedWaitsEndWithoutASignalAndASignalEndsThemEarly) {
     }
 }
 
+TEST(Event, AWaiterMayFreeTheEventAsSoonAsItHasTheSignal) {
+    // A synchronous message's event goes with the message once its sender
+    // is woken: the signaller must not touch the event after the waiter can
+    // have taken the signal (the sanitizers see any such touch).
+    const int rounds = 20000 / util_test::ROUNDS_SCALE;
+    const int limit_ms = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
+    std::atomic<event_t*> handed(nullptr);
+    std::atomic<int> freed(0), failed(0);
+    std::thread waiter([&] {
+        for (int i = 0; i < rounds; ++i) {
+            event_t* e = nullptr;
+            if (!wait_until("the next event", [&] { return (e = handed.exchange(nullptr)) != nullptr; }))
+                return;
+            if (e->wait(limit_ms) != RESULT_SUCCESS)
+                ++failed;
+            delete e;
+            ++freed;
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        event_t* e = new event_t(false, false);
+        handed.store(e);
+        // The waiter may be asleep, on its way to sleep, or not there yet.
+        e->signal();
+        ASSERT_TRUE(wait_until("the waiter freed the event", [&] { return freed.load() == i + 1; })) << i;
+    }
+    waiter.join();
+    EXPECT_EQ(0, failed.load());
+}
+
 std::string unique_name(const char* stem) {
     return stem + std::to_string(get_cur_tid()) + "_" +
            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());

@@ -1,13 +1,20 @@
 // Win32 events on POSIX, over futexes.
 //
-// An event is a state word (signalled or not) and a list of the waits that
-// watch it. Every wait, on one event or on many, sleeps on a word of its own
-// on its stack; a signal that finds the event watched marks each watcher's
-// word fired and wakes, with one futex call, those that had gone to sleep. A
-// signal that finds nobody watching is one exchange and one load, without a
-// lock or a system call.
+// An event is one state word: its signalled bit and the number of waits
+// watching it. Every wait, on one event or on many, sleeps on a word of its
+// own on its stack, linked into a process-wide table under the event's
+// address. A signal sets the bit with one read-modify-write; when that
+// write saw watchers, it marks each one's word fired under the table's lock
+// and wakes, with one futex call, those that had gone to sleep. A signal
+// that finds nobody watching takes no lock and makes no system call.
 //
-// The watcher's word is woken after the event's lock is released, so the
+// The signal's write is its last touch of the event: the wait that takes
+// the signal may free the event at once (a synchronous message's event
+// goes with its message), so the watchers live in the table, which is never
+// freed, not in the event. A signaller may then fire the watchers of a new
+// event at the same address; they find no signal and sleep again.
+//
+// The watcher's word is woken after the table's lock is released, so the
 // woken thread never blocks on that lock at once; it may have returned by
 // then (a time-out, another event), and a futex wake on a word nobody sleeps
 // on is harmless: every wait re-checks its word and sleeps again when woken
@@ -73,24 +80,46 @@ struct watcher_t {
     std::atomic<bool> pulsed;
 };
 
-// One watcher's link in one event's list.
+// One watcher's link under one event.
 struct watch_link_t {
     watcher_t* watcher;
+    const void* event;
     watch_link_t* prev;
     watch_link_t* next;
 };
 
+// Bit 0: signalled. Above it, the watchers linked, in steps of WATCHER.
+const uint32_t SIGNALLED = 1;
+const uint32_t WATCHER = 2;
+
 struct posix_event_t {
-    std::atomic<uint32_t> signalled;
-    // Links in `watchers`: while 0 a signal takes no lock. Raised before a
-    // watcher re-checks `signalled`, and read by a signaller after it set
-    // `signalled` (both seq_cst): one of the two sees the other.
-    std::atomic<uint32_t> watched;
+    std::atomic<uint32_t> state;
     bool manual;
-    pthread_mutex_t mutex;
-    // Guarded by `mutex`.
-    watch_link_t* watchers;
 };
+
+// The watchers of the events whose addresses hash to it.
+struct alignas(64) bucket_t {
+    pthread_mutex_t mutex;
+    watch_link_t* head;
+};
+
+const size_t BUCKETS = 64;
+
+bucket_t& bucket_of(const void* event) {
+    // Never freed: signallers may still reach it after every event is gone.
+    static bucket_t* s_buckets = [] {
+        bucket_t* b = new bucket_t[BUCKETS];
+        for (size_t i = 0; i < BUCKETS; ++i) {
+            pthread_mutex_init(&b[i].mutex, nullptr);
+            b[i].head = nullptr;
+        }
+        return b;
+    }();
+    const uint64_t h = static_cast<uint64_t>(reinterpret_cast<uintptr_t>(event)) * 0x9E3779B97F4A7C15ull;
+    return s_buckets[h >> 58];
+}
+
+static_assert(BUCKETS == 64, "the hash keeps the top 6 bits");
 
 // The watchers woken after the lock by one signal; more than this are woken
 // under it.
@@ -100,42 +129,75 @@ const size_t WAKE_BATCH = 8;
 // signal wakes one wait, as on Windows.
 bool take_signal(posix_event_t* e) {
     if (e->manual)
-        return e->signalled.load(std::memory_order_seq_cst) != 0;
-    uint32_t one = 1;
-    return e->signalled.compare_exchange_strong(one, 0, std::memory_order_seq_cst);
+        return (e->state.load(std::memory_order_seq_cst) & SIGNALLED) != 0;
+    uint32_t s = e->state.load(std::memory_order_relaxed);
+    while (s & SIGNALLED) {
+        if (e->state.compare_exchange_weak(s, s & ~SIGNALLED, std::memory_order_seq_cst, std::memory_order_relaxed))
+            return true;
+    }
+    return false;
 }
 
-// Under the event's lock: marks a watcher fired; true when it sleeps and
+// Under the table's lock: marks a watcher fired; true when it sleeps and
 // needs a futex wake.
 bool fire(watcher_t* w) { return w->word.exchange(WATCH_FIRED, std::memory_order_acq_rel) == WATCH_SLEEPING; }
 
-// Wakes the fired sleepers, after the lock.
-void wake_all(watcher_t** batch, size_t n) {
+// Fires the watchers linked under `event` (only the pulse-takers for a
+// pulse, and then only one unless `all`), waking the sleepers after the lock.
+void fire_watchers(const void* event, bool pulse, bool all) {
+    bucket_t& b = bucket_of(event);
+    watcher_t* batch[WAKE_BATCH];
+    size_t n = 0;
+    pthread_mutex_lock(&b.mutex);
+    for (watch_link_t* link = b.head; link; link = link->next) {
+        watcher_t* w = link->watcher;
+        if (link->event != event)
+            continue;
+        if (pulse) {
+            if (!w->takes_pulse || w->pulsed.load(std::memory_order_relaxed))
+                continue;
+            w->pulsed.store(true, std::memory_order_relaxed);
+        }
+        if (fire(w)) {
+            if (n < WAKE_BATCH)
+                batch[n++] = w;
+            else
+                futex_wake_one(&w->word);
+        }
+        if (pulse && !all)
+            break;
+    }
+    pthread_mutex_unlock(&b.mutex);
     for (size_t i = 0; i < n; ++i)
         futex_wake_one(&batch[i]->word);
 }
 
+// The link goes into the table before the count is raised, so a signaller
+// whose write saw the count finds the link.
 void link_watch(posix_event_t* e, watch_link_t* link) {
-    pthread_mutex_lock(&e->mutex);
+    bucket_t& b = bucket_of(e);
+    link->event = e;
+    pthread_mutex_lock(&b.mutex);
     link->prev = nullptr;
-    link->next = e->watchers;
-    if (e->watchers)
-        e->watchers->prev = link;
-    e->watchers = link;
-    e->watched.fetch_add(1, std::memory_order_seq_cst);
-    pthread_mutex_unlock(&e->mutex);
+    link->next = b.head;
+    if (b.head)
+        b.head->prev = link;
+    b.head = link;
+    pthread_mutex_unlock(&b.mutex);
+    e->state.fetch_add(WATCHER, std::memory_order_seq_cst);
 }
 
 void unlink_watch(posix_event_t* e, watch_link_t* link) {
-    pthread_mutex_lock(&e->mutex);
+    e->state.fetch_sub(WATCHER, std::memory_order_relaxed);
+    bucket_t& b = bucket_of(e);
+    pthread_mutex_lock(&b.mutex);
     if (link->prev)
         link->prev->next = link->next;
     else
-        e->watchers = link->next;
+        b.head = link->next;
     if (link->next)
         link->next->prev = link->prev;
-    e->watched.fetch_sub(1, std::memory_order_relaxed);
-    pthread_mutex_unlock(&e->mutex);
+    pthread_mutex_unlock(&b.mutex);
 }
 
 // The lowest of `count` events whose signal could be taken, or count.
@@ -179,75 +241,43 @@ event_handle_t event_create(bool manual_reset, bool initially_signalled) {
     posix_event_t* e = new (std::nothrow) posix_event_t;
     if (!e)
         return nullptr;
-    e->signalled.store(initially_signalled ? 1 : 0, std::memory_order_relaxed);
-    e->watched.store(0, std::memory_order_relaxed);
+    e->state.store(initially_signalled ? SIGNALLED : 0, std::memory_order_relaxed);
     e->manual = manual_reset;
-    pthread_mutex_init(&e->mutex, nullptr);
-    e->watchers = nullptr;
     return e;
 }
 
-void event_close(event_handle_t h) {
-    posix_event_t* e = static_cast<posix_event_t*>(h);
-    pthread_mutex_destroy(&e->mutex);
-    delete e;
-}
+void event_close(event_handle_t h) { delete static_cast<posix_event_t*>(h); }
 
 int event_signal(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
     // A read-modify-write even when the event is set already: the wait that
     // takes the signal reads from it, so what the signaller did before (a
-    // push into a queue) is visible to that wait. Already set: whoever set
-    // it wakes the watchers, and a wait not yet watching takes it itself.
-    if (e->signalled.exchange(1, std::memory_order_seq_cst) != 0)
-        return 0;
-    if (e->watched.load(std::memory_order_seq_cst) == 0)
-        return 0;
-    watcher_t* batch[WAKE_BATCH];
-    size_t n = 0;
-    pthread_mutex_lock(&e->mutex);
-    for (watch_link_t* link = e->watchers; link; link = link->next) {
-        if (!fire(link->watcher))
-            continue;
-        if (n < WAKE_BATCH)
-            batch[n++] = link->watcher;
-        else
-            futex_wake_one(&link->watcher->word);
+    // push into a queue) is visible to that wait. It is the last touch of
+    // the event.
+    uint32_t s = e->state.load(std::memory_order_relaxed);
+    while (!e->state.compare_exchange_weak(s, s | SIGNALLED, std::memory_order_seq_cst, std::memory_order_relaxed)) {
     }
-    pthread_mutex_unlock(&e->mutex);
-    wake_all(batch, n);
+    // Already set: whoever set it woke the watchers of then, and a wait
+    // linked since finds the bit itself.
+    if ((s & SIGNALLED) || s < WATCHER)
+        return 0;
+    fire_watchers(e, false, true);
     return 0;
 }
 
 int event_pulse(event_handle_t h) {
     posix_event_t* e = static_cast<posix_event_t*>(h);
-    watcher_t* batch[WAKE_BATCH];
-    size_t n = 0;
-    pthread_mutex_lock(&e->mutex);
     // Only the threads inside event_wait meet a pulse: all of them for a
     // manual-reset event, one for an auto-reset one. The event is left reset.
-    e->signalled.store(0, std::memory_order_seq_cst);
-    for (watch_link_t* link = e->watchers; link; link = link->next) {
-        watcher_t* w = link->watcher;
-        if (!w->takes_pulse || w->pulsed.load(std::memory_order_relaxed))
-            continue;
-        w->pulsed.store(true, std::memory_order_relaxed);
-        if (fire(w)) {
-            if (n < WAKE_BATCH)
-                batch[n++] = w;
-            else
-                futex_wake_one(&w->word);
-        }
-        if (!e->manual)
-            break;
-    }
-    pthread_mutex_unlock(&e->mutex);
-    wake_all(batch, n);
+    const bool manual = e->manual;
+    const uint32_t s = e->state.fetch_and(~SIGNALLED, std::memory_order_seq_cst);
+    if (s >= WATCHER)
+        fire_watchers(e, true, manual);
     return 0;
 }
 
 int event_reset(event_handle_t h) {
-    static_cast<posix_event_t*>(h)->signalled.store(0, std::memory_order_seq_cst);
+    static_cast<posix_event_t*>(h)->state.fetch_and(~SIGNALLED, std::memory_order_seq_cst);
     return 0;
 }
 
@@ -264,7 +294,7 @@ wait_status_t event_wait(event_handle_t h, uint32_t timeout_ms) {
     w.word.store(WATCH_ARMED, std::memory_order_relaxed);
     w.takes_pulse = true;
     w.pulsed.store(false, std::memory_order_relaxed);
-    watch_link_t link = {&w, nullptr, nullptr};
+    watch_link_t link = {&w, nullptr, nullptr, nullptr};
     link_watch(e, &link);
     const bool woken = sleep_until_fired(&w, timeout_ms == WAIT_FOREVER ? nullptr : &deadline, [&] {
         // The pulse flag is read after the fired word (acquire), which the
