@@ -7,6 +7,7 @@
 #include <type_traits>
 #include <vector>
 
+#include "io_repo.h"
 #include "lock.h"
 #include "test_support.h"
 
@@ -165,6 +166,120 @@ TEST(Event, SignalAndPulseReleaseAllWaitersOfManualResetAndOneAtATimeOfAutoReset
         w.join();
         EXPECT_EQ(manual && !pulse ? RESULT_SUCCESS : RESULT_BUSY, e.wait(0)) << "kind " << kind;
     }
+}
+
+// A wait on `e` through the wait on several events, with `other` (never
+// signalled) ahead of it in the set: 0 when `e` ended it, 16 on time-out.
+class multi_wait_t : public io_handler_it {
+public:
+    multi_wait_t(event_t& other, event_t& e) {
+        m_repo.add_event(other, this);
+        m_repo.add_event(e, this);
+    }
+    void on_ready(io_handle_t, uint32_t) override {}
+    int wait(int timeout_ms) {
+        unsigned int index = 99;
+        const int rv = m_repo.wait(timeout_ms, &index, nullptr);
+        return rv == RESULT_SUCCESS && index != 1 ? RESULT_FAILURE : rv;
+    }
+
+private:
+    events_t m_repo;
+};
+
+// Two threads hand a turn back and forth through two auto-reset events, so
+// nearly every signal lands while its waiter is between finding the event
+// unset and falling asleep. A signal lost there leaves the waiter asleep
+// until its long time-out, which fails the round by name. `multi` sleeps
+// through the wait on several events (with a second, never signalled event
+// in the set), otherwise through the single wait.
+void hand_turns_back_and_forth(bool multi, int rounds) {
+    event_t to_b(false, false), to_a(false, false), never(false, false);
+    const int limit_ms = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
+    multi_wait_t at_a(never, to_a), at_b(never, to_b);
+    auto wait_turn = [&](event_t& e, multi_wait_t& m) { return multi ? m.wait(limit_ms) : e.wait(limit_ms); };
+    std::atomic<int> lost_at_b(-1);
+    std::thread b([&] {
+        for (int i = 0; i < rounds; ++i) {
+            if (wait_turn(to_b, at_b) != RESULT_SUCCESS) {
+                lost_at_b = i;
+                to_a.signal();
+                return;
+            }
+            to_a.signal();
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        to_b.signal();
+        const int rv = wait_turn(to_a, at_a);
+        ASSERT_EQ(RESULT_SUCCESS, rv) << "the turn back to A was lost in round " << i << (multi ? " (multi)" : "");
+        ASSERT_EQ(-1, lost_at_b.load()) << "the turn to B was lost" << (multi ? " (multi)" : "");
+    }
+    b.join();
+    EXPECT_EQ(RESULT_BUSY, never.wait(0));
+}
+
+TEST(Event, ASignalRacingWithAWaitGoingToSleepIsNeverLost) {
+    const int rounds = 50000 / util_test::ROUNDS_SCALE;
+    hand_turns_back_and_forth(false, rounds);
+    hand_turns_back_and_forth(true, rounds);
+}
+
+TEST(Event, TimedWaitsEndWithoutASignalAndASignalEndsThemEarly) {
+    // Time is the behaviour here: a timed wait must not return before its
+    // time-out when nothing signals (a lower bound only, less the 10 ms by
+    // which a Windows wait may end early on a coarse clock tick), and a
+    // signal from another thread must end a long wait well before it.
+    using clock = std::chrono::steady_clock;
+    for (int multi = 0; multi < 2; ++multi) {
+        event_t e(false, false), other(true, false);
+        multi_wait_t m(other, e);
+        auto timed = [&](int ms) { return multi ? m.wait(ms) : e.wait(ms); };
+        const clock::time_point start = clock::now();
+        EXPECT_EQ(RESULT_BUSY, timed(60)) << multi;
+        EXPECT_GE(clock::now() - start, std::chrono::milliseconds(50)) << multi;
+        std::atomic<bool> waiting(false);
+        std::atomic<int> rv(-1);
+        std::thread t([&] {
+            waiting = true;
+            rv = timed(static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count()));
+        });
+        UTIL_WAIT_UNTIL([&] { return waiting.load(); });
+        e.signal();
+        t.join();
+        EXPECT_EQ(RESULT_SUCCESS, rv.load()) << "the signal did not end the wait, multi = " << multi;
+        EXPECT_EQ(RESULT_BUSY, e.wait(0)) << "the wait took the signal";
+    }
+}
+
+TEST(Event, AWaiterMayFreeTheEventAsSoonAsItHasTheSignal) {
+    // A synchronous message's event goes with the message once its sender
+    // is woken: the signaller must not touch the event after the waiter can
+    // have taken the signal (the sanitizers see any such touch).
+    const int rounds = 20000 / util_test::ROUNDS_SCALE;
+    const int limit_ms = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
+    std::atomic<event_t*> handed(nullptr);
+    std::atomic<int> freed(0), failed(0);
+    std::thread waiter([&] {
+        for (int i = 0; i < rounds; ++i) {
+            event_t* e = nullptr;
+            if (!wait_until("the next event", [&] { return (e = handed.exchange(nullptr)) != nullptr; }))
+                return;
+            if (e->wait(limit_ms) != RESULT_SUCCESS)
+                ++failed;
+            delete e;
+            ++freed;
+        }
+    });
+    for (int i = 0; i < rounds; ++i) {
+        event_t* e = new event_t(false, false);
+        handed.store(e);
+        // The waiter may be asleep, on its way to sleep, or not there yet.
+        e->signal();
+        ASSERT_TRUE(wait_until("the waiter freed the event", [&] { return freed.load() == i + 1; })) << i;
+    }
+    waiter.join();
+    EXPECT_EQ(0, failed.load());
 }
 
 std::string unique_name(const char* stem) {

@@ -45,8 +45,10 @@ int mutex_unlock(mutex_handle_t h);
 
 // ---- events (Win32 semantics: manual/auto reset, pulse) -----------------
 // An event can be waited on together with other events (event_wait_any):
-// on Windows it is an event HANDLE; on POSIX a mutex and condition variable
-// with a list of the multi-event waits watching it.
+// on Windows it is an event HANDLE; on POSIX a state word, the waits
+// watching it each sleeping on a futex word of its own. A signal costs a
+// system call only when a wait sleeps on the event, and touches the event
+// no more once it is set, so a waiter may free it as soon as it is woken.
 typedef void* event_handle_t;
 event_handle_t event_create(bool manual_reset, bool initially_signalled);
 void event_close(event_handle_t h);
