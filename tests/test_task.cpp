@@ -286,8 +286,10 @@ TEST_F(Tasks, RepeatingTaskKeepsItsScheduleStress) {
     const double last = median(std::vector<double>(late.end() - 100, late.end()));
     // A thread held up for over a second skips the ticks it missed rather
     // than firing a burst ("hurry up"): its schedule then restarts later.
-    if (m_log.contains("hurry up"))
-        std::cout << "note: the loop fell over a second behind; drift not judged\n";
+    // Likewise a thread that the host's load held up for half a second: the
+    // runs after it come in a burst, which says nothing about drift.
+    if (m_log.contains("hurry up") || longest_gap > 50 * period)
+        std::cout << "note: the loop was held up for " << longest_gap << " ms; drift not judged\n";
     else
         EXPECT_LE(last - first, period) << "the schedule drifted; longest gap " << longest_gap << " ms before run "
                                         << gap_at + 1;
