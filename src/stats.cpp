@@ -14,7 +14,9 @@ namespace ssb {
 
 namespace detail {
 
-std::atomic<bool> s_stats_on(true);
+// Alone on its line: every message reads it, and nothing near it may be
+// written often.
+alignas(64) std::atomic<bool> s_stats_on(true);
 
 }  // namespace detail
 

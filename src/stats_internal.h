@@ -48,8 +48,8 @@ private:
 };
 
 // One queue's counters. Writers touch their own line (refusals, the
-// high-water mark, the delay sample) and only read it on the common path;
-// the reader's counts sit on lines of their own.
+// high-water mark) and only read it on the common path; the delay sample
+// and the reader's counts sit on lines of their own.
 struct queue_counters_t {
     // Writers. A queue with several writers updates these under no common
     // lock: refusals are a read-modify-write (rare), the high-water mark a
@@ -62,7 +62,9 @@ struct queue_counters_t {
     uint32_t depth_limit = UINT32_MAX;
     // The message being timed, its writer's tick when it was claimed, and
     // when it was posted. At most one in flight; the reader frees the slot.
-    std::atomic<const msg_it*> sample{nullptr};
+    // A line of its own: the reader looks at it on every pop, and the
+    // writers write it at most once a millisecond.
+    alignas(64) std::atomic<const msg_it*> sample{nullptr};
     std::atomic<uint32_t> sample_tick{0};
     std::atomic<uint64_t> sample_ns{0};
 
