@@ -390,9 +390,9 @@ public:
             const size_t limit = kind == KIND_VIDEO ? m_profile.hold_limit : 2 * m_profile.hold_limit;
             if (m_hold.size() + count > limit) {
                 bump(m_counters->dropped[kind]);
-                CALL_LOG(ssb::LOG_DEBUG, "encoder: frame dropped by the hold rule, frame = "
-                                             << id << ", kind = " << static_cast<unsigned int>(kind)
-                                             << ", held = " << m_hold.size());
+                CALL_LOG(ssb::LOG_DEBUG, "encoder: frame dropped by the hold rule, encoder = "
+                                             << m_index << ", frame = " << id << ", kind = "
+                                             << static_cast<unsigned int>(kind) << ", held = " << m_hold.size());
                 ssb::msg_db_t::release(coded);
                 return;
             }
@@ -434,7 +434,7 @@ public:
     // Hands what is recorded to the pool and lets go of finished tasks.
     void flush_recording() {
         hand_recording();
-        sweep_tasks(true);
+        sweep_tasks();
     }
 
     size_t held() const { return m_hold.size(); }
@@ -455,7 +455,7 @@ private:
         }
         // The sender is gone: nothing will call back, so the packet ends here.
         bump(m_counters->post_failures);
-        CALL_LOG(ssb::LOG_ERROR, "encoder: post to the sender failed, rv = " << rv);
+        CALL_LOG(ssb::LOG_ERROR, "encoder: post to the sender failed, encoder = " << m_index << ", rv = " << rv);
         m_sender->unrun(msg);
         msg->release();
         return true;
@@ -506,17 +506,17 @@ private:
         ssb::thread_wrapper_t* thr = nullptr;
         const int rv = m_pool->add_task(msg, task_id, bytes / 1024 + 1, thr);
         if (rv != ssb::RESULT_SUCCESS) {
-            CALL_LOG(ssb::LOG_ERROR, "encoder: the pool refused a recording, rv = " << rv);
+            CALL_LOG(ssb::LOG_ERROR, "encoder: the pool refused a recording, encoder = " << m_index << ", rv = " << rv);
             msg->release();
         } else {
             bump(m_counters->recordings);
             m_tasks.push_back({task_id, done});
         }
-        sweep_tasks(false);
+        sweep_tasks();
     }
 
     // Ends finished tasks so the pool's loads stay current.
-    void sweep_tasks(bool) {
+    void sweep_tasks() {
         for (size_t i = 0; i < m_tasks.size();) {
             if (m_tasks[i].second->load(std::memory_order_acquire)) {
                 m_pool->remove_task(nullptr, m_tasks[i].first);
