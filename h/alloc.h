@@ -102,12 +102,32 @@ inline unsigned int alloc_class_bytes(unsigned int k) { return ALLOC_UNIT << k; 
 // one thread or behind its owner's lock: it takes none itself.
 class UTIL_API cached_allocator_helper : no_copy {
 public:
+    // A count bumped by the cache's own thread and read by statistics from
+    // any thread: a relaxed load and store, no read-modify-write.
+    class counter32_t {
+    public:
+        counter32_t() = default;
+        counter32_t(const counter32_t& other) : m_n(other) {}
+        counter32_t& operator=(const counter32_t& other) {
+            m_n.store(other, std::memory_order_relaxed);
+            return *this;
+        }
+        operator uint32_t() const { return m_n.load(std::memory_order_relaxed); }
+        counter32_t& operator++() {
+            m_n.store(m_n.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+            return *this;
+        }
+
+    private:
+        std::atomic<uint32_t> m_n{0};
+    };
+
     // Requests counted in every class an allocation looks at; releases
     // counted in the class a block is offered to.
     struct class_record_t {
-        uint32_t requests;
-        uint32_t hits;
-        uint32_t releases;
+        counter32_t requests;
+        counter32_t hits;
+        counter32_t releases;
     };
 
     // Every class ring gets `capacity` entries, clamped to 32..16,384. A null

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <list>
+#include <memory>
 
 #include "defer_op.h"
 #include "lock.h"
@@ -20,6 +21,7 @@ namespace ssb {
 
 class notifier_it;
 class thread_wrapper_t;
+struct queue_counters_t;
 
 // Called back, on the writer's thread, when room was made in a queue that
 // it found full. `reason` is 0.
@@ -86,6 +88,9 @@ public:
     // Hands the sink wake-up to `writer`'s thread when a writer found the
     // queue full: 0, 9 when that thread has stopped, 12 without a thread.
     int lanuch_on_sink(thread_wrapper_t* writer);
+    // Statistics (src/stats_internal.h) and the messages waiting now.
+    queue_counters_t* counters() const { return m_counters.get(); }
+    uint32_t depth() const { return m_queued.load(std::memory_order_relaxed); }
 
     void* query_interface(uint64_t iid) override;
     uint32_t increment() override { return m_ref.inc(); }
@@ -112,6 +117,10 @@ protected:
     int after_push(int rv, unsigned int mode);
     // After a ring pop: the count and the sink hand-over; returns rv.
     int after_pop(int rv, unsigned int mode, thread_wrapper_t* writer);
+    // Around a post's ring push: times the message when its turn comes.
+    bool before_post(msg_it* msg);
+    void after_post(int rv, msg_it* msg, bool sampled);
+    void counted_pop(int rv, msg_it* msg);
     // Pushes and signals as the mode says: 0 or 3.
     virtual int push_signalled(msg_it* msg) = 0;
     // A snapshot of the ring, and the thread sinks are called back on.
@@ -131,8 +140,9 @@ protected:
     msg_queue_sink_it* m_calling UTIL_GUARDED_BY(m_lock) = nullptr;
     unsigned int m_calling_tid UTIL_GUARDED_BY(m_lock) = 0;
     // Messages in the ring, counted by both sides to decide the wake-up
-    // when writers signal only an empty queue.
+    // when writers signal only an empty queue, and for the depth.
     std::atomic<uint32_t> m_queued;
+    std::unique_ptr<queue_counters_t> m_counters;
 
 private:
     detail::ref_counter_t<null_lock> m_ref;

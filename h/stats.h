@@ -45,25 +45,28 @@ struct UTIL_API histogram_t {
 
 // One queue: a channel from `peer` or the control queue.
 struct UTIL_API queue_stats_t {
-    std::string peer;        // the writer's thread name; "control" for the control queue
-    uint64_t posted = 0;     // accepted by the queue
-    uint64_t run = 0;        // popped and run
-    uint64_t overtime = 0;   // popped and dropped as overtime
-    uint64_t refused = 0;    // refused as full
-    uint32_t depth = 0;      // messages waiting now
-    uint32_t high_water = 0; // most messages waiting at once
-    histogram_t delay_us;    // sampled posted -> popped, microseconds
+    std::string peer;         // the writer's thread name; "control" for the control queue
+    uint64_t posted = 0;      // accepted by the queue
+    uint64_t popped = 0;      // taken out by the reader
+    uint64_t run = 0;         // run by the loop
+    uint64_t overtime = 0;    // dropped by the loop as overtime
+    uint64_t refused = 0;     // refused as full
+    uint32_t depth = 0;       // messages waiting now
+    uint32_t high_water = 0;  // most messages waiting at once
+    histogram_t delay_us;     // sampled posted -> popped, microseconds
 };
 
 struct UTIL_API thread_stats_t {
     std::string name;
     unsigned int id = 0;
-    uint64_t passes = 0;     // passes that ran at least one message
-    uint64_t busy_us = 0;    // time inside those passes
-    uint64_t messages = 0;   // messages run (channels and control queue)
-    uint64_t ticks = 0;      // timer tick messages run
+    uint64_t passes = 0;    // passes that ran at least one message
+    uint64_t busy_us = 0;   // time inside those passes
+    uint64_t messages = 0;  // messages run (channels and control queue)
+    uint64_t ticks = 0;     // timer tick messages run
     histogram_t msgs_per_pass;
-    histogram_t timer_late_us; // a wheel step's time behind its due time, per step that fired
+    // Milliseconds a wheel step ran behind its due time, per step that
+    // fired a timer (the tick clock's resolution).
+    histogram_t timer_late_ms;
     queue_stats_t control;
     std::vector<queue_stats_t> channels;
 };
@@ -71,14 +74,15 @@ struct UTIL_API thread_stats_t {
 struct UTIL_API alloc_class_stats_t {
     unsigned int bytes = 0;  // the class's block size
     uint64_t requests = 0;
-    uint64_t hits = 0;       // served from a thread cache
+    uint64_t hits = 0;    // served from a thread cache
+    uint64_t misses = 0;  // requests - hits: served by the pool or the heap
 };
 
 struct UTIL_API process_stats_t {
     std::vector<thread_stats_t> threads;
     alloc_class_stats_t alloc[ALLOC_CLASS_COUNT];
-    uint64_t driver_wakeups = 0;        // the timer driver's wake-ups since it started
-    uint64_t driver_wakeups_last_s = 0; // in the last whole second
+    uint64_t driver_wakeups = 0;         // the timer driver's wake-ups since it started
+    uint64_t driver_wakeups_last_s = 0;  // in the last whole second
 };
 
 // Whether the counters run; on by default. Any thread.

@@ -42,6 +42,8 @@ namespace ssb {
 
 class notifier_it;
 class thread_mgr_t;
+struct queue_counters_t;
+struct thread_stats_t;
 template <class T>
 class ref_holder_t;
 
@@ -273,6 +275,7 @@ private:
 
     // Test seams reach the parts through it (src/live_count.h).
     friend struct thread_test_access;
+    friend int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out);
     friend class timer_driver_msg_t;
     void count_tick();
     // Opens the wheel on the loop's thread; closes it when the loop stops.
@@ -296,8 +299,9 @@ private:
     void stop_taken_over();
     // Runs the sink wake-ups held by hold_sink_wakeup. Loop thread.
     void run_held_wakeups();
-    // Runs or drops one popped message; the load it counts.
-    unsigned int run_msg(msg_it* msg, bool control);
+    // Runs or drops one popped message, counting it into `counters` when
+    // given; the load it counts.
+    unsigned int run_msg(msg_it* msg, bool control, queue_counters_t* counters);
     void drain_all();
     // Binds or unbinds `end`'s side, on `end`'s thread.
     static int bind_end(thread_wrapper_t* end, thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w);

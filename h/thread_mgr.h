@@ -3,6 +3,7 @@
 #define SSB_THREAD_MGR_H
 
 #include <memory>
+#include <vector>
 
 #include "lock.h"
 #include "thread.h"
@@ -78,6 +79,9 @@ public:
     int stop_thread_by_id(unsigned int id);
     // Applies the precision to every registered thread: 0, 2 out of range.
     int adjust_timer_precision(unsigned int ms);
+    // Statistics of every listed thread (h/stats.h), read outside the
+    // manager's lock.
+    void collect_stats(std::vector<thread_stats_t>& out);
 
 private:
     thread_mgr_t();

@@ -279,6 +279,8 @@ public:
     const ticks_helper& position() const { return m_pos; }
     // Scheduled timers in the slot lists (a timer being fired is not one).
     uint32_t timer_count() const { return m_count; }
+    // Call-backs run since the wheel was made.
+    uint64_t fired() const { return m_fired; }
     // Ticks from the position to the first slot, at any level, that holds
     // a timer: do_timer of at most that many ticks visits no slot that it
     // skips. 0 with an immediate timer; UINT32_MAX when empty.
@@ -316,6 +318,7 @@ private:
     uint32_t m_count;
     // Bumped by clear(): a firing loop that sees it move stops.
     uint32_t m_clear_epoch;
+    uint64_t m_fired = 0;
     timer_carrier_t* m_spare;
     uint32_t m_spare_count;
 };

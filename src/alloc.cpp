@@ -6,9 +6,11 @@
 #include <atomic>
 #include <memory>
 #include <new>
+#include <vector>
 
 #include "platform/platform.h"
 #include "singleton.h"
+#include "stats_internal.h"
 #include "tls.h"
 #include "trace.h"
 
@@ -98,6 +100,12 @@ struct pool_t {
     bool has_exit_slot;
     // Small blocks taken from the C heap and not yet freed to it.
     std::atomic<int64_t> heap_blocks;
+    // Every live thread cache, and the counts of those gone, for the
+    // process statistics.
+    spin_lock caches_lock;
+    std::vector<const cached_allocator_helper*> caches;
+    uint64_t gone_requests[ALLOC_CLASS_COUNT] = {};
+    uint64_t gone_hits[ALLOC_CLASS_COUNT] = {};
 };
 
 // Lives as long as the process: thread caches dropped after the allocator's
@@ -248,7 +256,45 @@ struct alloc_internals_t {
         r.limit = r.limit + BATCH_BLOCKS < r.capacity ? r.limit + BATCH_BLOCKS : r.capacity;
     }
 
+    static void enlist(const cached_allocator_helper* cache) {
+        pool_t& p = pool();
+        auto_lock_t<spin_lock> guard(p.caches_lock);
+        p.caches.push_back(cache);
+    }
+
+    static void delist(const cached_allocator_helper* cache) {
+        pool_t& p = pool();
+        auto_lock_t<spin_lock> guard(p.caches_lock);
+        for (size_t i = 0; i < p.caches.size(); ++i) {
+            if (p.caches[i] != cache)
+                continue;
+            for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+                p.gone_requests[k] += cache->m_rings[k].record.requests;
+                p.gone_hits[k] += cache->m_rings[k].record.hits;
+            }
+            p.caches[i] = p.caches.back();
+            p.caches.pop_back();
+            return;
+        }
+    }
+
+    static void read_classes(alloc_class_stats_t* out) {
+        pool_t& p = pool();
+        auto_lock_t<spin_lock> guard(p.caches_lock);
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            out[k].bytes = alloc_class_bytes(k);
+            out[k].requests = p.gone_requests[k];
+            out[k].hits = p.gone_hits[k];
+            for (const cached_allocator_helper* cache : p.caches) {
+                out[k].requests += cache->m_rings[k].record.requests;
+                out[k].hits += cache->m_rings[k].record.hits;
+            }
+            out[k].misses = out[k].requests - out[k].hits;
+        }
+    }
+
     static void drop_cache(cached_allocator_helper* cache) {
+        delist(cache);
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             cached_allocator_helper::ring_t& r = cache->m_rings[k];
             while (r.count)
@@ -673,6 +719,7 @@ cached_allocator_helper* ssb_allocator_t::thread_cache() {
         delete cache;
         return nullptr;
     }
+    alloc_internals_t::enlist(cache);
     t_cache = cache;
     if (pool().has_exit_slot)
         plat::exit_slot_set(pool().exit_slot, cache);
@@ -737,5 +784,7 @@ void ssb_allocator_t::stats(stats_t& out) {
         }
     }
 }
+
+void read_alloc_classes(alloc_class_stats_t* out) { alloc_internals_t::read_classes(out); }
 
 }  // namespace ssb

@@ -8,6 +8,7 @@
 #include "notifier.h"
 #include "timer.h"
 #include "live_count.h"
+#include "stats_internal.h"
 #include "trace.h"
 
 namespace ssb {
@@ -171,7 +172,7 @@ std::atomic<refused_push_hook_t> s_refused_push_hook(nullptr);
 void set_refused_push_hook(refused_push_hook_t hook) { s_refused_push_hook.store(hook, std::memory_order_relaxed); }
 
 msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
-    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_ref(0) {
+    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_counters(new queue_counters_t), m_ref(0) {
     s_live_queues.fetch_add(1, std::memory_order_relaxed);
 }
 
@@ -265,12 +266,14 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
     uint32_t old = m_status.exchange(MSG_QUEUE_STATUS_NORMAL, std::memory_order_relaxed);
     if (!writer)
         return RESULT_REFUSED;
+    if (old != MSG_QUEUE_STATUS_FULL)
+        return RESULT_SUCCESS;
     bool has_sinks;
     {
         auto_lock_t<thread_mutex_recursive> guard(m_lock);
         has_sinks = !m_sinks.empty();
     }
-    if (old != MSG_QUEUE_STATUS_FULL || !has_sinks)
+    if (!has_sinks)
         return RESULT_SUCCESS;
     if (!loop_is_running(writer)) {
         UTIL_LOG(LOG_WARNING, "msg_queue_base_t::lanuch_on_sink , thr = " << static_cast<void*>(writer)
@@ -286,17 +289,29 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
 }
 
 bool msg_queue_base_t::note_pushed(unsigned int mode) {
-    if (mode == MSG_QUEUE_SIGNAL_ALWAYS)
-        return true;
     // RMWs on one counter order a writer that found the queue non-empty
     // after the reader's pop of the previous message, so the reader finds
     // this one before it sleeps: no wake-up is lost.
-    return m_queued.fetch_add(1, std::memory_order_acq_rel) == 0;
+    const uint32_t before = m_queued.fetch_add(1, std::memory_order_acq_rel);
+    if (stats_on())
+        m_counters->note_depth(before + 1);
+    return mode == MSG_QUEUE_SIGNAL_ALWAYS || before == 0;
 }
 
-void msg_queue_base_t::note_popped(unsigned int mode) {
-    if (mode != MSG_QUEUE_SIGNAL_ALWAYS)
-        m_queued.fetch_sub(1, std::memory_order_acq_rel);
+void msg_queue_base_t::note_popped(unsigned int) { m_queued.fetch_sub(1, std::memory_order_acq_rel); }
+
+bool msg_queue_base_t::before_post(msg_it* msg) {
+    return stats_on() && m_counters->claim_sample(msg, msg->get_ticks());
+}
+
+void msg_queue_base_t::after_post(int rv, msg_it* msg, bool sampled) {
+    if (rv != RESULT_SUCCESS && sampled)
+        m_counters->drop_sample(msg);
+}
+
+void msg_queue_base_t::counted_pop(int rv, msg_it* msg) {
+    if (rv == RESULT_SUCCESS && stats_on())
+        m_counters->note_popped(msg);
 }
 
 int msg_queue_base_t::refuse_null(int line) {
@@ -310,6 +325,8 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     // an empty queue does.
     bool wake = rv == RESULT_SUCCESS ? note_pushed(mode) : mode == MSG_QUEUE_SIGNAL_ALWAYS;
     if (rv == RESULT_QUEUE_FULL) {
+        if (stats_on())
+            m_counters->refused.fetch_add(1, std::memory_order_relaxed);
         if (refused_push_hook_t hook = s_refused_push_hook.load(std::memory_order_relaxed))
             hook(this);
         mark_full();
@@ -365,6 +382,7 @@ int msg_queue_base_t::send_through(const char* name, msg_it* msg, int timeout) {
 o2o_msg_queue_t::o2o_msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity,
                                  unsigned int mode)
     : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    m_counters->depth_limit = capacity > 1 ? capacity - 1 : 0;
     if (!reader)
         UTIL_ASSERT_LINE(QUEUE_SOURCE_PATH, __LINE__, ", this = " << static_cast<void*>(this));
 }
@@ -382,7 +400,9 @@ int o2o_msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push
 int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     if (!msg)
         return refuse_null(__LINE__);
+    const bool sampled = before_post(msg);
     int rv = m_ring.push(msg);
+    after_post(rv, msg, sampled);
     // The sink is registered and the status set before the reader is woken.
     if (rv == RESULT_QUEUE_FULL && sink)
         add_sink(sink);
@@ -397,12 +417,17 @@ int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
     return send_through("o2o_msg_queue_t::send_msg", msg, timeout);
 }
 
-int o2o_msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mode, m_writer); }
+int o2o_msg_queue_t::pop_msg(msg_it*& msg) {
+    const int rv = m_ring.pop(msg);
+    counted_pop(rv, msg);
+    return after_pop(rv, m_mode, m_writer);
+}
 
 // ---- msg_queue_t ------------------------------------------------------------------
 
 msg_queue_t::msg_queue_t(notifier_it* reader, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode)
     : msg_queue_base_t(reader), m_writer(writer), m_ring(capacity), m_mode(mode) {
+    m_counters->depth_limit = capacity > 1 ? capacity - 1 : 0;
     if (writer)
         UTIL_LOG(LOG_INFO, "msg_queue_t::msg_queue_t reader = " << static_cast<void*>(reader)
                                                                 << ", writer = " << static_cast<void*>(writer)
@@ -426,7 +451,10 @@ int msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg
 int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) {
     if (!msg)
         return refuse_null(__LINE__);
-    return push_signalled(msg);
+    const bool sampled = before_post(msg);
+    const int rv = m_ring.push(msg);
+    after_post(rv, msg, sampled);
+    return after_push(rv, m_mode);
 }
 
 int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
@@ -437,6 +465,10 @@ int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
     return send_through("msg_queue_t::send_msg", msg, timeout);
 }
 
-int msg_queue_t::pop_msg(msg_it*& msg) { return after_pop(m_ring.pop(msg), m_mode, m_writer); }
+int msg_queue_t::pop_msg(msg_it*& msg) {
+    const int rv = m_ring.pop(msg);
+    counted_pop(rv, msg);
+    return after_pop(rv, m_mode, m_writer);
+}
 
 }  // namespace ssb

@@ -10,6 +10,7 @@
 #include "notifier.h"
 #include "platform/platform.h"
 #include "thread_identity.h"
+#include "stats_internal.h"
 #include "thread_parts.h"
 #include "thread_waits.h"
 #include "tls.h"
@@ -183,9 +184,11 @@ void thread_wrapper_t::thread_run(void*) {
     parts.pass_owner.store(PASS_FREE, std::memory_order_release);
 }
 
-unsigned int thread_wrapper_t::run_msg(msg_it* popped, bool control) {
+unsigned int thread_wrapper_t::run_msg(msg_it* popped, bool control, queue_counters_t* counters) {
     msg_holder_t msg(popped);
     if (popped->overtime()) {
+        if (counters && stats_on())
+            bump(counters->overtime);
         if (control)
             UTIL_LOG(LOG_WARNING,
                      "thread_wrapper_t::process_msg() the control msg already overtime, "
@@ -198,6 +201,8 @@ unsigned int thread_wrapper_t::run_msg(msg_it* popped, bool control) {
                          << static_cast<uint32_t>(popped->get_type()) << ", this = " << log_ptr(this));
         return 0;
     }
+    if (counters && stats_on())
+        bump(counters->run);
     const unsigned int load = popped->load();
     popped->on_message();
     return load;
@@ -233,15 +238,18 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
     const unsigned int bound = max < THREAD_PASS_LOAD ? max : THREAD_PASS_LOAD;
     const uint64_t epoch = channels.epoch();
     unsigned int total = 0;
+    pass_meter_t meter(m_parts->stats);
     bool took = true;
     while (took && total < bound) {
         took = false;
         for (size_t i = 0; i < channels.size(); ++i) {
             msg_it* msg = nullptr;
-            if (channels.at(i).read->pop_msg(msg) != RESULT_SUCCESS)
+            channel_map_t::channel_t& channel = channels.at(i);
+            if (channel.read->pop_msg(msg) != RESULT_SUCCESS)
                 continue;
             took = true;
-            total += run_msg(msg, false);
+            meter.count();
+            total += run_msg(msg, false, channel.counters);
             if (channels.epoch() != epoch) {
                 // The list may have moved under the index; the control
                 // queue waits for the next pass.
@@ -258,8 +266,10 @@ unsigned int thread_wrapper_t::process_msg(unsigned int max) {
         UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::process_msg, loads = " << total << ", this = " << log_ptr(this));
     msg_queue_t* control = m_parts->ctrl_queue.get();
     msg_it* msg = nullptr;
-    while (!is_stopped() && control->pop_msg(msg) == RESULT_SUCCESS)
-        total += run_msg(msg, true);
+    while (!is_stopped() && control->pop_msg(msg) == RESULT_SUCCESS) {
+        meter.count();
+        total += run_msg(msg, true, control->counters());
+    }
     if (is_stopped())
         drain_all();
     m_pass_end = total < THREAD_PASS_LOAD ? PASS_IDLE : PASS_BUSY;

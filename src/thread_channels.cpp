@@ -90,8 +90,9 @@ channel_map_t::channel_t* channel_map_t::find(thread_wrapper_t* peer) {
 bool channel_map_t::bind(thread_wrapper_t* peer, r_msg_queue_it* r, w_msg_queue_it* w) {
     if (find(peer))
         return false;
+    msg_queue_base_t* queue = dynamic_cast<msg_queue_base_t*>(r);
     m_channels.push_back(channel_t{ref_holder_t<thread_wrapper_t>(peer), ref_holder_t<r_msg_queue_it>(r),
-                                   ref_holder_t<w_msg_queue_it>(w)});
+                                   ref_holder_t<w_msg_queue_it>(w), queue ? queue->counters() : nullptr});
     ++m_epoch;
     return true;
 }

@@ -7,6 +7,7 @@
 #include "notifier.h"
 #include "ref_holder.h"
 #include "singleton.h"
+#include "stats.h"
 #include "thread_event.h"
 #include "thread_identity.h"
 #include "tls.h"
@@ -407,6 +408,17 @@ thread_wrapper_t* thread_mgr_t::find_by_type(unsigned int type) {
         if (thr->get_type() == type)
             return thr.get();
     return nullptr;
+}
+
+void thread_mgr_t::collect_stats(std::vector<thread_stats_t>& out) {
+    std::vector<thread_ref_t> threads;
+    {
+        auto_lock_t<thread_mutex_recursive> guard(m_inner_lock);
+        threads.assign(m_lists->threads.begin(), m_lists->threads.end());
+    }
+    out.resize(threads.size());
+    for (size_t i = 0; i < threads.size(); ++i)
+        get_thread_stats(threads[i].get(), out[i]);
 }
 
 thread_wrapper_t* thread_mgr_t::find_by_id(unsigned int id) {

@@ -13,6 +13,7 @@
 #include "msg_queue.h"
 #include "ref_holder.h"
 #include "ring_queue.h"
+#include "stats_internal.h"
 #include "thread.h"
 
 namespace ssb {
@@ -27,6 +28,8 @@ public:
         ref_holder_t<thread_wrapper_t> peer;
         ref_holder_t<r_msg_queue_it> read;
         ref_holder_t<w_msg_queue_it> write;
+        // The read queue's statistics; null for a queue of another kind.
+        queue_counters_t* counters;
     };
 
     ~channel_map_t();
@@ -131,6 +134,7 @@ struct thread_wrapper_t::parts_t {
     std::atomic<unsigned int> pass_owner{0};
     // Nesting of thread_run on the loop's own thread (a message that pumps).
     unsigned int pass_depth = 0;
+    thread_counters_t stats;
 };
 
 // parts_t::pass_owner values.

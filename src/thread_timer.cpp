@@ -72,6 +72,31 @@ uint32_t advance_over_empty_slots(timer_queue_t* wheel, uint32_t ticks, const ti
     return done;
 }
 
+// Records how late a wheel step ran, for each step that fired a timer.
+class late_meter_t {
+public:
+    late_meter_t(const timer_queue_t& wheel, thread_counters_t& counters, uint32_t now)
+        : m_wheel(wheel), m_counters(counters), m_now(now), m_fired(wheel.fired()) {}
+
+    // After the step due at tick `due`.
+    void step(uint32_t due) {
+        const uint64_t fired = m_wheel.fired();
+        if (fired == m_fired)
+            return;
+        m_fired = fired;
+        if (!stats_on())
+            return;
+        const int32_t late = static_cast<int32_t>(m_now - due);
+        m_counters.timer_late_ms.add(late > 0 ? static_cast<uint64_t>(late) : 0);
+    }
+
+private:
+    const timer_queue_t& m_wheel;
+    thread_counters_t& m_counters;
+    const uint32_t m_now;
+    uint64_t m_fired;
+};
+
 }  // namespace
 
 // The tick the driver sends to a thread whose wheel is due. From the
@@ -317,6 +342,7 @@ int thread_wrapper_t::process_timer() {
     timer_queue_t* wheel = keep.get();
     const uint32_t now = ticks_drv_t::now();
     t.processing = true;
+    late_meter_t late(*wheel, m_parts->stats, now);
     if (wheel->timer_count() == 0 && !wheel->has_immediately_timer()) {
         // Nothing to fire or cascade: an empty wheel just keeps time, and
         // one left idle (the low-power mode) needs no catch-up.
@@ -329,6 +355,7 @@ int thread_wrapper_t::process_timer() {
         const uint32_t lag = elapsed_on(t.last_drive, now) / TICK_MS;
         const uint32_t done = advance_over_empty_slots(wheel, lag, t);
         t.last_drive.store(t.last_drive.load(std::memory_order_relaxed) + done * TICK_MS, std::memory_order_relaxed);
+        late.step(t.last_drive.load(std::memory_order_relaxed));
         if (wheel->has_immediately_timer())
             wheel->do_timer(0);
     } else {
@@ -348,6 +375,7 @@ int thread_wrapper_t::process_timer() {
                 wheel->do_timer(step_ticks);
             }
             uint32_t stamp = t.last_drive.load(std::memory_order_relaxed) + step;
+            late.step(stamp);
             if (n == MAX_CATCH_UP_STEPS && elapsed > LATE_MS) {
                 signed char buf[LOG_LINE_BUFFER];
                 log_stream_t line(buf, LOG_LINE_BUFFER, reinterpret_cast<const signed char*>("WARNING"),
@@ -376,6 +404,7 @@ int thread_wrapper_t::process_timer() {
             advance_over_empty_slots(wheel, rest, t);
             t.lap_remainder = rest * TICK_MS;
         }
+        late.step(t.last_drive.load(std::memory_order_relaxed));
     }
     t.processing = false;
     publish_timer_state();

@@ -1,6 +1,7 @@
 #include "timer_drv.h"
 
 #include "platform/platform.h"
+#include "stats_internal.h"
 #include "thread_event.h"
 #include "timer.h"
 #include "trace.h"
@@ -74,6 +75,7 @@ void timer_drv_t::loop() {
 
     while (!is_stopping()) {
         const uint64_t now_us = time_strategy::now();
+        note_driver_wakeup(now_us);
         if (now_us >= m_status_us + STATUS_INTERVAL_US) {
             UTIL_LOG(LOG_INFO, "timer_drv_t::loop (), this = "
                                    << static_cast<void*>(this) << ", ticks_drv_t::s_tag = " << ticks_drv_t::s_tag.load()

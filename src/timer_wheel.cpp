@@ -252,6 +252,7 @@ private:
             timer_firing_t frame(carrier);
             if (timer->get_times() == 1)
                 timer->open(nullptr);
+            ++queue->m_fired;
             sink->timer_work(timer);
         }
         timer = carrier->handle();
