@@ -246,6 +246,12 @@ void expect_every_frame_accounted(const call_summary_t& s) {
     EXPECT_EQ(0u, s.duplicates);
     EXPECT_EQ(0u, s.send_errors);
     EXPECT_EQ(s.recordings, s.recordings_verified);
+    // The library's channel counters saw the same refusals and overtime
+    // drops as the call's own accounting.
+    ASSERT_TRUE(s.have_stats);
+    EXPECT_EQ(s.full_events + s.capture_dropped, s.stats_refused);
+    EXPECT_EQ(s.overtime_packets, s.stats_overtime);
+    EXPECT_GT(s.queue_delay.count, 0u);
 }
 
 void expect_logs_in(const call_summary_t& s, const std::string& dir) {

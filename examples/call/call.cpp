@@ -16,6 +16,7 @@
 #include "log.h"
 #include "msgblock.h"
 #include "observer.h"
+#include "stats.h"
 #include "task.h"
 #include "thread_event.h"
 #include "thread_mgr.h"
@@ -788,6 +789,7 @@ private:
     void run_loop();
     bool drained() const;
     void collect();
+    void collect_library_stats();
     void teardown();
     void list_logs();
     ssb::thread_wrapper_t* spawn(unsigned int mode, const std::string& name);
@@ -1081,6 +1083,35 @@ void call_t::collect() {
     s.end_to_end = spread_of(e2e);
     if (m_pool)
         s.pool_threads_used = m_pool->get_thread_count();
+    collect_library_stats();
+}
+
+void call_t::collect_library_stats() {
+    if (!ssb::stats_enabled())
+        return;
+    ssb::histogram_t delay;
+    std::vector<ssb::thread_wrapper_t*> readers(m_encoder_thrs);
+    readers.push_back(m_sender_thr);
+    for (ssb::thread_wrapper_t* thr : readers) {
+        ssb::thread_stats_t st;
+        if (ssb::get_thread_stats(thr, st) != ssb::RESULT_SUCCESS)
+            continue;
+        for (const ssb::queue_stats_t& q : st.channels) {
+            // The data hops only: capture -> encoder, encoder -> sender.
+            if (q.peer.compare(0, 5, "call.") != 0)
+                continue;
+            delay.merge(q.delay_us);
+            m_summary.stats_refused += q.refused;
+            m_summary.stats_overtime += q.overtime;
+        }
+    }
+    m_summary.have_stats = true;
+    m_summary.queue_delay.count = delay.total();
+    m_summary.queue_delay.p50_us = static_cast<int64_t>(delay.percentile(0.5));
+    m_summary.queue_delay.p99_us = static_cast<int64_t>(delay.percentile(0.99));
+    m_summary.queue_delay.max_us = static_cast<int64_t>(delay.max);
+    if (m_config.stress)
+        ssb::dump_stats();
 }
 
 void call_t::teardown() {
@@ -1241,7 +1272,7 @@ void print_summary(const call_summary_t& s, FILE* out) {
     if (s.have_stats)
         print_spread(out, "  queueing delay in channels", s.queue_delay);
     else
-        fprintf(out, "  %-34s (not collected)\n", "  queueing delay in channels");
+        fprintf(out, "  %-34s (library statistics are off)\n", "  queueing delay in channels");
     print_spread(out, "  capture to receiver", s.end_to_end);
     fprintf(out, "  recordings: %llu compressed on %u pool thread%s, %llu verified, %llu -> %llu bytes\n",
             static_cast<ull>(s.recordings), s.pool_threads_used, s.pool_threads_used == 1 ? "" : "s",
