@@ -168,6 +168,7 @@ public:
           m_count(count) {}
     void on_message() override;
     void release() override;
+    uint32_t frame() const { return m_frame; }
 
     // Set by the encoder around a post: only an accepted packet is the
     // sender's to account for.
@@ -225,9 +226,7 @@ private:
 class sender_t {
 public:
     sender_t(counters_t* counters, const profile_t& profile, steady::time_point t0, udp_socket_t socket)
-        : m_counters(counters), m_profile(profile), m_t0(t0), m_socket(socket) {
-        m_stall_at_us = 0;
-    }
+        : m_counters(counters), m_profile(profile), m_t0(t0), m_socket(socket) {}
     // When the stall begins, in microseconds from the call's start.
     void set_stall_at(uint64_t at_us) { m_stall_at_us = at_us; }
 
@@ -327,7 +326,7 @@ private:
     steady::time_point m_t0;
     udp_socket_t m_socket;
     uint32_t m_next_seq = 0;
-    uint64_t m_stall_at_us;
+    uint64_t m_stall_at_us = 0;
     bool m_stalled = false;
     std::unordered_map<uint32_t, frame_state_t> m_frames;
 };
@@ -454,10 +453,16 @@ private:
                 bump(m_counters->episodes);
             return false;
         }
-        // The sender is gone: nothing will call back, so the packet ends here.
+        // The sender is gone: nothing will call back, so the packet ends
+        // here and its frame, once, is incomplete (the sender never
+        // completes it).
         bump(m_counters->post_failures);
         CALL_LOG(ssb::LOG_ERROR, "encoder: post to the sender failed, encoder = " << m_index << ", rv = " << rv);
-        m_sender->unrun(msg);
+        if (!m_any_failed || m_failed_frame != msg->frame()) {
+            m_any_failed = true;
+            m_failed_frame = msg->frame();
+            bump(m_counters->incomplete_frames);
+        }
         msg->release();
         return true;
     }
@@ -536,6 +541,8 @@ private:
     sender_t* m_sender = nullptr;
     ssb::thread_pool_t* m_pool = nullptr;
     std::vector<packet_msg_t*> m_hold;
+    bool m_any_failed = false;
+    uint32_t m_failed_frame = 0;
     uint64_t m_published = 0;
     uint64_t m_reported_high = 0;
     ssb::msg_db_t* m_recording = nullptr;

@@ -29,7 +29,7 @@ struct call_config_t {
     // packet time-out shorter than the stall, and a two-second stall.
     bool stress = false;
     std::string log_dir = "demo-logs";
-    // No status lines and no summary: for tests.
+    // No status lines (run_call never prints the summary itself).
     bool quiet = false;
     FILE* out = stdout;
 };
