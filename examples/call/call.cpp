@@ -43,6 +43,8 @@ const std::chrono::seconds DRAIN_LIMIT(30);
 const int RECV_BUFFER = 4 << 20;
 // Datagrams read per readiness call, so the receiver's messages get turns.
 const unsigned int RECV_BURST = 256;
+// Sequence numbers the receiver accepts ahead of the highest one seen.
+const uint32_t SEQ_JUMP_LIMIT = 1u << 20;
 // A sender that waited this long for the receiver sends anyway.
 const std::chrono::milliseconds WINDOW_WAIT_LIMIT(200);
 
@@ -736,6 +738,13 @@ private:
         if (rv != PACKET_OK) {
             bump(m_counters->corrupted);
             CALL_LOG(ssb::LOG_ERROR, "receiver: bad packet, reason = " << static_cast<int>(rv) << ", len = " << len);
+            return;
+        }
+        // A sequence number far past everything seen cannot be ours; it
+        // would also make the seen-bitmap grow without bound.
+        if (h.seq > m_highest + SEQ_JUMP_LIMIT) {
+            bump(m_counters->corrupted);
+            CALL_LOG(ssb::LOG_ERROR, "receiver: implausible sequence number, seq = " << h.seq);
             return;
         }
         if (h.seq >= m_seen.size())
