@@ -742,7 +742,7 @@ private:
         }
         // A sequence number far past everything seen cannot be ours; it
         // would also make the seen-bitmap grow without bound.
-        if (h.seq > m_highest + SEQ_JUMP_LIMIT) {
+        if (static_cast<uint64_t>(h.seq) > static_cast<uint64_t>(m_highest) + SEQ_JUMP_LIMIT) {
             bump(m_counters->corrupted);
             CALL_LOG(ssb::LOG_ERROR, "receiver: implausible sequence number, seq = " << h.seq);
             return;
