@@ -1029,25 +1029,31 @@ void call_t::run_loop() {
 }
 
 void call_t::print_status(uint32_t second) {
+    typedef unsigned long long ull;
     const counters_t& c = m_counters;
     unsigned int cpu = 0;
     get_process_cpu_usage_r(&m_cpu_second, &cpu);
+    // The sender's queues as the library counts them right now.
+    unsigned int queued = 0;
+    ssb::thread_stats_t st;
+    if (ssb::get_thread_stats(m_sender_thr, st) == ssb::RESULT_SUCCESS)
+        for (const ssb::queue_stats_t& q : st.channels)
+            queued += q.depth;
     char line[256];
     snprintf(line, sizeof(line),
-             "[%3u/%.0f s] audio %llu video %llu | packets sent %llu recv %llu | held %llu dropped %llu | full %llu%s "
-             "| cpu %u%%",
-             second, m_config.duration_s, static_cast<unsigned long long>(get(c.captured[KIND_AUDIO])),
-             static_cast<unsigned long long>(get(c.captured[KIND_VIDEO])),
-             static_cast<unsigned long long>(get(c.packets_sent)),
-             static_cast<unsigned long long>(get(c.packets_received)), static_cast<unsigned long long>(get(c.held_now)),
-             static_cast<unsigned long long>(get(c.dropped[KIND_AUDIO]) + get(c.dropped[KIND_VIDEO])),
-             static_cast<unsigned long long>(get(c.full_events)),
+             "[%3u/%.0f s] audio %llu video %llu | packets sent %llu recv %llu | to send %u held %llu dropped %llu | "
+             "full %llu%s | cpu %u%%",
+             second, m_config.duration_s, static_cast<ull>(get(c.captured[KIND_AUDIO])),
+             static_cast<ull>(get(c.captured[KIND_VIDEO])), static_cast<ull>(get(c.packets_sent)),
+             static_cast<ull>(get(c.packets_received)), queued, static_cast<ull>(get(c.held_now)),
+             static_cast<ull>(get(c.dropped[KIND_AUDIO]) + get(c.dropped[KIND_VIDEO])),
+             static_cast<ull>(get(c.full_events)),
              c.stalling.load(std::memory_order_relaxed) ? " | NETWORK STALLED" : "", cpu);
     CALL_LOG(ssb::LOG_INFO, "status: " << line);
     if (m_config.quiet)
         return;
     if (m_terminal)
-        fprintf(m_config.out, "\r%-118s", line);
+        fprintf(m_config.out, "\r%-130s", line);
     else
         fprintf(m_config.out, "%s\n", line);
     fflush(m_config.out);
