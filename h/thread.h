@@ -135,6 +135,8 @@ public:
     void cleanup_tls();
     // [any thread] The wrapper of the calling thread, or null.
     static thread_wrapper_t* self();
+    // [any thread] A statistics snapshot (h/stats.h); get_thread_stats.
+    void read_stats(thread_stats_t& out);
     // [any thread] 10..1000 ms: 0; else 2 with an assertion line.
     int adjust_timer_precision(unsigned int ms);
     unsigned int get_timer_precision() const;
@@ -275,7 +277,6 @@ private:
 
     // Test seams reach the parts through it (src/live_count.h).
     friend struct thread_test_access;
-    friend int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out);
     friend class timer_driver_msg_t;
     void count_tick();
     // Opens the wheel on the loop's thread; closes it when the loop stops.

@@ -175,9 +175,15 @@ int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out) {
     out = thread_stats_t();
     if (!thr)
         return RESULT_INVALID_ARG;
-    out.name = thr->name();
-    out.id = thr->get_id();
-    thread_wrapper_t::parts_t& parts = *thr->m_parts;
+    thr->read_stats(out);
+    return RESULT_SUCCESS;
+}
+
+void thread_wrapper_t::read_stats(thread_stats_t& out) {
+    out = thread_stats_t();
+    out.name = name();
+    out.id = get_id();
+    parts_t& parts = *m_parts;
     const thread_counters_t& c = parts.stats;
     out.passes = c.passes.load(std::memory_order_relaxed);
     out.busy_us = c.busy_ns.load(std::memory_order_relaxed) / 1000;
@@ -186,7 +192,7 @@ int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out) {
     c.msgs_per_pass.read(out.msgs_per_pass);
     c.timer_late_ms.read(out.timer_late_ms);
     // The channel list and the control queue change under the loop's lock.
-    auto_lock_t<thread_mutex_recursive> guard(thr->m_lock);
+    auto_lock_t<thread_mutex_recursive> guard(m_lock);
     if (msg_queue_t* control = parts.ctrl_queue.get()) {
         control->counters()->read(out.control, control->depth());
         out.control.peer = "control";
@@ -201,7 +207,6 @@ int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out) {
         ch.counters->read(out.channels.back(), queue->depth());
         out.channels.back().peer = ch.peer->name();
     }
-    return RESULT_SUCCESS;
 }
 
 void get_process_stats(process_stats_t& out) {
