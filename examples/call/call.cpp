@@ -16,6 +16,7 @@
 #include "log.h"
 #include "msgblock.h"
 #include "observer.h"
+#include "stats.h"
 #include "task.h"
 #include "thread_event.h"
 #include "thread_mgr.h"
@@ -23,9 +24,6 @@
 #include "timer.h"
 #include "toolkit.h"
 #include "util.h"
-// After thread.h: its friend declaration of get_thread_stats must not follow
-// the exported one (MinGW refuses the dllimport mismatch).
-#include "stats.h"
 
 namespace call {
 
