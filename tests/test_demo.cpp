@@ -9,11 +9,16 @@
 
 #include "call.h"
 #include "call_codec.h"
+#include "call_net.h"
 #include "test_support.h"
 
 namespace {
 
 using namespace call;
+
+// Winsock must be started before the pair is opened outside a call.
+[[maybe_unused]] const ::testing::Environment* const s_socket_env =
+    ::testing::AddGlobalTestEnvironment(new util_test::socket_environment_t);
 
 std::vector<unsigned char> bytes(const std::string& s) { return std::vector<unsigned char>(s.begin(), s.end()); }
 
@@ -210,6 +215,43 @@ TEST(DemoCodec, PercentilesUseTheNearestRank) {
     EXPECT_EQ(99, percentile(hundred, 0.99));
     EXPECT_EQ(100, percentile(hundred, 1.0));
     EXPECT_EQ(1, percentile(hundred, 0.001));
+}
+
+TEST(DemoNet, TheLoopbackPairCarriesDatagramsInOrderAndSaysWhenNoneWait) {
+    udp_socket_t tx = UDP_INVALID, rx = UDP_INVALID;
+    std::string why;
+    ASSERT_EQ(0, udp_open_pair(tx, rx, 1 << 20, why)) << why;
+    EXPECT_GT(udp_recv_buffer(rx), 0);
+    unsigned char buf[PACKET_MAX_SIZE];
+    int error = 0;
+    EXPECT_EQ(0, udp_recv(rx, buf, sizeof(buf), error)) << "nothing sent yet: the socket must not block";
+
+    const unsigned int sizes[] = {1, 40, PACKET_MAX_SIZE};
+    for (unsigned int i = 0; i < 3; ++i) {
+        std::vector<unsigned char> d(sizes[i], static_cast<unsigned char>(i + 1));
+        EXPECT_EQ(static_cast<int>(sizes[i]), udp_send(tx, d.data(), sizes[i], error)) << "error " << error;
+    }
+    for (unsigned int i = 0; i < 3; ++i) {
+        int n = 0;
+        UTIL_WAIT_UNTIL([&] { return (n = udp_recv(rx, buf, sizeof(buf), error)) != 0; });
+        ASSERT_EQ(static_cast<int>(sizes[i]), n) << "datagram " << i << ", error " << error;
+        EXPECT_EQ(i + 1, buf[0]);
+        EXPECT_EQ(i + 1, buf[n - 1]);
+    }
+    EXPECT_EQ(0, udp_recv(rx, buf, sizeof(buf), error)) << "all three were read";
+
+    udp_close(tx);
+    udp_close(rx);
+    EXPECT_EQ(UDP_INVALID, tx);
+    udp_close(rx);  // a closed handle is left alone
+    EXPECT_EQ(UDP_INVALID, rx);
+}
+
+TEST(DemoNet, AFileIsNoTerminal) {
+    FILE* f = tmpfile();
+    ASSERT_NE(nullptr, f);
+    EXPECT_FALSE(is_terminal(f));
+    fclose(f);
 }
 
 // A fresh folder under the temporary one, removed at the end.
