@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <deque>
 #include <filesystem>
 #include <memory>
 #include <thread>
@@ -90,7 +91,6 @@ profile_t make_profile(const call_config_t& c) {
 struct counters_t {
     std::atomic<uint64_t> captured[3] = {};  // by media_kind_t
     std::atomic<uint64_t> capture_dropped{0};
-    std::atomic<uint64_t> encoded{0};
     std::atomic<uint64_t> dropped[3] = {};
     std::atomic<uint64_t> frames_held{0};
     std::atomic<uint64_t> full_events{0};
@@ -373,7 +373,6 @@ public:
     }
 
     void encode(ssb::msg_db_t* frame, media_kind_t kind, uint32_t id, uint64_t capture_us) {
-        bump(m_counters->encoded);
         record(frame, capture_us);
         const unsigned int n = frame->length();
         std::vector<unsigned char> raw(n);
@@ -429,7 +428,7 @@ public:
 
     void on_queue_room(int) override {
         while (!m_hold.empty() && post(m_hold.front()))
-            m_hold.erase(m_hold.begin());
+            m_hold.pop_front();
         publish_hold();
     }
 
@@ -542,7 +541,7 @@ private:
     ssb::thread_wrapper_t* m_sender_thr = nullptr;
     sender_t* m_sender = nullptr;
     ssb::thread_pool_t* m_pool = nullptr;
-    std::vector<packet_msg_t*> m_hold;
+    std::deque<packet_msg_t*> m_hold;
     bool m_any_failed = false;
     uint32_t m_failed_frame = 0;
     uint64_t m_published = 0;
