@@ -836,7 +836,6 @@ private:
 
     udp_socket_t m_send_sock = UDP_INVALID;
     udp_socket_t m_recv_sock = UDP_INVALID;
-    bool m_registered = false;
 
     ssb::observer_holder_t m_stats;
     status_observer_t m_observer;
@@ -938,7 +937,6 @@ bool call_t::setup() {
             ssb::RESULT_SUCCESS ||
         rv != ssb::RESULT_SUCCESS)
         return fail("could not register the receive socket, rv = " + std::to_string(rv));
-    m_registered = true;
 
     if (m_stats.add_observer(&m_observer) != ssb::RESULT_SUCCESS)
         return fail("could not add the statistics observer");
@@ -1144,7 +1142,9 @@ void call_t::teardown() {
     }
     if (m_observing)
         m_stats.remove_observer(&m_observer);
-    if (m_registered && m_receiver_thr && m_receiver_thr->repo())
+    // Also when the registration's answer never came: a socket that is not
+    // registered is only refused (5).
+    if (m_receiver_thr && m_receiver_thr->repo())
         m_receiver_thr->repo()->remove_fd(m_recv_sock);
     if (m_pool) {
         m_pool->stop_all_thread();
