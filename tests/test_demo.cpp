@@ -1,6 +1,7 @@
 // The demo's simulated call: its wire format and codec, and short calls run
 // in-process whose summaries must account for every frame.
 #include <gtest/gtest.h>
+#include <string.h>
 
 #include <chrono>
 #include <filesystem>
@@ -10,6 +11,7 @@
 #include "call.h"
 #include "call_codec.h"
 #include "call_net.h"
+#include "msgblock.h"
 #include "test_support.h"
 
 namespace {
@@ -245,6 +247,47 @@ TEST(DemoNet, TheLoopbackPairCarriesDatagramsInOrderAndSaysWhenNoneWait) {
     EXPECT_EQ(UDP_INVALID, tx);
     udp_close(rx);  // a closed handle is left alone
     EXPECT_EQ(UDP_INVALID, rx);
+}
+
+TEST(DemoNet, AChainGoesOutAsOneDatagramOfItsReadablePieces) {
+    udp_socket_t tx = UDP_INVALID, rx = UDP_INVALID;
+    std::string why;
+    ASSERT_EQ(0, udp_open_pair(tx, rx, 1 << 20, why)) << why;
+    // A header node, then two pieces split off one payload block (shared,
+    // partly read), then an empty node that must add nothing.
+    std::vector<signed char> text = {'h', 'e', 'a', 'd'};
+    ssb::msg_db_t* chain = ssb::msg_db_t::new_instance(16, text.data(), 4, ssb::MSG_FLAG_NONE);
+    std::vector<signed char> body(300);
+    for (size_t i = 0; i < body.size(); ++i)
+        body[i] = static_cast<signed char>(i);
+    ssb::msg_db_t* payload = ssb::msg_db_t::new_instance(300, body.data(), 300, ssb::MSG_FLAG_NONE);
+    payload->move_reader_forward(10);
+    chain->append(payload->split(100));
+    chain->append(payload->split(50));
+    chain->append(ssb::msg_db_t::new_instance(8));
+    int error = 0;
+    ASSERT_EQ(154, udp_send_chain(tx, chain, error)) << "error " << error;
+
+    unsigned char buf[PACKET_MAX_SIZE];
+    int n = 0;
+    UTIL_WAIT_UNTIL([&] { return (n = udp_recv(rx, buf, sizeof(buf), error)) != 0; });
+    ASSERT_EQ(154, n);
+    EXPECT_EQ(0, memcmp(buf, "head", 4));
+    for (int i = 0; i < 150; ++i)
+        ASSERT_EQ(static_cast<unsigned char>(10 + i), buf[4 + i]) << "byte " << i;
+
+    // More pieces than one send gathers: refused, nothing sent.
+    for (unsigned int i = 0; i < UDP_MAX_PIECES; ++i)
+        chain->append(ssb::msg_db_t::new_instance(4, text.data(), 4, ssb::MSG_FLAG_NONE));
+    error = -1;
+    EXPECT_EQ(-1, udp_send_chain(tx, chain, error));
+    EXPECT_EQ(0, error);
+    EXPECT_EQ(0, udp_recv(rx, buf, sizeof(buf), error));
+
+    ssb::msg_db_t::release(chain);
+    ssb::msg_db_t::release(payload);
+    udp_close(tx);
+    udp_close(rx);
 }
 
 TEST(DemoNet, AFileIsNoTerminal) {

@@ -240,13 +240,22 @@ public:
         msg->m_packet->update(reinterpret_cast<signed char*>(stamp), 4, PACKET_SEQ_OFFSET);
         put_u64(stamp, now_us());
         msg->m_packet->update(reinterpret_cast<signed char*>(stamp), 8, PACKET_SEND_US_OFFSET);
-        unsigned char buf[PACKET_MAX_SIZE];
-        const unsigned int len = msg->m_packet->length();
-        unsigned int done = 0;
-        msg->m_packet->_read(reinterpret_cast<signed char*>(buf), len, &done, false);
-        put_u32(buf + len, ~msg->m_packet->get_chain_crc32_digest(0xFFFFFFFFu));
+        // The CRC goes on as a node of its own; the datagram is gathered
+        // from the chain's pieces, so the payload is never copied.
+        unsigned char crc[PACKET_CRC_SIZE];
+        put_u32(crc, ~msg->m_packet->get_chain_crc32_digest(0xFFFFFFFFu));
+        const unsigned int len = msg->m_packet->length() + PACKET_CRC_SIZE;
+        ssb::msg_db_t* trailer = ssb::msg_db_t::new_instance(PACKET_CRC_SIZE, reinterpret_cast<signed char*>(crc),
+                                                             PACKET_CRC_SIZE, ssb::MSG_FLAG_NONE);
         int error = 0;
-        const bool ok = done == len && udp_send(m_socket, buf, len + PACKET_CRC_SIZE, error) > 0;
+        bool ok = false;
+        if (trailer) {
+            ssb::msg_db_t* last = msg->m_packet;
+            while (last->next())
+                last = last->next();
+            last->insert_behind(trailer);
+            ok = udp_send_chain(m_socket, msg->m_packet, error) == static_cast<int>(len);
+        }
         if (ok) {
             bump(m_counters->packets_sent);
         } else {

@@ -11,10 +11,13 @@
 #  include <fcntl.h>
 #  include <netinet/in.h>
 #  include <sys/socket.h>
+#  include <sys/uio.h>
 #  include <unistd.h>
 #endif
 
 #include <string.h>
+
+#include "msgblock.h"
 
 namespace call {
 
@@ -114,6 +117,36 @@ int udp_send(udp_socket_t s, const void* data, unsigned int len, int& error) {
     if (n < 0)
         error = last_error();
     return n;
+}
+
+int udp_send_chain(udp_socket_t s, const ssb::msg_db_t* chain, int& error) {
+#ifdef _WIN32
+    WSABUF pieces[UDP_MAX_PIECES];
+#else
+    struct iovec pieces[UDP_MAX_PIECES];
+#endif
+    unsigned int n = 0;
+    if (chain->fill_iov(pieces, UDP_MAX_PIECES, &n) != 0) {
+        error = 0;
+        return -1;
+    }
+#ifdef _WIN32
+    DWORD sent = 0;
+    if (WSASend(native(s), pieces, n, &sent, 0, nullptr, nullptr) != 0) {
+        error = last_error();
+        return -1;
+    }
+    return static_cast<int>(sent);
+#else
+    struct msghdr message;
+    memset(&message, 0, sizeof(message));
+    message.msg_iov = pieces;
+    message.msg_iovlen = n;
+    const int sent = static_cast<int>(sendmsg(native(s), &message, 0));
+    if (sent < 0)
+        error = last_error();
+    return sent;
+#endif
 }
 
 int udp_recv(udp_socket_t s, void* buf, unsigned int cap, int& error) {

@@ -10,6 +10,10 @@
 
 #include <string>
 
+namespace ssb {
+class msg_db_t;
+}
+
 namespace call {
 
 // A socket as the library's io_repo_t takes it (io_handle_t).
@@ -26,6 +30,12 @@ void udp_close(udp_socket_t& s);
 int udp_recv_buffer(udp_socket_t s);
 // Bytes sent, or -1 (the OS error number in `error`).
 int udp_send(udp_socket_t s, const void* data, unsigned int len, int& error);
+// Sends the readable bytes of a chain as one datagram, gathered from its
+// nodes' memory (msg_db_t::fill_iov) without copying: at most
+// UDP_MAX_PIECES non-empty nodes. Bytes sent, or -1 (the OS error number in
+// `error`, or 0 for a chain of too many pieces).
+const unsigned int UDP_MAX_PIECES = 16;
+int udp_send_chain(udp_socket_t s, const ssb::msg_db_t* chain, int& error);
 // Bytes received; 0 when nothing is waiting; -1 on another error.
 int udp_recv(udp_socket_t s, void* buf, unsigned int cap, int& error);
 
