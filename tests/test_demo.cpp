@@ -3,15 +3,19 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "call.h"
 #include "call_codec.h"
 #include "call_net.h"
 #include "msgblock.h"
+#include "thread_mgr.h"
+#include "util.h"
 #include "test_support.h"
 
 namespace {
@@ -401,6 +405,45 @@ TEST(Demo, SettingsOutOfRangeAreRefusedBeforeAnythingStarts) {
         EXPECT_EQ(0u, s.captured());
     }
     EXPECT_FALSE(std::filesystem::exists("never-made"));
+}
+
+// The library's main thread is the one that first initialised it: a call
+// run from another thread cannot pump it, says so, and starts nothing.
+TEST(Demo, ACallOffTheLibrarysMainThreadIsRefusedAndLeavesNoThreadBehind) {
+    std::atomic<bool> initialised{false}, release{false};
+    std::thread host([&] {
+        // An earlier test's last util_uninit left the manager released.
+        if (!ssb::thread_mgr_t::peek())
+            ssb::thread_mgr_t::reset();
+        util_init(200, nullptr, "demo_test", "log", 0, 0);
+        initialised = true;
+        util_test::wait_until("the test to finish its call", [&] { return release.load(); });
+        util_uninit(200);
+    });
+    struct join_t {
+        std::atomic<bool>& release;
+        std::thread& host;
+        ~join_t() {
+            release = true;
+            host.join();
+        }
+    } join{release, host};
+    ASSERT_TRUE(util_test::wait_until("the host thread to initialise", [&] { return initialised.load(); }));
+    ssb::thread_mgr_t* mgr = ssb::thread_mgr_t::instance();
+    ASSERT_NE(nullptr, mgr);
+    const unsigned int threads = mgr->count();
+
+    temp_dir_t dir("util-demo-refused");
+    call_config_t config;
+    config.duration_s = 1;
+    config.quiet = true;
+    config.log_dir = dir.str();
+    call_summary_t s;
+    EXPECT_EQ(1, run_call(config, s));
+    EXPECT_NE(std::string::npos, s.error.find("main_heartbeat")) << s.error;
+    EXPECT_FALSE(s.ok());
+    EXPECT_EQ(0u, s.captured());
+    EXPECT_EQ(threads, mgr->count());
 }
 
 // Small queues, a stall twice the packets' time-out: overtime drops happen
