@@ -383,6 +383,8 @@ TEST(Demo, ATwoSecondCallDeliversEveryFrameAndRecoversFromTheStall) {
     EXPECT_EQ(s.captured_video, s.video_late.count);
     EXPECT_EQ(s.frames_received(), s.end_to_end.count);
     expect_logs_in(s, dir.str());
+    if (HasFailure())
+        print_summary(s, stdout);  // the whole picture for the report
 }
 
 TEST(Demo, SettingsOutOfRangeAreRefusedBeforeAnythingStarts) {
@@ -463,6 +465,8 @@ TEST(Demo, StressCallAccountsForOvertimeDropsAndHeldFrames) {
     EXPECT_GE(s.overtime_packets, 1u);
     EXPECT_GE(s.incomplete_frames, 1u);
     expect_logs_in(s, dir.str());
+    if (HasFailure())
+        print_summary(s, stdout);  // the whole picture for the report
 }
 
 }  // namespace
