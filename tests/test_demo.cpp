@@ -151,13 +151,14 @@ TEST(DemoCodec, RunLengthCodesAtTheirBoundaries) {
         std::vector<unsigned char> in;
         std::vector<unsigned char> out;
     };
-    std::vector<unsigned char> distinct128, distinct129;
-    for (int i = 0; i < 128; ++i)
+    // 128 distinct bytes are one literal; a 129th starts another.
+    std::vector<unsigned char> distinct128, literal128(1, 127);
+    for (int i = 0; i < 128; ++i) {
         distinct128.push_back(static_cast<unsigned char>(i));
-    distinct129 = distinct128;
+        literal128.push_back(static_cast<unsigned char>(i));
+    }
+    std::vector<unsigned char> distinct129 = distinct128;
     distinct129.push_back(200);
-    std::vector<unsigned char> literal128 = {127};
-    literal128.insert(literal128.end(), distinct128.begin(), distinct128.end());
     std::vector<unsigned char> literal129 = literal128;
     literal129.push_back(0);
     literal129.push_back(200);
