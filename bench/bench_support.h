@@ -35,6 +35,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ostream>
 #include <string>
@@ -43,6 +44,7 @@
 #include <vector>
 
 #include "msg.h"
+#include "stats.h"
 
 namespace util_bench {
 
@@ -378,6 +380,10 @@ inline int run_main(int argc, char** argv) {
     // which would flatter the peers.
     std::thread([] {}).join();
     save_allowed_cpus();
+    // UTIL_BENCH_STATS=0 runs a program with the library's statistics off,
+    // to compare whole programs run both ways.
+    if (const char* stats = std::getenv("UTIL_BENCH_STATS"))
+        ssb::stats_enable(stats[0] != '0');
 
     static char default_name[] = "bench";
     static char default_repetitions[] = "--benchmark_repetitions=5";

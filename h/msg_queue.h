@@ -133,6 +133,9 @@ protected:
     // delays or repeats a sink wake-up.
     std::atomic<uint32_t> m_status;
     std::atomic<notifier_it*> m_reader;
+    // Read by both sides on every message, written once: kept off the line
+    // of m_queued, which both sides write.
+    std::unique_ptr<queue_counters_t> m_counters;
     std::list<msg_queue_sink_it*> m_sinks UTIL_GUARDED_BY(m_lock);
     // The sinks of the wake-up under way, and the one being called now (on
     // the thread m_calling_tid), which the lock is not held across.
@@ -140,9 +143,10 @@ protected:
     msg_queue_sink_it* m_calling UTIL_GUARDED_BY(m_lock) = nullptr;
     unsigned int m_calling_tid UTIL_GUARDED_BY(m_lock) = 0;
     // Messages in the ring, counted by both sides to decide the wake-up
-    // when writers signal only an empty queue, and for the depth.
-    std::atomic<uint32_t> m_queued;
-    std::unique_ptr<queue_counters_t> m_counters;
+    // when writers signal only an empty queue, and for the depth. A line
+    // of its own.
+    alignas(64) std::atomic<uint32_t> m_queued;
+    char m_queued_pad[64 - sizeof(std::atomic<uint32_t>)];
 
 private:
     detail::ref_counter_t<null_lock> m_ref;

@@ -172,7 +172,12 @@ std::atomic<refused_push_hook_t> s_refused_push_hook(nullptr);
 void set_refused_push_hook(refused_push_hook_t hook) { s_refused_push_hook.store(hook, std::memory_order_relaxed); }
 
 msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
-    : m_status(MSG_QUEUE_STATUS_NORMAL), m_reader(reader), m_queued(0), m_counters(new queue_counters_t), m_ref(0) {
+    : m_status(MSG_QUEUE_STATUS_NORMAL),
+      m_reader(reader),
+      m_counters(new queue_counters_t),
+      m_queued(0),
+      m_queued_pad(),
+      m_ref(0) {
     s_live_queues.fetch_add(1, std::memory_order_relaxed);
 }
 
