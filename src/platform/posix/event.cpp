@@ -36,6 +36,9 @@
 namespace ssb {
 namespace plat {
 
+// In sync.cpp.
+struct timespec deadline_after(uint32_t ms);
+
 namespace {
 
 static_assert(sizeof(std::atomic<uint32_t>) == sizeof(uint32_t), "a futex word is a plain 32-bit word");
@@ -60,20 +63,10 @@ void futex_wake_one(std::atomic<uint32_t>* word) {
     syscall(SYS_futex, futex_address(word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
-struct timespec deadline_after(uint32_t ms) {
-    struct timespec ts;
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    ts.tv_sec += ms / 1000;
-    ts.tv_nsec += static_cast<long>(ms % 1000) * 1000000L;
-    if (ts.tv_nsec >= 1000000000L) {
-        ts.tv_sec += 1;
-        ts.tv_nsec -= 1000000000L;
-    }
-    return ts;
-}
-
 // One sleeping wait; lives on the waiting thread's stack.
 struct watcher_t {
+    explicit watcher_t(bool pulse) : word(WATCH_ARMED), takes_pulse(pulse), pulsed(false) {}
+
     std::atomic<uint32_t> word;
     // event_wait's waiters meet pulses, event_wait_any's do not.
     bool takes_pulse;
@@ -302,10 +295,7 @@ wait_status_t event_wait(event_handle_t h, uint32_t timeout_ms) {
     struct timespec deadline;
     if (timeout_ms != WAIT_FOREVER)
         deadline = deadline_after(timeout_ms);
-    watcher_t w;
-    w.word.store(WATCH_ARMED, std::memory_order_relaxed);
-    w.takes_pulse = true;
-    w.pulsed.store(false, std::memory_order_relaxed);
+    watcher_t w(true);
     watch_link_t link = {&w, nullptr, nullptr, nullptr};
     link_watch(e, &link);
     const bool woken = sleep_until_fired(&w, timeout_ms == WAIT_FOREVER ? nullptr : &deadline, [&] {
@@ -332,10 +322,7 @@ wait_status_t event_wait_any(const event_handle_t* events, size_t count, uint32_
     struct timespec deadline;
     if (timeout_ms != WAIT_FOREVER)
         deadline = deadline_after(timeout_ms);
-    watcher_t w;
-    w.word.store(WATCH_ARMED, std::memory_order_relaxed);
-    w.takes_pulse = false;
-    w.pulsed.store(false, std::memory_order_relaxed);
+    watcher_t w(false);
     watch_link_t links[EVENT_WAIT_MAX];
     for (size_t i = 0; i < count; ++i) {
         links[i].watcher = &w;

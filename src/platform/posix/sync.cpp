@@ -15,9 +15,8 @@
 namespace ssb {
 namespace plat {
 
-namespace {
-
-// Absolute CLOCK_MONOTONIC deadline `ms` from now.
+// Absolute CLOCK_MONOTONIC deadline `ms` from now; event.cpp's waits use
+// it too.
 struct timespec deadline_after(uint32_t ms) {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -29,6 +28,8 @@ struct timespec deadline_after(uint32_t ms) {
     }
     return ts;
 }
+
+namespace {
 
 void init_recursive(pthread_mutex_t* m) {
     pthread_mutexattr_t attr;
