@@ -206,6 +206,10 @@ bool thread_pool_t::add_thread() {
 
 int thread_pool_t::add_task(msg_it* msg, unsigned int& task_id, unsigned int loads, thread_wrapper_t*& bind_thr) {
     bind_thr = nullptr;
+    // The task may run, and release the pool's last reference, before this
+    // call has finished with the pool: the pool then goes here, after the
+    // lock.
+    ref_holder_t<thread_pool_t> self(this);
     auto_lock_t<thread_mutex_recursive> guard(m_lock);
     state_t& st = *m_state;
     if (m_closed) {
