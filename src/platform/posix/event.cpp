@@ -22,7 +22,6 @@
 #include <errno.h>
 #include <linux/futex.h>
 #include <pthread.h>
-#include <sched.h>
 #include <stdint.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -202,10 +201,6 @@ size_t take_any(const event_handle_t* events, size_t count) {
     return count;
 }
 
-// Yields this many times, looking at the watcher's word, before an
-// untimed wait sleeps.
-const unsigned int SPIN_YIELDS = 8;
-
 // Sleeps on the watcher's word until it is fired or the deadline passes.
 // False on time-out. The word is re-armed first, and `ready` re-checked
 // after that, so a signal that fired the word before it was re-armed is
@@ -216,13 +211,6 @@ bool sleep_until_fired(watcher_t* w, const struct timespec* deadline, ready_fn r
         w->word.store(WATCH_ARMED, std::memory_order_seq_cst);
         if (ready())
             return true;
-        // An untimed wait is a loop thread going idle: a signal that comes
-        // within a few microseconds saves both sides a futex wait and wake.
-        // Yielding rather than spinning hands the CPU to the signaller when
-        // both share one.
-        if (!deadline)
-            for (unsigned int i = 0; i < SPIN_YIELDS && w->word.load(std::memory_order_relaxed) == WATCH_ARMED; ++i)
-                sched_yield();
         uint32_t armed = WATCH_ARMED;
         if (w->word.compare_exchange_strong(armed, WATCH_SLEEPING, std::memory_order_seq_cst)) {
             while (w->word.load(std::memory_order_acquire) == WATCH_SLEEPING) {
