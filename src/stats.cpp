@@ -48,12 +48,12 @@ uint64_t stats_now_ns() {
 // ---- histograms ---------------------------------------------------------------
 
 unsigned int histogram_t::bucket_of(uint64_t value) {
-    unsigned int bits = 0;
-    while (value && bits < STATS_BUCKETS - 1) {
-        value >>= 1;
-        ++bits;
-    }
-    return bits;
+    // The value's bit width, in one instruction: every pass and timed
+    // message lands here.
+    if (value == 0)
+        return 0;
+    const unsigned int bits = 64 - static_cast<unsigned int>(__builtin_clzll(value));
+    return bits < STATS_BUCKETS - 1 ? bits : STATS_BUCKETS - 1;
 }
 
 uint64_t histogram_t::total() const {
@@ -174,9 +174,10 @@ void stats_enable(bool on) {
 bool stats_enabled() { return stats_on(); }
 
 int get_thread_stats(thread_wrapper_t* thr, thread_stats_t& out) {
-    out = thread_stats_t();
-    if (!thr)
+    if (!thr) {
+        out = thread_stats_t();
         return RESULT_INVALID_ARG;
+    }
     thr->read_stats(out);
     return RESULT_SUCCESS;
 }
