@@ -88,9 +88,10 @@ public:
     // Hands the sink wake-up to `writer`'s thread when a writer found the
     // queue full: 0, 9 when that thread has stopped, 12 without a thread.
     int lanuch_on_sink(thread_wrapper_t* writer);
-    // Statistics (src/stats_internal.h) and the messages waiting now.
+    // Statistics (src/stats_internal.h) and the messages waiting now (a
+    // snapshot from any thread).
     queue_counters_t* counters() const { return m_counters.get(); }
-    uint32_t depth() const { return m_queued.load(std::memory_order_relaxed); }
+    virtual uint32_t depth() const = 0;
 
     void* query_interface(uint64_t iid) override;
     uint32_t increment() override { return m_ref.inc(); }
@@ -106,17 +107,24 @@ protected:
     int find_sink(msg_queue_sink_it* sink) { return sink_op(sink, false); }
     int sink_op(msg_queue_sink_it* sink, bool add);
     void signal_reader();
-    // A read-modify-write, so that it orders against the reader's empty pop.
-    void mark_full() { m_status.exchange(MSG_QUEUE_STATUS_FULL, std::memory_order_acq_rel); }
-    // Counts a value in or out; true when the reader must be signalled.
-    bool note_pushed(unsigned int mode);
-    void note_popped(unsigned int mode);
+    // After a push: true when it took the reader's idle flag.
+    bool take_idle();
+    // After a successful push: true when the reader must be signalled.
+    bool wake_needed(unsigned int mode);
+    // After a successful push that left `depth` values queued (at most).
+    void note_depth(uint32_t depth);
+    // The mark a push's depth must pass to be worth reading exactly.
+    uint32_t depth_mark() const;
+    // Reader: after an empty pop, before the reader may sleep. True when the
+    // ring must be looked at again (see take_idle).
+    bool going_idle();
     // A null message: the assertion line and 2.
     int refuse_null(int line);
-    // After a ring push with result `rv`: status and wake-up; returns rv.
-    int after_push(int rv, unsigned int mode);
-    // After a ring pop: the count and the sink hand-over; returns rv.
-    int after_pop(int rv, unsigned int mode, thread_wrapper_t* writer);
+    // After a ring push with result `rv` that left at most `depth` values
+    // queued (0 when not counted): status and wake-up; returns rv.
+    int after_push(int rv, unsigned int mode, uint32_t depth);
+    // After a ring pop: the sink hand-over; returns rv.
+    int after_pop(int rv, thread_wrapper_t* writer);
     // Around a post's ring push: times the message when its turn comes.
     bool before_post(msg_it* msg);
     void after_post(int rv, msg_it* msg, bool sampled);
@@ -129,12 +137,9 @@ protected:
     // The synchronous hand-over of send_msg once the queue had room.
     int send_through(const char* name, msg_it* msg, int timeout);
 
-    // Written by writers and the reader without a lock: a lost update only
-    // delays or repeats a sink wake-up.
-    std::atomic<uint32_t> m_status;
+    // Read by both sides on every message and written once: a line apart
+    // from the words the sides write.
     std::atomic<notifier_it*> m_reader;
-    // Read by both sides on every message, written once: kept off the line
-    // of m_queued, which both sides write.
     std::unique_ptr<queue_counters_t> m_counters;
     std::list<msg_queue_sink_it*> m_sinks UTIL_GUARDED_BY(m_lock);
     // The sinks of the wake-up under way, and the one being called now (on
@@ -142,11 +147,18 @@ protected:
     std::list<msg_queue_sink_it*> m_firing UTIL_GUARDED_BY(m_lock);
     msg_queue_sink_it* m_calling UTIL_GUARDED_BY(m_lock) = nullptr;
     unsigned int m_calling_tid UTIL_GUARDED_BY(m_lock) = 0;
-    // Messages in the ring, counted by both sides to decide the wake-up
-    // when writers signal only an empty queue, and for the depth. A line
-    // of its own.
-    alignas(64) std::atomic<uint32_t> m_queued;
-    char m_queued_pad[64 - sizeof(std::atomic<uint32_t>)];
+    // Written by writers and the reader without a lock: a lost update only
+    // delays or repeats a sink wake-up.
+    alignas(64) std::atomic<uint32_t> m_status;
+    char m_status_pad[64 - sizeof(std::atomic<uint32_t>)];
+    // 1 from the reader's empty pop until a writer takes it to signal: the
+    // reader may be asleep. Every push reads it: a line of its own, written
+    // once per idle spell.
+    alignas(64) std::atomic<uint32_t> m_idle;
+    char m_idle_pad[64 - sizeof(std::atomic<uint32_t>)];
+    // Reader only: no pop has succeeded since going_idle's fence.
+    alignas(64) bool m_idle_marked;
+    char m_reader_pad[64 - sizeof(bool)];
 
 private:
     detail::ref_counter_t<null_lock> m_ref;
@@ -167,6 +179,7 @@ public:
     bool is_close() override { return false; }
     int register_sink(msg_queue_sink_it* sink) override { return add_sink(sink); }
     int unregister_sink(msg_queue_sink_it* sink) override { return find_sink(sink); }
+    uint32_t depth() const override { return m_ring.size(); }
     thread_wrapper_t* writer() const { return m_writer; }
 
 protected:
@@ -176,6 +189,8 @@ protected:
     thread_wrapper_t* sink_thread() const override { return m_writer; }
 
 private:
+    int push_counted(msg_it* msg, uint32_t& depth);
+
     thread_wrapper_t* m_writer;
     ring_queue_t<msg_it*> m_ring;
     unsigned int m_mode;
@@ -194,6 +209,7 @@ public:
     bool is_close() override { return false; }
     int register_sink(msg_queue_sink_it* sink) override { return add_sink(sink); }
     int unregister_sink(msg_queue_sink_it* sink) override { return find_sink(sink); }
+    uint32_t depth() const override { return m_ring.size(); }
 
 protected:
     ~msg_queue_t() override;
@@ -202,6 +218,8 @@ protected:
     thread_wrapper_t* sink_thread() const override { return m_writer; }
 
 private:
+    int push_counted(msg_it* msg, uint32_t& depth);
+
     thread_wrapper_t* m_writer;
     ring_queue_or_mw_t<msg_it*> m_ring;
     unsigned int m_mode;

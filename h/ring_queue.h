@@ -11,6 +11,8 @@
 #ifndef SSB_RING_QUEUE_H
 #define SSB_RING_QUEUE_H
 
+#include <stddef.h>
+
 #include <atomic>
 #include <new>
 
@@ -159,6 +161,27 @@ public:
         return after(m_write.load(std::memory_order_acquire), m_writer_first, m_writer_last) == r;
     }
 
+    // Values queued, a snapshot from any thread (cursors loaded in the
+    // order of is_empty; a side moving in between makes it approximate).
+    uint32_t size() const {
+        node_t* r = m_read.load(std::memory_order_acquire);
+        return distance(r, m_write.load(std::memory_order_acquire));
+    }
+
+    // Writer side, after a push: the values queued, at most. Above `mark`
+    // the reader's cursor is read afresh and the answer is exact, so a
+    // writer tracking a high-water mark reads the reader's line only when
+    // its private copy says the mark may have been passed.
+    uint32_t depth_above(uint32_t mark) {
+        node_t* w = m_write.load(std::memory_order_relaxed);
+        uint32_t depth = distance(m_read_seen, w);
+        if (depth > mark) {
+            m_read_seen = m_read.load(std::memory_order_acquire);
+            depth = distance(m_read_seen, w);
+        }
+        return depth;
+    }
+
     // The recorded (clamped) capacity; the room is the requested count - 1.
     unsigned int capacity() const { return m_capacity; }
 
@@ -174,6 +197,11 @@ protected:
     // line, which the other side is writing or reading, before the cursor
     // could move; the address needs nothing from memory.
     static node_t* after(node_t* n, node_t* first, node_t* last) { return n == last ? first : n + 1; }
+    // Nodes from `from` forward to `to`.
+    uint32_t distance(node_t* from, node_t* to) const {
+        const ptrdiff_t d = to - from;
+        return static_cast<uint32_t>(d >= 0 ? d : d + (m_writer_last - m_writer_first) + 1);
+    }
 
     node_t* m_header;
     char m_pad0[detail::RING_CACHE_LINE];
@@ -213,6 +241,14 @@ public:
     int push(const T& value) {
         auto_lock_t<thread_mutex_recursive> guard(this->m_lock);
         return ring_queue_t<T>::push(value);
+    }
+    // A push that also answers depth_above(mark) under the same lock (0
+    // when refused).
+    int push(const T& value, uint32_t mark, uint32_t& depth) {
+        auto_lock_t<thread_mutex_recursive> guard(this->m_lock);
+        const int rv = ring_queue_t<T>::push(value);
+        depth = rv == RESULT_SUCCESS ? this->depth_above(mark) : 0;
+        return rv;
     }
     // Reader thread only.
     int pop(T& value) { return ring_queue_t<T>::pop(value); }

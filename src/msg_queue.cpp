@@ -159,6 +159,19 @@ namespace {
 
 std::atomic<int> s_live_queues(0);
 
+// The store-load barrier of the wake-up protocol below. ThreadSanitizer does
+// not model fences (GCC warns at compile time) but runs them; the fence only
+// orders atomics against each other, never publishes plain data, so its
+// reports stay exact.
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 11
+#  pragma GCC diagnostic push
+#  pragma GCC diagnostic ignored "-Wtsan"
+#endif
+inline void store_load_fence() { std::atomic_thread_fence(std::memory_order_seq_cst); }
+#if defined(__GNUC__) && !defined(__clang__) && __GNUC__ >= 11
+#  pragma GCC diagnostic pop
+#endif
+
 }  // namespace
 
 int live_msg_queues() { return s_live_queues.load(std::memory_order_relaxed); }
@@ -172,11 +185,14 @@ std::atomic<refused_push_hook_t> s_refused_push_hook(nullptr);
 void set_refused_push_hook(refused_push_hook_t hook) { s_refused_push_hook.store(hook, std::memory_order_relaxed); }
 
 msg_queue_base_t::msg_queue_base_t(notifier_it* reader)
-    : m_status(MSG_QUEUE_STATUS_NORMAL),
-      m_reader(reader),
+    : m_reader(reader),
       m_counters(new queue_counters_t),
-      m_queued(0),
-      m_queued_pad(),
+      m_status(MSG_QUEUE_STATUS_NORMAL),
+      m_status_pad(),
+      m_idle(1),
+      m_idle_pad(),
+      m_idle_marked(false),
+      m_reader_pad(),
       m_ref(0) {
     s_live_queues.fetch_add(1, std::memory_order_relaxed);
 }
@@ -293,17 +309,39 @@ int msg_queue_base_t::lanuch_on_sink(thread_wrapper_t* writer) {
     return RESULT_SUCCESS;
 }
 
-bool msg_queue_base_t::note_pushed(unsigned int mode) {
-    // RMWs on one counter order a writer that found the queue non-empty
-    // after the reader's pop of the previous message, so the reader finds
-    // this one before it sleeps: no wake-up is lost.
-    const uint32_t before = m_queued.fetch_add(1, std::memory_order_acq_rel);
-    if (stats_on())
-        m_counters->note_depth(before + 1);
-    return mode == MSG_QUEUE_SIGNAL_ALWAYS || before == 0;
+// Writers and the reader meet on m_idle as in Dekker's protocol: a writer
+// stores its value (the ring's cursor), fences, then reads m_idle; the
+// reader stores m_idle, fences, then looks at the ring again. Either the
+// writer sees the reader idle or the reader sees the value, so a reader
+// never sleeps on a queued message. While messages flow the flag is 0 and
+// only read, so it stays in every side's cache; one writer takes it when it
+// is set, so a burst into an idle queue signals once.
+bool msg_queue_base_t::take_idle() {
+    store_load_fence();
+    return m_idle.load(std::memory_order_relaxed) != 0 && m_idle.exchange(0, std::memory_order_relaxed) != 0;
 }
 
-void msg_queue_base_t::note_popped(unsigned int) { m_queued.fetch_sub(1, std::memory_order_acq_rel); }
+bool msg_queue_base_t::wake_needed(unsigned int mode) { return mode == MSG_QUEUE_SIGNAL_ALWAYS || take_idle(); }
+
+bool msg_queue_base_t::going_idle() {
+    // Nothing taken since the last fence and the flag still set: a writer
+    // that pushes now reads the 1 left there. Once a writer took it, the
+    // signal it sent may have been spent on a message already taken, so
+    // the flag is set again and the ring looked at again.
+    if (m_idle_marked && m_idle.load(std::memory_order_relaxed) != 0)
+        return false;
+    m_idle.store(1, std::memory_order_relaxed);
+    store_load_fence();
+    m_idle_marked = true;
+    return true;
+}
+
+uint32_t msg_queue_base_t::depth_mark() const { return m_counters->high_water.load(std::memory_order_relaxed); }
+
+void msg_queue_base_t::note_depth(uint32_t depth) {
+    if (depth > depth_mark())
+        m_counters->note_depth(depth);
+}
 
 bool msg_queue_base_t::before_post(msg_it* msg) {
     return stats_on() && m_counters->claim_sample(msg, msg->get_ticks());
@@ -325,21 +363,29 @@ int msg_queue_base_t::refuse_null(int line) {
     return RESULT_INVALID_ARG;
 }
 
-int msg_queue_base_t::after_push(int rv, unsigned int mode) {
-    // Mode 0 signals even when the push failed; otherwise only a write into
-    // an empty queue does.
-    bool wake = rv == RESULT_SUCCESS ? note_pushed(mode) : mode == MSG_QUEUE_SIGNAL_ALWAYS;
-    if (rv == RESULT_QUEUE_FULL) {
+int msg_queue_base_t::after_push(int rv, unsigned int mode, uint32_t depth) {
+    // Mode 0 signals even when the push failed; otherwise only a write the
+    // reader may be asleep for does.
+    bool wake = mode == MSG_QUEUE_SIGNAL_ALWAYS;
+    if (rv == RESULT_SUCCESS) {
         if (stats_on())
+            note_depth(depth);
+        wake = wake_needed(mode);
+    } else if (rv == RESULT_QUEUE_FULL) {
+        if (stats_on()) {
             m_counters->refused.fetch_add(1, std::memory_order_relaxed);
+            note_depth(m_counters->depth_limit);
+        }
         if (refused_push_hook_t hook = s_refused_push_hook.load(std::memory_order_relaxed))
             hook(this);
-        mark_full();
+        m_status.exchange(MSG_QUEUE_STATUS_FULL, std::memory_order_relaxed);
         // The reader may have emptied the ring between the refused push and
-        // the mark, and then sleep without another pop to see it. Its empty
-        // pop and the mark are both read-modify-writes of m_status: if the
-        // mark comes second it synchronises with that pop, so this check
-        // sees the room; if it comes first, that pop sees the mark.
+        // the mark, and then sleep without another pop to see it. The same
+        // meeting as the wake-up: the reader fences after its last pop and
+        // before it reads the status, so either this check sees the room or
+        // the reader sees the mark.
+        if (take_idle())
+            wake = true;
         if (!ring_full())
             lanuch_on_sink(sink_thread());
     }
@@ -348,17 +394,11 @@ int msg_queue_base_t::after_push(int rv, unsigned int mode) {
     return rv;
 }
 
-int msg_queue_base_t::after_pop(int rv, unsigned int mode, thread_wrapper_t* writer) {
-    uint32_t status_now;
-    if (rv == RESULT_SUCCESS) {
-        note_popped(mode);
-        status_now = status();
-    } else {
-        // The empty pop before the reader sleeps: see after_push.
-        status_now = m_status.fetch_or(0, std::memory_order_acq_rel);
-    }
+int msg_queue_base_t::after_pop(int rv, thread_wrapper_t* writer) {
+    if (rv == RESULT_SUCCESS)
+        m_idle_marked = false;
     // Successful or not, a pop after a full post hands the wake-up over.
-    if (status_now == MSG_QUEUE_STATUS_FULL)
+    if (status() == MSG_QUEUE_STATUS_FULL)
         lanuch_on_sink(writer);
     return rv;
 }
@@ -400,18 +440,29 @@ o2o_msg_queue_t::~o2o_msg_queue_t() {
                                << ", this = " << static_cast<void*>(this));
 }
 
-int o2o_msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
+int o2o_msg_queue_t::push_counted(msg_it* msg, uint32_t& depth) {
+    const int rv = m_ring.push(msg);
+    depth = rv == RESULT_SUCCESS && stats_on() ? m_ring.depth_above(depth_mark()) : 0;
+    return rv;
+}
+
+int o2o_msg_queue_t::push_signalled(msg_it* msg) {
+    uint32_t depth;
+    const int rv = push_counted(msg, depth);
+    return after_push(rv, m_mode, depth);
+}
 
 int o2o_msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     if (!msg)
         return refuse_null(__LINE__);
     const bool sampled = before_post(msg);
-    int rv = m_ring.push(msg);
+    uint32_t depth;
+    const int rv = push_counted(msg, depth);
     after_post(rv, msg, sampled);
     // The sink is registered and the status set before the reader is woken.
     if (rv == RESULT_QUEUE_FULL && sink)
         add_sink(sink);
-    return after_push(rv, m_mode);
+    return after_push(rv, m_mode, depth);
 }
 
 int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
@@ -423,9 +474,11 @@ int o2o_msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
 }
 
 int o2o_msg_queue_t::pop_msg(msg_it*& msg) {
-    const int rv = m_ring.pop(msg);
+    int rv = m_ring.pop(msg);
+    if (rv != RESULT_SUCCESS && going_idle())
+        rv = m_ring.pop(msg);
     counted_pop(rv, msg);
-    return after_pop(rv, m_mode, m_writer);
+    return after_pop(rv, m_writer);
 }
 
 // ---- msg_queue_t ------------------------------------------------------------------
@@ -451,15 +504,28 @@ msg_queue_t::~msg_queue_t() {
                            << static_cast<void*>(m_writer) << ", this = " << static_cast<void*>(this));
 }
 
-int msg_queue_t::push_signalled(msg_it* msg) { return after_push(m_ring.push(msg), m_mode); }
+int msg_queue_t::push_counted(msg_it* msg, uint32_t& depth) {
+    if (!stats_on()) {
+        depth = 0;
+        return m_ring.push(msg);
+    }
+    return m_ring.push(msg, depth_mark(), depth);
+}
+
+int msg_queue_t::push_signalled(msg_it* msg) {
+    uint32_t depth;
+    const int rv = push_counted(msg, depth);
+    return after_push(rv, m_mode, depth);
+}
 
 int msg_queue_t::post_msg(msg_it* msg, msg_queue_sink_it*) {
     if (!msg)
         return refuse_null(__LINE__);
     const bool sampled = before_post(msg);
-    const int rv = m_ring.push(msg);
+    uint32_t depth;
+    const int rv = push_counted(msg, depth);
     after_post(rv, msg, sampled);
-    return after_push(rv, m_mode);
+    return after_push(rv, m_mode, depth);
 }
 
 int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
@@ -471,9 +537,11 @@ int msg_queue_t::send_msg(msg_it* msg, msg_queue_sink_it*, int timeout) {
 }
 
 int msg_queue_t::pop_msg(msg_it*& msg) {
-    const int rv = m_ring.pop(msg);
+    int rv = m_ring.pop(msg);
+    if (rv != RESULT_SUCCESS && going_idle())
+        rv = m_ring.pop(msg);
     counted_pop(rv, msg);
-    return after_pop(rv, m_mode, m_writer);
+    return after_pop(rv, m_writer);
 }
 
 }  // namespace ssb

@@ -1,5 +1,6 @@
 #include "stats.h"
 
+#include <algorithm>
 #include <chrono>
 
 #include "msg_queue.h"
@@ -140,7 +141,9 @@ void queue_counters_t::read(queue_stats_t& out, uint32_t depth) const {
     out.refused = refused.load(std::memory_order_relaxed);
     out.depth = depth < depth_limit ? depth : depth_limit;
     out.posted = out.popped + depth;
-    out.high_water = high_water.load(std::memory_order_relaxed);
+    // Writers read the depth exactly only when it may pass the mark, so
+    // the mark cannot be below what is queued now.
+    out.high_water = std::max(high_water.load(std::memory_order_relaxed), out.depth);
     delay_us.read(out.delay_us);
 }
 

@@ -56,9 +56,7 @@ struct queue_counters_t {
     // compare-exchange only when it grows.
     alignas(64) std::atomic<uint64_t> refused{0};
     std::atomic<uint32_t> high_water{0};
-    // Most messages the ring holds. The depth count lags both sides (a
-    // pop is counted after it took its message), so a writer may see one
-    // more for a moment.
+    // Most messages the ring holds: the cap on any depth read.
     uint32_t depth_limit = UINT32_MAX;
     // The message being timed, its writer's tick when it was claimed, and
     // when it was posted. At most one in flight; the reader frees the slot.
@@ -79,7 +77,7 @@ struct queue_counters_t {
     bool claim_sample(const msg_it* msg, uint32_t tick);
     // After a refused push of a claimed message.
     void drop_sample(const msg_it* msg);
-    // A depth seen by a writer after its push.
+    // A depth seen by a writer after its push, or a refusal's full ring.
     void note_depth(uint32_t depth) {
         if (depth > depth_limit)
             depth = depth_limit;

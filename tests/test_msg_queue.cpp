@@ -7,6 +7,8 @@
 #include "live_count.h"
 #include "msg_queue.h"
 #include "notifier.h"
+#include "stats.h"
+#include "stats_internal.h"
 #include "test_support.h"
 #include "test_thread_support.h"
 #include "thread.h"
@@ -138,6 +140,44 @@ void signals_only_an_empty_queue() {
     EXPECT_EQ(2, n.m_signals.load());
     release_all(q);
     q->decrement();
+}
+
+// The writer's copy of the read cursor lags the reader; the depth it
+// reports for the high-water mark must still be what is queued, and the ring
+// wraps in between.
+template <class Q>
+void high_water_follows_the_reader() {
+    counting_notifier_t n;
+    Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
+    auto post = [&](int k) {
+        for (int i = 0; i < k; ++i)
+            ASSERT_EQ(RESULT_SUCCESS, q->post_msg(new counted_msg_t, nullptr));
+    };
+    for (int round = 0; round < 20; ++round) {  // 20 x 3 laps the 32 nodes
+        post(3);
+        release_all(q);
+    }
+    EXPECT_EQ(0u, q->depth());
+    EXPECT_EQ(3u, q->counters()->high_water.load()) << "not the pushes since the writer last looked";
+    post(2);
+    EXPECT_EQ(2u, q->depth());
+    EXPECT_EQ(3u, q->counters()->high_water.load());
+    post(3);
+    EXPECT_EQ(5u, q->counters()->high_water.load());
+    post(26);
+    counted_msg_t* extra = new counted_msg_t;
+    EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(extra, nullptr));
+    extra->release();
+    EXPECT_EQ(31u, q->depth());
+    EXPECT_EQ(31u, q->counters()->high_water.load());
+    release_all(q);
+    q->decrement();
+}
+
+TEST_F(MsgQueue, HighWaterIsTheDeepestQueueNotTheWritersStaleView) {
+    stats_enable(true);
+    high_water_follows_the_reader<o2o_msg_queue_t>();
+    high_water_follows_the_reader<msg_queue_t>();
 }
 
 TEST_F(MsgQueue, NonZeroModeSignalsOnlyWhenTheQueueWasEmpty) {
