@@ -191,10 +191,6 @@ TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
     io->decrement();
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
     if (!ssb::plat::descriptor_limit_supported())
         GTEST_SKIP() << "this system has no descriptor limit to lower";
@@ -210,10 +206,6 @@ TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
     EXPECT_EQ(first_free, ssb::plat::lowest_free_descriptor()) << "a descriptor was left behind";
     EXPECT_EQ(nullptr, m_mgr->find_by_type(110));
 }
-
-}  // namespace
-
-namespace {
 
 // The last util_uninit from a thread other than the main one, from inside a
 // loop's own message, and while a loop is stuck in a message. Each starts
