@@ -292,10 +292,9 @@ unsigned int soak_seed() {
     return text ? static_cast<unsigned int>(strtoul(text, nullptr, 10)) : std::random_device()();
 }
 
-// Posts `fn` to `node`'s control queue from this (unmanaged) thread, again
-// while the queue is full: false when the loop stopped.
-bool post_to(node_t* node, std::function<void()> fn) {
-    fn_msg_t* m = new fn_msg_t(std::move(fn));
+// Posts `m` to `node`'s control queue from this (unmanaged) thread, again
+// while the queue is full: false (and `m` released) when the loop stopped.
+bool post_to(node_t* node, msg_it* m) {
     bool posted = false;
     util_test::wait_until("room in a loop's control queue", [&] {
         const int rv = node->thr->post_ctrl_msg(m, nullptr);
@@ -310,6 +309,8 @@ bool post_to(node_t* node, std::function<void()> fn) {
         m->release();
     return posted;
 }
+
+bool post_to(node_t* node, std::function<void()> fn) { return post_to(node, new fn_msg_t(std::move(fn))); }
 
 class Soak : public ::testing::Test {
 protected:
@@ -396,19 +397,8 @@ protected:
     // every kick ran (or was dropped with its loop).
     void kick_all(bool produce) {
         std::shared_ptr<std::atomic<int>> outstanding = std::make_shared<std::atomic<int>>(0);
-        for (node_t* n : live()) {
-            kick_msg_t* m = new kick_msg_t(n, produce, outstanding);
-            util_test::wait_until("room for a kick in a loop's control queue", [&] {
-                const int rv = n->thr->post_ctrl_msg(m, nullptr);
-                if (rv == RESULT_QUEUE_FULL) {
-                    std::this_thread::yield();
-                    return false;
-                }
-                if (rv != RESULT_SUCCESS)
-                    m->release();
-                return true;
-            });
-        }
+        for (node_t* n : live())
+            post_to(n, new kick_msg_t(n, produce, outstanding));
         util_test::wait_until("every loop to run its kick", [&] { return outstanding->load() == 0; });
     }
 
