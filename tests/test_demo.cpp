@@ -1,5 +1,6 @@
 // The demo's simulated call: its wire format and codec, and short calls run
-// in-process whose summaries must account for every frame.
+// in-process whose summaries must account for every frame. Parsing against
+// a byte-wise model (sizes, CRC, header checks) is left to the fuzz target.
 #include <gtest/gtest.h>
 #include <string.h>
 
@@ -26,8 +27,6 @@ using namespace call;
 [[maybe_unused]] const ::testing::Environment* const s_socket_env =
     ::testing::AddGlobalTestEnvironment(new util_test::socket_environment_t);
 
-std::vector<unsigned char> bytes(const std::string& s) { return std::vector<unsigned char>(s.begin(), s.end()); }
-
 // A whole datagram as the sender builds it.
 std::vector<unsigned char> datagram(const packet_header_t& h, const std::vector<unsigned char>& payload) {
     std::vector<unsigned char> d(PACKET_HEADER_SIZE + payload.size() + PACKET_CRC_SIZE);
@@ -52,27 +51,6 @@ packet_header_t sample_header(uint16_t payload_len) {
     return h;
 }
 
-TEST(DemoCodec, IntegersAreLittleEndianAtTheirBoundaries) {
-    unsigned char b[8];
-    const uint64_t values[] = {
-        0, 1, 0xFF, 0x100, 0xFFFFFFFFull, 0x100000000ull, 0xFFFFFFFFFFFFFFFFull, 0x0102030405060708ull};
-    for (uint64_t v : values) {
-        put_u64(b, v);
-        EXPECT_EQ(v, get_u64(b));
-        EXPECT_EQ(static_cast<unsigned char>(v), b[0]) << "least significant byte first";
-        put_u32(b, static_cast<uint32_t>(v));
-        EXPECT_EQ(static_cast<uint32_t>(v), get_u32(b));
-        put_u16(b, static_cast<uint16_t>(v));
-        EXPECT_EQ(static_cast<uint16_t>(v), get_u16(b));
-    }
-}
-
-TEST(DemoCodec, PacketCrcIsTheCommonCrc32) {
-    const std::vector<unsigned char> check = bytes("123456789");
-    EXPECT_EQ(0xCBF43926u, packet_crc(check.data(), check.size()));
-    EXPECT_EQ(0u, packet_crc(check.data(), 0));
-}
-
 TEST(DemoCodec, APacketReadsBackWhatWasWritten) {
     for (unsigned int len : {0u, 1u, PACKET_MAX_PAYLOAD}) {
         std::vector<unsigned char> payload(len);
@@ -91,58 +69,6 @@ TEST(DemoCodec, APacketReadsBackWhatWasWritten) {
         EXPECT_EQ(h.capture_us, out.capture_us);
         EXPECT_EQ(h.send_us, out.send_us);
         EXPECT_EQ(h.payload_len, out.payload_len);
-    }
-}
-
-TEST(DemoCodec, AnyFlippedBitIsCaughtByTheCrc) {
-    const std::vector<unsigned char> good = datagram(sample_header(40), std::vector<unsigned char>(40, 0xAB));
-    packet_header_t out;
-    for (size_t bit = 0; bit < good.size() * 8; ++bit) {
-        std::vector<unsigned char> d = good;
-        d[bit / 8] ^= static_cast<unsigned char>(1u << (bit % 8));
-        ASSERT_EQ(PACKET_BAD_CRC, parse_packet(d.data(), d.size(), out)) << "bit " << bit;
-    }
-}
-
-TEST(DemoCodec, SizesOutsideAPacketAreRefusedBeforeTheCrc) {
-    std::vector<unsigned char> d(PACKET_MAX_SIZE + 1, 0);
-    packet_header_t out;
-    EXPECT_EQ(PACKET_SHORT, parse_packet(d.data(), 0, out));
-    EXPECT_EQ(PACKET_SHORT, parse_packet(d.data(), PACKET_HEADER_SIZE + PACKET_CRC_SIZE - 1, out));
-    EXPECT_EQ(PACKET_SHORT, parse_packet(d.data(), PACKET_MAX_SIZE + 1, out));
-    const std::vector<unsigned char> biggest =
-        datagram(sample_header(PACKET_MAX_PAYLOAD), std::vector<unsigned char>(PACKET_MAX_PAYLOAD, 1));
-    EXPECT_EQ(PACKET_MAX_SIZE, biggest.size());
-    EXPECT_EQ(PACKET_OK, parse_packet(biggest.data(), biggest.size(), out));
-}
-
-TEST(DemoCodec, HeadersThatMakeNoSenseAreRefusedEvenWithAGoodCrc) {
-    struct case_t {
-        const char* what;
-        void (*spoil)(packet_header_t&);
-        bool spoil_magic;
-    };
-    const case_t cases[] = {
-        {"kind 0", [](packet_header_t& h) { h.kind = 0; }, false},
-        {"kind 3", [](packet_header_t& h) { h.kind = 3; }, false},
-        {"count 0", [](packet_header_t& h) { h.count = 0, h.index = 0; }, false},
-        {"index == count", [](packet_header_t& h) { h.index = h.count; }, false},
-        {"payload length one short", [](packet_header_t& h) { --h.payload_len; }, false},
-        {"payload length one long", [](packet_header_t& h) { ++h.payload_len; }, false},
-        {"magic", [](packet_header_t&) {}, true},
-    };
-    for (const case_t& c : cases) {
-        packet_header_t h = sample_header(10);
-        c.spoil(h);
-        // Sealed with a CRC that holds over the spoiled header.
-        std::vector<unsigned char> d = datagram(h, std::vector<unsigned char>(10, 3));
-        if (c.spoil_magic) {
-            d[0] ^= 1;
-            const size_t body = d.size() - PACKET_CRC_SIZE;
-            put_u32(d.data() + body, packet_crc(d.data(), body));
-        }
-        packet_header_t out;
-        EXPECT_EQ(PACKET_BAD_HEADER, parse_packet(d.data(), d.size(), out)) << c.what;
     }
 }
 

@@ -24,7 +24,7 @@ using util_test::run_on;
 
 class ThreadMgr : public util_test::thread_test_t {};
 
-TEST_F(ThreadMgr, StartWrapsTheMainThreadAndStartsOneTimerDriverBoundToIt) {
+TEST_F(ThreadMgr, StartWrapsTheMainThreadAndOneTimerDriverThatSpawnNeverDuplicates) {
     thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
     ASSERT_NE(nullptr, main_thr);
     EXPECT_EQ(get_cur_tid(), main_thr->get_id());
@@ -40,12 +40,7 @@ TEST_F(ThreadMgr, StartWrapsTheMainThreadAndStartsOneTimerDriverBoundToIt) {
     // Every thread is bound to the timer driver.
     EXPECT_TRUE(main_thr->is_available(timer));
     EXPECT_EQ(RESULT_ALREADY_EXISTS, thread_mgr_t::reset());
-}
-
-TEST_F(ThreadMgr, SpawnKeepsOneTimerDriverOneWrapperPerThreadAndNeedsAMode) {
-    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
-    thread_wrapper_t* timer = m_mgr->find_by_type(THREAD_TYPE_TIMER);
-    ASSERT_TRUE(main_thr && timer);
+    // Spawn keeps one timer driver and one wrapper per thread, and needs a mode.
     EXPECT_EQ(timer, m_mgr->spawn(THREAD_MODE_EVENT, 64, THREAD_TYPE_TIMER, false, nullptr, 0));
     EXPECT_EQ(main_thr, m_mgr->spawn(THREAD_MODE_WRAP, 64, 7, false, nullptr, 0));
     EXPECT_EQ(nullptr, m_mgr->spawn(0, 64, 7, false, nullptr, 0));
@@ -191,10 +186,6 @@ TEST_F(ThreadMgr, StoppingAnEventThreadTwiceAndAnUnservedIoMode) {
     io->decrement();
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
     if (!ssb::plat::descriptor_limit_supported())
         GTEST_SKIP() << "this system has no descriptor limit to lower";
@@ -210,10 +201,6 @@ TEST_F(ThreadMgr, ALoopThatCouldNeverBeWokenIsNotSpawned) {
     EXPECT_EQ(first_free, ssb::plat::lowest_free_descriptor()) << "a descriptor was left behind";
     EXPECT_EQ(nullptr, m_mgr->find_by_type(110));
 }
-
-}  // namespace
-
-namespace {
 
 // The last util_uninit from a thread other than the main one, from inside a
 // loop's own message, and while a loop is stuck in a message. Each starts

@@ -97,22 +97,6 @@ TEST_F(ThreadPool, RefusesInitAboveMaxAndMaxOutsideTheLimits) {
     EXPECT_NE(nullptr, most.p);
 }
 
-TEST_F(ThreadPool, ThreadsAreNamedByPoolIndexAndCreationCount) {
-    pool_ref_t first(thread_pool_t::new_instance(1, 2, false, 0));
-    pool_ref_t second(thread_pool_t::new_instance(2, 3, false, 0));
-    ASSERT_TRUE(first.p && second.p);
-    EXPECT_EQ(first->get_pool_idx() + 1, second->get_pool_idx());
-    std::set<std::string> names;
-    for (int i = 0; i < 3; ++i) {
-        thread_wrapper_t* thr = nullptr;
-        add(second.p, 1, &thr);
-        ASSERT_NE(nullptr, thr);
-        names.insert(thr->name());
-    }
-    const std::string stem = "pool." + std::to_string(second->get_pool_idx()) + ".";
-    EXPECT_EQ((std::set<std::string>{stem + "0", stem + "1", stem + "2"}), names);
-}
-
 TEST_F(ThreadPool, IdleThreadsTakeTasksBeforeThePoolGrows) {
     pool_ref_t pool(thread_pool_t::new_instance(2, 4, false, 0));
     ASSERT_NE(nullptr, pool.p);
@@ -136,68 +120,26 @@ TEST_F(ThreadPool, IdleThreadsTakeTasksBeforeThePoolGrows) {
     EXPECT_EQ(10u, pool->get_thread_load(c));
 }
 
-TEST_F(ThreadPool, APoolStartedEmptyGrowsAtItsFirstTask) {
-    pool_ref_t pool(thread_pool_t::new_instance(0, 3, false, 0));
-    ASSERT_NE(nullptr, pool.p);
-    EXPECT_EQ(0u, pool->get_thread_count());
-    thread_wrapper_t *a = nullptr, *b = nullptr;
-    add(pool.p, 1, &a);
-    EXPECT_EQ(1u, pool->get_thread_count());
-    add(pool.p, 1, &b);  // a step of max(1, 0 / 2)
-    EXPECT_EQ(2u, pool->get_thread_count());
-    EXPECT_NE(a, b);
-}
-
-TEST_F(ThreadPool, GrowthStepIsHalfTheInitialCountAndStopsAtTheMaximum) {
-    pool_ref_t pool(thread_pool_t::new_instance(4, 5, false, 0));
-    ASSERT_NE(nullptr, pool.p);
-    for (int i = 0; i < 4; ++i)
-        add(pool.p, 1);
-    EXPECT_EQ(4u, pool->get_thread_count());
-    add(pool.p, 1);  // a step of 2 would pass 5
-    EXPECT_EQ(5u, pool->get_thread_count());
-
-    pool_ref_t wide(thread_pool_t::new_instance(4, 16, false, 0));
-    for (int i = 0; i < 5; ++i)
-        add(wide.p, 1);
-    EXPECT_EQ(6u, wide->get_thread_count());
-}
-
-TEST_F(ThreadPool, AFullPoolGivesEachTaskToTheLeastLoadedThread) {
-    pool_ref_t pool(thread_pool_t::new_instance(2, 2, false, 0));
-    ASSERT_NE(nullptr, pool.p);
-    thread_wrapper_t *a = nullptr, *b = nullptr, *t = nullptr;
-    add(pool.p, 10, &a);
-    add(pool.p, 5, &b);
-    add(pool.p, 3, &t);
-    EXPECT_EQ(b, t);  // 5 < 10
-    add(pool.p, 3, &t);
-    EXPECT_EQ(b, t);  // 8 < 10
-    add(pool.p, 3, &t);
-    EXPECT_EQ(a, t);  // 10 < 11
-    EXPECT_EQ(2u, pool->get_thread_count());
-    EXPECT_EQ(13u, pool->get_thread_load(a));
-    EXPECT_EQ(11u, pool->get_thread_load(b));
-    EXPECT_EQ(24u, pool->get_loads());
-    EXPECT_FALSE(m_log.contains("has no idle thread"));
-}
-
-TEST_F(ThreadPool, OfEquallyLoadedThreadsTheOneLongestAtThatLoadIsPicked) {
-    pool_ref_t pool(thread_pool_t::new_instance(3, 3, false, 0));
-    ASSERT_NE(nullptr, pool.p);
-    thread_wrapper_t* thr[3] = {};
-    unsigned int id[3] = {};
-    for (int i = 0; i < 3; ++i)
-        id[i] = add(pool.p, 7, &thr[i]);
-    EXPECT_EQ("0", thr[0]->name().substr(thr[0]->name().rfind('.') + 1));  // first spawned first
-    // The second thread goes idle before the first.
-    EXPECT_EQ(RESULT_SUCCESS, pool->remove_task(nullptr, id[1]));
-    EXPECT_EQ(RESULT_SUCCESS, pool->remove_task(nullptr, id[0]));
-    thread_wrapper_t* next = nullptr;
-    add(pool.p, 7, &next);
-    EXPECT_EQ(thr[1], next);
-    add(pool.p, 7, &next);
-    EXPECT_EQ(thr[0], next);
+TEST_F(ThreadPool, GrowthStepIsHalfTheInitialCountAtLeastOneAndStopsAtTheMaximum) {
+    const struct {
+        unsigned int init_num, max_num, tasks, threads;
+    } rows[] = {{0, 3, 1, 1}, {0, 3, 2, 2}, {4, 5, 5, 5}, {4, 16, 5, 6}, {4, 16, 7, 8}};
+    unsigned int last_idx = 0;
+    for (const auto& r : rows) {
+        pool_ref_t pool(thread_pool_t::new_instance(r.init_num, r.max_num, false, 0));
+        ASSERT_NE(nullptr, pool.p);
+        EXPECT_EQ(r.init_num, pool->get_thread_count());
+        if (last_idx) {
+            EXPECT_EQ(last_idx + 1, pool->get_pool_idx()) << "pools are numbered in creation order";
+        }
+        last_idx = pool->get_pool_idx();
+        thread_wrapper_t* thr = nullptr;
+        for (unsigned int i = 0; i < r.tasks; ++i)
+            add(pool.p, 1, &thr);
+        EXPECT_EQ(r.threads, pool->get_thread_count()) << r.init_num << "/" << r.max_num << ", " << r.tasks;
+        // Threads are named by pool and creation count, grown ones too.
+        EXPECT_EQ("pool." + std::to_string(last_idx) + "." + std::to_string(r.tasks - 1), thr->name());
+    }
 }
 
 TEST_F(ThreadPool, PicksMatchAModelOfLeastLoadThenLongestAtThatLoad) {
@@ -249,8 +191,13 @@ TEST_F(ThreadPool, PicksMatchAModelOfLeastLoadThenLongestAtThatLoad) {
             stamp[t.thread] = clock++;
         }
     }
-    for (int i = 0; i < threads; ++i)
+    unsigned int total = 0;
+    for (int i = 0; i < threads; ++i) {
         EXPECT_EQ(load[i], pool->get_thread_load(order[i])) << "thread " << i;
+        total += load[i];
+    }
+    EXPECT_EQ(total, pool->get_loads());
+    EXPECT_FALSE(m_log.contains("has no idle thread")) << "a full pool does not grow";
 }
 
 TEST_F(ThreadPool, ReleasedIdsComeBackFirstInTheOrderReleased) {

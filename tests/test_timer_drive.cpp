@@ -289,7 +289,7 @@ TEST_F(TimerDrive, AStoppedThreadAnswersThirteenAndIsUnpaused) {
     EXPECT_FALSE(thr->is_timer_paused());
 }
 
-TEST_F(TimerDrive, AThreadFiveSecondsLateRunsFortyNineStepsAndSkipsTheRest) {
+TEST_F(TimerDrive, ALateThreadRunsFortyNineStepsAndACatchUpFinishingTheLapFiresIt) {
     thread_wrapper_t* thr = spawn("late");
     counting_sink_t sink;
     run_on(thr, [&] {
@@ -306,11 +306,7 @@ TEST_F(TimerDrive, AThreadFiveSecondsLateRunsFortyNineStepsAndSkipsTheRest) {
         EXPECT_LE(wheel->position().get_ticks() - after, 2u);
     });
     EXPECT_EQ(1u, m_log.count("thread_wrapper_t::process_timer should wake up from sleep, hurry up"));
-}
 
-TEST_F(TimerDrive, ACatchUpThatFinishesTheLapFiresWhatTheLapHolds) {
-    thread_wrapper_t* thr = spawn("behind");
-    counting_sink_t sink;
     run_on(thr, [&] {
         timer_queue_t* wheel = thr->get_timer_queue();
         // From a lap start, a timer in level-0 slot 55.
