@@ -81,6 +81,7 @@ TEST(Uuid, FromStringTable) {
         {"01234567x89abxcdef-fedcxba9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
         // Without the dash at 18 the first half runs on: too many digits.
         {"01234567-89ab-cdef0fedc-ba9876543210", 0, ~0ULL, 0xFEDCBA9876543210ULL},
+        {"10000000-0000-000000000-000000000000", 0, ~0ULL, 0},  // overflows at the 17th digit
         // The halves stop at the first non-digit.
         {"0123g567-89ab-cdef-fedc-ba98765432z0", 0, 0x0123ULL, 0xFEDCBA98765432ULL},
         {"--------------------------------------", 0, 0, 0},
