@@ -12,10 +12,6 @@
 #include "test_log_support.h"
 #include "test_support.h"
 
-#if defined(UTIL_TEST_HAVE_ZLIB)
-#  include <zlib.h>
-#endif
-
 using namespace ssb::crc_detail;
 
 namespace {
@@ -140,25 +136,6 @@ TEST_F(CrcPaths, PiecesChainToTheWholeAcrossPaths) {
                 EXPECT_EQ(whole16, crc_16(&c16, data.data() + cut, static_cast<unsigned>(3000 - cut)));
             }
 }
-
-#if defined(UTIL_TEST_HAVE_ZLIB)
-// zlib inverts inside; the raw value relates as raw(c) = ~zlib(~c).
-TEST_F(CrcPaths, AgreesWithZlibThroughTheRawForm) {
-    const std::vector<unsigned char> data = random_bytes(70000, 3);
-    const unsigned LENS[] = {0, 1, 7, 64, 100, 1500, 4096, 65536, 70000};
-    const uint32_t STARTS[] = {0u, 0xFFFFFFFFu, 0x12345678u};
-    for (crc_path_t path : supported_paths()) {
-        ASSERT_TRUE(force_path(path));
-        for (unsigned len : LENS)
-            for (uint32_t start : STARTS) {
-                SCOPED_TRACE(::testing::Message() << path_name(path) << " len " << len << " start " << start);
-                unsigned int c = start;
-                const uint32_t z = ~static_cast<uint32_t>(crc32(~start & 0xFFFFFFFFu, data.data(), len));
-                EXPECT_EQ(z, crc_32(&c, data.data(), len));
-            }
-    }
-}
-#endif
 
 TEST_F(CrcPaths, UnsupportedPathIsRefusedAndLeavesTheChoice) {
     const crc_path_t before = current_path();

@@ -248,20 +248,6 @@ TEST_F(MsgBlock, SplitTakesExactlyTheFirstBytesAndRefusesZeroAndTooMuch) {
     db->release();
 }
 
-TEST_F(MsgBlock, WritingThirtyIntoTwentyFiveWritesTwentyFiveAndReturnsEleven) {
-    msg_db_t* db = make(20, "12345");
-    EXPECT_EQ(ssb::RESULT_SUCCESS, db->append(make(10, "")));
-    ASSERT_EQ(25u, db->space());
-    const char thirty[] = "abcdefghijklmnopqrstuvwxyz0123";
-    unsigned done = 0;
-    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->_write(sc(thirty), 30, &done));
-    EXPECT_EQ(25u, done);
-    EXPECT_EQ(std::string("12345") + std::string(thirty, 25), readable(db));
-    EXPECT_EQ(ssb::RESULT_NOT_ENOUGH, db->_write(sc("x"), 1, &done));
-    EXPECT_EQ(0u, done);
-    db->release();
-}
-
 TEST_F(MsgBlock, NullArgumentsGiveTwoAndTheirLines) {
     msg_db_t* db = ten_and_five();
     unsigned done = 99;
@@ -327,35 +313,17 @@ TEST_F(MsgBlock, PeekAndUpdateSpanNodesAndRefuseRangesThatWouldWrap) {
 
 // ---- chain operations ----
 
-TEST_F(MsgBlock, CopiesRelateAsTheirNamesSay) {
+// The relations themselves are checked against the model; here the
+// answers for a chain of other blocks and for null.
+TEST_F(MsgBlock, CopyRelationsOfOtherBlocksAndNull) {
     msg_db_t* db = ten_and_five();
-    msg_db_t* dup = db->duplicate();
-    msg_db_t* cl = db->clone();
     msg_db_t* other = make(20, "0123456789abcde");
-    msg_db_t* rev = db->reversal();
-    struct {
-        const msg_db_t* x;
-        bool duplicate, clone, copy;
-    } rows[] = {
-        {dup, true, false, true},
-        {other, false, false, true},
-        {rev, false, false, false},
-        {nullptr, false, false, false},
-    };
-    for (const auto& r : rows) {
-        EXPECT_EQ(r.duplicate, db->is_duplicate(r.x));
-        EXPECT_EQ(r.clone, db->is_clone(r.x));
-        EXPECT_EQ(r.copy, db->is_copy(r.x));
-    }
-    EXPECT_EQ("abcde0123456789", readable(rev));
-    EXPECT_EQ(3u, db->get_data_block()->get_count()) << "the chain, its duplicate and its reversal";
-    // A deep copy keeps the cursors: the headroom can be read back again.
-    db->move_reader_forward(3);
-    msg_db_t* cl2 = db->clone();
-    EXPECT_EQ(ssb::RESULT_SUCCESS, cl2->move_reader_backward(3));
-    EXPECT_EQ("0123456789abcde", readable(cl2));
-    for (msg_db_t* c : {dup, cl, other, rev, cl2, db})
-        c->release();
+    EXPECT_FALSE(db->is_duplicate(other));
+    EXPECT_FALSE(db->is_clone(other));
+    EXPECT_TRUE(db->is_copy(other));
+    EXPECT_FALSE(db->is_duplicate(nullptr) || db->is_clone(nullptr) || db->is_copy(nullptr));
+    other->release();
+    db->release();
 }
 
 TEST_F(MsgBlock, LinkingPlacesChainsAndRefusesWhatWouldBreakAChain) {

@@ -46,21 +46,17 @@ protected:
     singleton_life_t& reg() { return singleton_life_t::instance(); }
 };
 
-TEST_F(SingletonLife, RegisteringTwiceKeepsOneEntryAndUnknownFunctionsAreIgnored) {
-    reg().regist(&destroy_fn<1>);
-    reg().regist(&destroy_fn<1>);
-    reg().unregist(&destroy_fn<2>);
-    EXPECT_EQ(1u, reg().size());
-    reg().cleanup();
-    EXPECT_EQ(std::vector<int>({1}), g_order);
-}
-
+// Registering twice keeps one entry, unknown functions are ignored, and a
+// re-registered function moves to the end.
 TEST_F(SingletonLife, CleanupDestroysEarliestRegisteredFirst) {
     reg().regist(&destroy_fn<3>);
     reg().regist(&destroy_fn<1>);
+    reg().regist(&destroy_fn<1>);
     reg().regist(&destroy_fn<2>);
+    reg().unregist(&destroy_fn<4>);
+    EXPECT_EQ(3u, reg().size());
     reg().unregist(&destroy_fn<1>);
-    reg().regist(&destroy_fn<1>);  // re-registered: now last
+    reg().regist(&destroy_fn<1>);
     reg().cleanup();
     EXPECT_EQ(std::vector<int>({3, 2, 1}), g_order);
     EXPECT_EQ(0u, reg().size());
