@@ -238,7 +238,7 @@ bool sleep_until_fired(watcher_t* w, const struct timespec* deadline, ready_fn r
 // A thread that can run on one CPU only never spins. No pause instruction: hypervisors
 // trap it, which makes one cost tens of nanoseconds here.
 const uint64_t SPIN_MIN_NS = 4000;
-const uint64_t SPIN_MAX_NS = 50000;
+const uint64_t SPIN_MAX_NS = 20000;
 // Word reads between two clock reads.
 const uint32_t SPIN_STRIDE = 128;
 
