@@ -27,6 +27,7 @@
 // refuses when full; one writer only: an explicit producer keeps every block
 // it has taken, so with two the first can hold the whole preallocation and
 // starve the second for good, which these runs met).
+// ours_mode0 and ours_o2o: diagnostic rows, see ours_mode0_t below.
 // Counters per message: empty_pops (reader found nothing), full_pushes
 // (writer refused), and the process's CPU time and context switches.
 //
@@ -214,6 +215,34 @@ struct ours_t {
     ssb::msg_queue_t* q;
 };
 
+// Diagnostic rows, the queue alone: what two described duties cost.
+//   mode0: mode 0 without a notifier, so a post makes no wake-up decision
+//          (the writer's fence and the reader's idle flag are skipped);
+//   o2o:   the one-writer queue, whose push takes no lock (one writer only).
+struct ours_mode0_t : ours_t {
+    explicit ours_mode0_t(int) : ours_t(0) {
+        q->decrement();
+        q = new ssb::msg_queue_t(nullptr, nullptr, CAPACITY, ssb::MSG_QUEUE_SIGNAL_ALWAYS);
+        q->increment();
+    }
+};
+
+struct ours_o2o_t {
+    static const bool OURS = true;
+    static const int MAX_WRITERS = 1;
+    typedef ssb::msg_it* item_t;
+    explicit ours_o2o_t(int)
+        : wake(true, false, false),
+          q(new ssb::o2o_msg_queue_t(&wake, nullptr, CAPACITY, ssb::MSG_QUEUE_SIGNAL_WHEN_EMPTY)) {
+        q->increment();
+    }
+    ~ours_o2o_t() { q->decrement(); }
+    bool push(int, ssb::msg_it* m) { return q->post_msg(m, nullptr) != ssb::RESULT_QUEUE_FULL; }
+    bool pop(ssb::msg_it*& m) { return q->pop_msg(m) == ssb::RESULT_SUCCESS; }
+    ssb::notifier_event_t wake;
+    ssb::o2o_msg_queue_t* q;
+};
+
 template <class T, bool BOUNDED>
 struct mutex_deque_t {
     static const bool OURS = false;
@@ -397,6 +426,22 @@ void queue_args(benchmark::internal::Benchmark* b) {
     b->UseRealTime();
 }
 
+// The pre-allocated rows only, for the diagnostic variants.
+void pool_args(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"writers", "alloc", "place"});
+    b->Args({1, ALLOC_POOL, 1});
+    b->Args({1, ALLOC_POOL, 0});
+    b->Args({2, ALLOC_POOL, 0});
+    b->UseRealTime();
+}
+
+void one_writer_pool_args(benchmark::internal::Benchmark* b) {
+    b->ArgNames({"writers", "alloc", "place"});
+    b->Args({1, ALLOC_POOL, 1});
+    b->Args({1, ALLOC_POOL, 0});
+    b->UseRealTime();
+}
+
 // Every allocation mode of one side, registered under one name so that the
 // ratio table pairs like rows.
 template <template <class> class Q>
@@ -429,6 +474,8 @@ void ours_throughput(benchmark::State& state) {
 }
 
 BENCHMARK(ours_throughput)->Name("msg_queue_writers/ours")->Apply(queue_args);
+BENCHMARK_TEMPLATE(throughput, ours_mode0_t, ALLOC_POOL)->Name("msg_queue_writers/ours_mode0")->Apply(pool_args);
+BENCHMARK_TEMPLATE(throughput, ours_o2o_t, ALLOC_POOL)->Name("msg_queue_writers/ours_o2o")->Apply(one_writer_pool_args);
 BENCHMARK_TEMPLATE(peer_throughput, md_unbounded)->Name("msg_queue_writers/mutex_deque")->Apply(queue_args);
 BENCHMARK_TEMPLATE(peer_throughput, md_bounded)->Name("msg_queue_writers/mutex_deque_bounded")->Apply(queue_args);
 BENCHMARK_TEMPLATE(peer_throughput, concurrent_queue_t)->Name("msg_queue_writers/moodycamel_cq")->Apply(queue_args);
