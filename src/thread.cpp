@@ -514,6 +514,10 @@ int thread_wrapper_t::post_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink) {
         UTIL_ASSERT_LINE(SOURCE_PATH, __LINE__, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
+    // The loop may run the message, and free itself with its queue and
+    // notifier, before the post has signalled; the poster holds it until
+    // then.
+    ref_holder_t<thread_wrapper_t> keep(this);
     return m_parts->ctrl_queue->post_msg(msg, sink);
 }
 
@@ -525,6 +529,7 @@ int thread_wrapper_t::send_ctrl_msg(msg_it* msg, msg_queue_sink_it* sink, int ti
         UTIL_ASSERT_LINE(SOURCE_PATH, 740, ", this = " << log_ptr(this));
         return RESULT_INVALID_ARG;
     }
+    ref_holder_t<thread_wrapper_t> keep(this);  // as in post_ctrl_msg
     wait_for_t wait("thread_wrapper_t::send_ctrl_msg", this);
     return wait.refused() ? wait.refused() : send_tracked(m_parts->ctrl_queue.get(), msg, sink, timeout);
 }
