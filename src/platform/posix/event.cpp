@@ -235,8 +235,10 @@ bool sleep_until_fired(watcher_t* w, const struct timespec* deadline, ready_fn r
 // length adapts per thread: a spin that ends in a signal grows the next one,
 // a spin that ends in sleep halves it, down to a short probe tried once in
 // 16 waits, so an idle thread spends well under a microsecond per wake-up.
-// A thread that can run on one CPU only never spins. No pause instruction: hypervisors
-// trap it, which makes one cost tens of nanoseconds here.
+// A thread that can run on one CPU only never spins. No pause instruction:
+// hypervisors trap it, which makes one cost tens of nanoseconds here. A
+// pulse, which releases the waits already watching, passes a spinning wait
+// by, as PulseEvent may on Windows.
 const uint64_t SPIN_MIN_NS = 4000;
 const uint64_t SPIN_MAX_NS = 20000;
 // Word reads between two clock reads.
