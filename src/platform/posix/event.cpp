@@ -235,7 +235,8 @@ bool sleep_until_fired(watcher_t* w, const struct timespec* deadline, ready_fn r
 // length adapts per thread: a spin that ends in a signal grows the next one,
 // a spin that ends in sleep halves it, down to a short probe tried once in
 // 16 waits, so an idle thread spends well under a microsecond per wake-up.
-// A thread that can run on one CPU only never spins. No pause instruction:
+// A thread that can run on one CPU only never spins, and at most one thread
+// fewer than the CPUs spins at a time. No pause instruction:
 // hypervisors trap it, which makes one cost tens of nanoseconds here. A
 // pulse, which releases the waits already watching, passes a spinning wait
 // by, as PulseEvent may on Windows.
@@ -256,6 +257,15 @@ uint64_t monotonic_ns() {
     struct timespec ts;
     clock_gettime(CLOCK_MONOTONIC, &ts);
     return static_cast<uint64_t>(ts.tv_sec) * 1000000000ull + static_cast<uint64_t>(ts.tv_nsec);
+}
+
+// Threads spinning now, at most one fewer than the CPUs: a spinner holds a
+// CPU, and the thread that would signal it needs one.
+std::atomic<int> s_spinners(0);
+
+int spinners_allowed() {
+    static const int s_allowed = static_cast<int>(sysconf(_SC_NPROCESSORS_ONLN)) - 1;
+    return s_allowed;
 }
 
 // A thread held to one CPU would spin away the time its signaller needs.
@@ -284,18 +294,24 @@ bool spin_for_signal(const event_handle_t* events, size_t count) {
     }
     if (!several_cpus())
         return false;
+    if (s_spinners.fetch_add(1, std::memory_order_relaxed) >= spinners_allowed()) {
+        s_spinners.fetch_sub(1, std::memory_order_relaxed);
+        return false;
+    }
     const uint64_t budget = t_spin_ns;
     const uint64_t start = monotonic_ns();
-    for (;;) {
-        for (uint32_t i = 0; i < SPIN_STRIDE; ++i) {
-            if (any_set(events, count)) {
-                const uint64_t grown = budget * 2;
-                t_spin_ns = grown < SPIN_MAX_NS ? grown : SPIN_MAX_NS;
-                return true;
-            }
-        }
-        if (monotonic_ns() - start >= budget)
+    bool set = false;
+    while (!set) {
+        for (uint32_t i = 0; i < SPIN_STRIDE && !set; ++i)
+            set = any_set(events, count);
+        if (!set && monotonic_ns() - start >= budget)
             break;
+    }
+    s_spinners.fetch_sub(1, std::memory_order_relaxed);
+    if (set) {
+        const uint64_t grown = budget * 2;
+        t_spin_ns = grown < SPIN_MAX_NS ? grown : SPIN_MAX_NS;
+        return true;
     }
     if (budget <= SPIN_MIN_NS)
         t_spin_skip = SPIN_SKIPS;
