@@ -65,22 +65,22 @@ void marker_text(char (&out)[37]) {
 
 // ---- the shared pool ------------------------------------------------------
 //
-// Free blocks of one class, kept as a stack of batches. A batch is a chain
-// of blocks linked through their first word; its first block also holds the
-// link to the next batch and the batch's length (every block has at least
-// 32 bytes).
-struct batch_head_t {
-    signed char* next_block;
-    signed char* next_batch;
-    uintptr_t length;
+// Free blocks of one class, kept as a stack of batches. A batch is an array
+// of block addresses, so a thread taking one copies addresses and touches
+// no block: the blocks were mostly freed on another core, and walking a
+// chain through them cost one dependent cache miss each. Emptied batches
+// are kept for reuse, never more than the pool has held at once.
+struct batch_t {
+    batch_t* next;
+    uint32_t length;
+    signed char* blocks[BATCH_BLOCKS];
 };
-
-inline batch_head_t* head_of(signed char* block) { return reinterpret_cast<batch_head_t*>(block); }
 
 struct pool_t {
     struct alignas(64) class_pool_t {
         spin_lock lock;
-        signed char* top;
+        batch_t* top;
+        batch_t* spare;
         // Changed under the lock; read without it only to skip the lock
         // when the pool is empty, where a stale answer costs one fresh block.
         std::atomic<uint32_t> blocks;
@@ -89,6 +89,7 @@ struct pool_t {
     pool_t() : exit_slot(0), has_exit_slot(false), heap_blocks(0) {
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             classes[k].top = nullptr;
+            classes[k].spare = nullptr;
             classes[k].blocks.store(0, std::memory_order_relaxed);
         }
     }
@@ -130,79 +131,102 @@ signed char* heap_block(unsigned int k) {
     return p;
 }
 
-void free_chain(signed char* block) {
-    int64_t n = 0;
-    while (block) {
-        signed char* next = head_of(block)->next_block;
-        free(block);
-        block = next;
-        ++n;
-    }
+void free_blocks(signed char* const* blocks, uint32_t n) {
+    for (uint32_t i = 0; i < n; ++i)
+        free(blocks[i]);
     pool().heap_blocks.fetch_sub(n, std::memory_order_relaxed);
 }
 
-// Takes a chain of `length` blocks of class k. Above the high-water mark the
-// oldest batches go back to the C heap, outside the lock.
-void pool_put(unsigned int k, signed char* first, uint32_t length) {
-    pool_t::class_pool_t& c = pool().classes[k];
-    const uint32_t limit = ssb_allocator_t::POOL_HIGH_WATER / alloc_class_bytes(k);
-    signed char* excess = nullptr;
-    head_of(first)->length = length;
-    {
-        auto_lock_t<spin_lock> guard(c.lock);
-        head_of(first)->next_batch = c.top;
-        c.top = first;
-        uint32_t blocks = c.blocks.load(std::memory_order_relaxed) + length;
-        c.blocks.store(blocks, std::memory_order_relaxed);
-        if (blocks > limit) {
-            // Keep the newest batches (warmest); cut the stack below them.
-            signed char* b = c.top;
-            uint32_t kept = head_of(b)->length;
-            while (head_of(b)->next_batch && kept + head_of(head_of(b)->next_batch)->length <= limit) {
-                b = head_of(b)->next_batch;
-                kept += head_of(b)->length;
-            }
-            excess = head_of(b)->next_batch;
-            head_of(b)->next_batch = nullptr;
-            c.blocks.store(kept, std::memory_order_relaxed);
-        }
-    }
-    while (excess) {
-        signed char* next = head_of(excess)->next_batch;
-        free_chain(excess);
-        excess = next;
+// Frees a list of batches, their blocks back to the C heap.
+void free_batches(batch_t* b) {
+    while (b) {
+        batch_t* next = b->next;
+        free_blocks(b->blocks, b->length);
+        delete b;
+        b = next;
     }
 }
 
-// A whole batch, or null when the pool of class k is empty.
-signed char* pool_get(unsigned int k) {
+// Takes `length` blocks of class k (at most a batch), copied from `blocks`.
+// Above the high-water mark the oldest batches go back to the C heap,
+// outside the lock.
+void pool_put(unsigned int k, signed char* const* blocks, uint32_t length) {
+    pool_t::class_pool_t& c = pool().classes[k];
+    const uint32_t limit = ssb_allocator_t::POOL_HIGH_WATER / alloc_class_bytes(k);
+    batch_t* b;
+    {
+        auto_lock_t<spin_lock> guard(c.lock);
+        b = c.spare;
+        if (b)
+            c.spare = b->next;
+    }
+    if (!b)
+        b = new (std::nothrow) batch_t;
+    if (!b) {
+        free_blocks(blocks, length);
+        return;
+    }
+    memcpy(b->blocks, blocks, length * sizeof(blocks[0]));
+    b->length = length;
+    batch_t* excess = nullptr;
+    {
+        auto_lock_t<spin_lock> guard(c.lock);
+        b->next = c.top;
+        c.top = b;
+        uint32_t count = c.blocks.load(std::memory_order_relaxed) + length;
+        if (count > limit) {
+            // Keep the newest batches (warmest); cut the stack below them.
+            batch_t* kept = c.top;
+            count = kept->length;
+            while (kept->next && count + kept->next->length <= limit) {
+                kept = kept->next;
+                count += kept->length;
+            }
+            excess = kept->next;
+            kept->next = nullptr;
+        }
+        c.blocks.store(count, std::memory_order_relaxed);
+    }
+    free_batches(excess);
+}
+
+// Copies a whole batch into `out` (room for BATCH_BLOCKS) and returns its
+// length; 0 when the pool of class k is empty.
+uint32_t pool_get(unsigned int k, signed char** out) {
     pool_t::class_pool_t& c = pool().classes[k];
     if (c.blocks.load(std::memory_order_relaxed) == 0)
-        return nullptr;
+        return 0;
     auto_lock_t<spin_lock> guard(c.lock);
-    signed char* first = c.top;
-    if (first) {
-        c.top = head_of(first)->next_batch;
-        c.blocks.store(c.blocks.load(std::memory_order_relaxed) - static_cast<uint32_t>(head_of(first)->length),
-                       std::memory_order_relaxed);
-    }
-    return first;
+    batch_t* b = c.top;
+    if (!b)
+        return 0;
+    c.top = b->next;
+    c.blocks.store(c.blocks.load(std::memory_order_relaxed) - b->length, std::memory_order_relaxed);
+    const uint32_t n = b->length;
+    memcpy(out, b->blocks, n * sizeof(out[0]));
+    b->next = c.spare;
+    c.spare = b;
+    return n;
 }
 
 void pool_drain() {
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
         pool_t::class_pool_t& c = pool().classes[k];
-        signed char* top;
+        batch_t* top;
+        batch_t* spare;
         {
             auto_lock_t<spin_lock> guard(c.lock);
             top = c.top;
+            spare = c.spare;
             c.top = nullptr;
+            c.spare = nullptr;
             c.blocks.store(0, std::memory_order_relaxed);
         }
-        while (top) {
-            signed char* next = head_of(top)->next_batch;
-            free_chain(top);
-            top = next;
+        free_batches(top);
+        while (spare) {
+            batch_t* next = spare->next;
+            delete spare;
+            spare = next;
         }
     }
 }
@@ -215,15 +239,12 @@ struct alloc_internals_t {
     static void spill(cached_allocator_helper::ring_t& r, unsigned int k, unsigned int n) {
         if (n > r.count)
             n = r.count;
+        if (n > BATCH_BLOCKS)
+            n = BATCH_BLOCKS;
         if (!n)
             return;
-        signed char* first = nullptr;
-        for (unsigned int i = 0; i < n; ++i) {
-            signed char* b = r.slots[--r.count];
-            head_of(b)->next_block = first;
-            first = b;
-        }
-        pool_put(k, first, n);
+        r.count -= n;
+        pool_put(k, r.slots + r.count, n);
     }
 
     // A fresh thread cache keeps one batch per class until the thread shows
@@ -650,14 +671,11 @@ signed char* ssb_allocator_t::allocate(unsigned int count) {
 signed char* ssb_allocator_t::refill(cached_allocator_helper* cache, unsigned int k) {
     cached_allocator_helper::ring_t& r = cache->m_rings[k];
     alloc_internals_t::grow(r);
-    signed char* b = pool_get(k);
-    if (!b)
+    // A ring without room for a batch (no slot memory) takes from the heap.
+    const uint32_t n = r.capacity - r.count >= BATCH_BLOCKS ? pool_get(k, r.slots + r.count) : 0;
+    if (n == 0)
         return heap_block(k);
-    while (b) {
-        signed char* next = head_of(b)->next_block;
-        r.slots[r.count++] = b;
-        b = next;
-    }
+    r.count += n;
     ++r.record.hits;
     return r.slots[--r.count];
 }
