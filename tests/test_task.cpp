@@ -281,11 +281,14 @@ TEST_F(Tasks, RepeatingTaskKeepsItsScheduleStress) {
     // than firing a burst ("hurry up"): its schedule then restarts later.
     // Likewise a thread that the host's load held up for half a second: the
     // runs after it come in a burst, which says nothing about drift.
-    if (m_log.contains("hurry up") || longest_gap > 50 * period)
+    // The lateness of every run after such a restart is measured from the
+    // old schedule, so the typical run is not judged either.
+    if (m_log.contains("hurry up") || longest_gap > 50 * period) {
         std::cout << "note: the loop was held up for " << longest_gap << " ms; drift not judged\n";
-    else
-        EXPECT_LE(last - first, period) << "the schedule drifted; longest gap " << longest_gap << " ms before run "
-                                        << gap_at + 1;
+        return;
+    }
+    EXPECT_LE(last - first, period) << "the schedule drifted; longest gap " << longest_gap << " ms before run "
+                                    << gap_at + 1;
     // One tick of wheel granularity plus one of wake-up latency on a loaded
     // (or sanitized) host.
     EXPECT_LE(median(late), 2 * period) << "the typical run is near its time";
