@@ -10,9 +10,15 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
     mkdir -p "$(dirname "$WINEPREFIX")"
     (
         flock 9
-        [ -f "$WINEPREFIX/system.reg" ] || "$WINE" wineboot --init >/dev/null 2>&1
-        # wineboot returns before the server has written the registry.
-        /usr/lib/wine/wineserver -w 2>/dev/null || true
+        if [ ! -f "$WINEPREFIX/system.reg" ]; then
+            "$WINE" wineboot --init >/dev/null 2>&1
+            # wineboot returns before the server has written the registry.
+            /usr/lib/wine/wineserver -w 2>/dev/null || true
+            # One server, started here and kept a while, for the tests that
+            # follow: the first parallel tests then do not race to start it
+            # (one of them has hung at its exit after such a start).
+            /usr/lib/wine/wineserver -p30 2>/dev/null || true
+        fi
     ) 9>"$WINEPREFIX.lock"
 fi
 exec "$WINE" "$@"
