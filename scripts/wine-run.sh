@@ -15,8 +15,8 @@ if [ ! -f "$WINEPREFIX/system.reg" ]; then
             # wineboot returns before the server has written the registry.
             /usr/lib/wine/wineserver -w 2>/dev/null || true
             # One server, started here and kept a while, for the tests that
-            # follow: the first parallel tests then do not race to start it
-            # (one of them has hung at its exit after such a start).
+            # follow, so the first parallel tests do not each start one. (The
+            # exit hang CI retries is not this: it came back with the server.)
             /usr/lib/wine/wineserver -p30 2>/dev/null || true
         fi
     ) 9>"$WINEPREFIX.lock"
