@@ -415,32 +415,25 @@ using md_unbounded = mutex_deque_t<T, false>;
 template <class T>
 using md_bounded = mutex_deque_t<T, true>;
 
-// Arguments: writers, allocation, placement.
-void queue_args(benchmark::internal::Benchmark* b) {
+// Arguments: writers, allocation, placement; allocation modes below
+// `allocs`, and the two-writer row only when `writers` allows it.
+void add_rows(benchmark::internal::Benchmark* b, int allocs, int writers) {
     b->ArgNames({"writers", "alloc", "place"});
-    for (int alloc = 0; alloc < 3; ++alloc) {
+    for (int alloc = 0; alloc < allocs; ++alloc) {
         b->Args({1, alloc, 1});
         b->Args({1, alloc, 0});
-        b->Args({2, alloc, 0});
+        if (writers > 1)
+            b->Args({2, alloc, 0});
     }
     b->UseRealTime();
 }
 
-// The pre-allocated rows only, for the diagnostic variants.
-void pool_args(benchmark::internal::Benchmark* b) {
-    b->ArgNames({"writers", "alloc", "place"});
-    b->Args({1, ALLOC_POOL, 1});
-    b->Args({1, ALLOC_POOL, 0});
-    b->Args({2, ALLOC_POOL, 0});
-    b->UseRealTime();
-}
+void queue_args(benchmark::internal::Benchmark* b) { add_rows(b, 3, 2); }
 
-void one_writer_pool_args(benchmark::internal::Benchmark* b) {
-    b->ArgNames({"writers", "alloc", "place"});
-    b->Args({1, ALLOC_POOL, 1});
-    b->Args({1, ALLOC_POOL, 0});
-    b->UseRealTime();
-}
+// The pre-allocated rows only, for the diagnostic variants.
+void pool_args(benchmark::internal::Benchmark* b) { add_rows(b, ALLOC_POOL + 1, 2); }
+
+void one_writer_pool_args(benchmark::internal::Benchmark* b) { add_rows(b, ALLOC_POOL + 1, 1); }
 
 // Every allocation mode of one side, registered under one name so that the
 // ratio table pairs like rows.
