@@ -216,9 +216,14 @@ struct ours_t {
 };
 
 // Diagnostic rows, the queue alone: what two described duties cost.
-//   mode0: mode 0 without a notifier, so a post makes no wake-up decision
-//          (the writer's fence and the reader's idle flag are skipped);
-//   o2o:   the one-writer queue, whose push takes no lock (one writer only).
+//   mode0:      mode 0 without a notifier, so a post makes no wake-up
+//               decision (the writer's fence and the reader's idle flag are
+//               skipped);
+//   o2o:        the one-writer queue, whose push takes no lock (one writer
+//               only);
+//   o2o_mode0:  neither: the one-writer queue in mode 0 with a notifier that
+//               does nothing, i.e. the ring, the statistics switch and the
+//               message calls alone.
 struct ours_mode0_t : ours_t {
     explicit ours_mode0_t(int) : ours_t(0) {
         q->decrement();
@@ -240,6 +245,34 @@ struct ours_o2o_t {
     bool push(int, ssb::msg_it* m) { return q->post_msg(m, nullptr) != ssb::RESULT_QUEUE_FULL; }
     bool pop(ssb::msg_it*& m) { return q->pop_msg(m) == ssb::RESULT_SUCCESS; }
     ssb::notifier_event_t wake;
+    ssb::o2o_msg_queue_t* q;
+};
+
+// Signals nobody: mode 0 calls it after every push.
+class null_notifier_t : public ssb::notifier_it {
+public:
+    int wait(int, bool) override { return ssb::RESULT_SUCCESS; }
+    int signal() override { return ssb::RESULT_SUCCESS; }
+    int pulse(bool) override { return ssb::RESULT_SUCCESS; }
+    int reset() override { return ssb::RESULT_SUCCESS; }
+    ssb::notifier_handle_t get_id() const override { return ssb::INVALID_NOTIFIER_HANDLE; }
+    int open() override { return ssb::RESULT_SUCCESS; }
+    void close() override {}
+    bool is_active() const override { return true; }
+};
+
+struct ours_o2o_mode0_t {
+    static const bool OURS = true;
+    static const int MAX_WRITERS = 1;
+    typedef ssb::msg_it* item_t;
+    explicit ours_o2o_mode0_t(int)
+        : q(new ssb::o2o_msg_queue_t(&none, nullptr, CAPACITY, ssb::MSG_QUEUE_SIGNAL_ALWAYS)) {
+        q->increment();
+    }
+    ~ours_o2o_mode0_t() { q->decrement(); }
+    bool push(int, ssb::msg_it* m) { return q->post_msg(m, nullptr) != ssb::RESULT_QUEUE_FULL; }
+    bool pop(ssb::msg_it*& m) { return q->pop_msg(m) == ssb::RESULT_SUCCESS; }
+    null_notifier_t none;
     ssb::o2o_msg_queue_t* q;
 };
 
@@ -469,6 +502,9 @@ void ours_throughput(benchmark::State& state) {
 BENCHMARK(ours_throughput)->Name("msg_queue_writers/ours")->Apply(queue_args);
 BENCHMARK_TEMPLATE(throughput, ours_mode0_t, ALLOC_POOL)->Name("msg_queue_writers/ours_mode0")->Apply(pool_args);
 BENCHMARK_TEMPLATE(throughput, ours_o2o_t, ALLOC_POOL)->Name("msg_queue_writers/ours_o2o")->Apply(one_writer_pool_args);
+BENCHMARK_TEMPLATE(throughput, ours_o2o_mode0_t, ALLOC_POOL)
+    ->Name("msg_queue_writers/ours_o2o_mode0")
+    ->Apply(one_writer_pool_args);
 BENCHMARK_TEMPLATE(peer_throughput, md_unbounded)->Name("msg_queue_writers/mutex_deque")->Apply(queue_args);
 BENCHMARK_TEMPLATE(peer_throughput, md_bounded)->Name("msg_queue_writers/mutex_deque_bounded")->Apply(queue_args);
 BENCHMARK_TEMPLATE(peer_throughput, concurrent_queue_t)->Name("msg_queue_writers/moodycamel_cq")->Apply(queue_args);
