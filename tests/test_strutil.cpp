@@ -134,6 +134,49 @@ TEST(RegexMatch, SearchesThatOutgrowTheQuickScanAgreeWithTheRules) {
     }
 }
 
+// Where a piece's first occurrence ends decides what the rest of the
+// pattern may match: "*N*" + S holds when S is the text after that end and
+// fails when S reaches one byte into it. The fillers make every candidate a
+// long near miss, so past the first few bytes the search runs in Two-Way
+// (the periodic needle and the other one take its two branches); the ends
+// are pinned against std::string::find.
+TEST(RegexMatch, PieceSearchFindsTheFirstOccurrenceWhereStringFindDoes) {
+    auto repeat = [](const std::string& s, int n) {
+        std::string out;
+        for (int i = 0; i < n; ++i)
+            out += s;
+        return out;
+    };
+    const struct {
+        std::string needle, filler;
+    } kinds[] = {
+        {std::string(32, 'a') + "b", std::string(300, 'a')},
+        // Period 3; the filler breaks the period every 35 bytes.
+        {repeat("aab", 12) + "aa", repeat(repeat("aab", 11) + "ab", 9)},
+    };
+    std::vector<std::pair<std::string, std::string>> rows;
+    for (const auto& k : kinds) {
+        for (size_t offset : {0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 100, 257})
+            for (size_t tail : {0, 50})
+                rows.push_back({k.filler.substr(0, offset) + k.needle + k.filler.substr(0, tail), k.needle});
+        rows.push_back({k.filler, k.needle});
+        // Overlapping occurrences: the first one counts.
+        rows.push_back({k.filler.substr(0, 100) + k.needle + k.needle.substr(k.needle.size() - 3) + "a", k.needle});
+    }
+    for (const auto& r : rows) {
+        const std::string& text = r.first;
+        const std::string& needle = r.second;
+        const size_t at = text.find(needle);
+        const std::string star = "*" + needle + "*";
+        ASSERT_EQ(at != std::string::npos, regex_match(text, star)) << text;
+        if (at == std::string::npos)
+            continue;
+        const size_t end = at + needle.size();
+        EXPECT_TRUE(regex_match(text, star + text.substr(end))) << "ends at " << end << " in " << text;
+        EXPECT_FALSE(regex_match(text, star + text.substr(end - 1))) << "ends at " << end << " in " << text;
+    }
+}
+
 TEST(RegexMatch, PathologicalPatternsStayCorrect) {
     // Each would take a backtracking matcher far beyond CTest's time-out.
     const std::string stars(10000, '*');
