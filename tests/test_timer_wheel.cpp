@@ -351,6 +351,28 @@ TEST(TimerWheel, LastFiringDetachesFirstAndDepositsAreReleasedOnlyThen) {
     EXPECT_FALSE(deposit.is_scheduled());
 }
 
+// A deposit removed through the wheel while it fires: unscheduled at once,
+// never fired again, and not released: an explicit removal leaves its life
+// to the caller, as it does for one that waits in a slot.
+TEST(TimerWheel, DepositRemovedInsideItsOwnCallbackIsNotReleased) {
+    recorder_t sink;
+    timer_queue_t wheel(nullptr, 0);
+    test_timer_t deposit(1, &sink, true);
+    bool scheduled_after_removal = true;
+    sink.on_fire = [&](const timer_it*) {
+        EXPECT_EQ(RESULT_SUCCESS, wheel.remove_timer(&deposit));
+        scheduled_after_removal = deposit.is_scheduled();
+    };
+    deposit.arm(wheel, 1, 3, true);
+    for (int i = 0; i < 5; ++i)
+        wheel.do_timer(1);
+    EXPECT_EQ(1u, sink.fired.size());
+    EXPECT_FALSE(scheduled_after_removal);
+    EXPECT_EQ(0, deposit.released);
+    EXPECT_EQ(0u, wheel.timer_count());
+    EXPECT_EQ(0, live_timer_carriers());
+}
+
 TEST(TimerWheel, MisuseIsReportedNotFatal) {
     log_capture_t log;
     timer_queue_t wheel(nullptr, 0);
