@@ -118,6 +118,21 @@ TEST_F(ThreadMgr, MainHeartbeatRunsTheMainQueueOnTheMainThreadOnly) {
 
 TEST(MainHeartbeat, BeforeInitOrWithoutAManagerReturns9) {
     EXPECT_EQ(RESULT_NOTHING_TO_DO, main_heartbeat());
+    // A manager made before util_init: the heartbeat is still refused, and
+    // the main thread's queue is left alone.
+    util_test::text_capture_t log;
+    util_test::capture_util_log(&log);
+    thread_mgr_t::reset();
+    thread_wrapper_t* main_thr = thread_mgr_t::instance()->find_by_type(THREAD_TYPE_MAIN);
+    ASSERT_NE(nullptr, main_thr);
+    std::atomic<int> ran(0);
+    std::thread([&] { main_thr->post_msg(new fn_msg_t([&] { ++ran; }), nullptr); }).join();
+    EXPECT_EQ(RESULT_NOTHING_TO_DO, main_heartbeat());
+    EXPECT_EQ(0, ran.load());
+    EXPECT_TRUE(log.contains("assert: file[util], line = [209]"));
+    thread_mgr_t::destroy();
+    util_test::restore_log_routing();
+    EXPECT_EQ(0, util_test::live_fn_msgs().load());
     thread_mgr_t::reset();
     util_init(1, nullptr, nullptr, nullptr, 0, 0);
     thread_mgr_t::destroy();
