@@ -200,6 +200,26 @@ TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
     EXPECT_EQ(RESULT_NOT_FOUND, b->release_channel(a));
 }
 
+// A loop the library no longer names (off the manager's list, its slot
+// cleared) still refuses a synchronous send to itself, which would wait for
+// ever; the send's deadline turns a missing check into a failure, not a hang.
+TEST_F(Threads, SendToItselfIsRefusedWhenTheLoopIsNoLongerListed) {
+    thread_wrapper_t* a = spawn_event();
+    int rv = -1;
+    run_on(a, [&] {
+        ASSERT_EQ(RESULT_SUCCESS, m_mgr->detach(a));
+        ASSERT_EQ(RESULT_SUCCESS, thread_mgr_t::unregister_tls(a));
+        fn_msg_t* m = new fn_msg_t([] {});
+        rv = a->send_msg(m, nullptr, 2000);
+        if (rv != RESULT_SUCCESS && rv != RESULT_BUSY)
+            m->release();
+        thread_mgr_t::register_tls(a);
+    });
+    EXPECT_EQ(RESULT_REFUSED, rv);
+    EXPECT_TRUE(m_log.contains("thread_wrapper_t::send_msg cannot send event to self"));
+    EXPECT_FALSE(m_log.contains("would wait for a thread that waits for the caller"));
+}
+
 TEST_F(Threads, StopIsSynchronousOnceAndRefusesLaterPosts) {
     thread_wrapper_t* a = spawn_event();
     thread_wrapper_t* b = spawn_event();
