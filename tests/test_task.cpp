@@ -234,6 +234,37 @@ TEST_F(Tasks, DelayedTasksNeverRunMoreThanOneTickEarly) {
         EXPECT_GE(ms_since(posted[i], ran[i]), delays[i] - 10.0) << "delay " << delays[i];
 }
 
+// A delay is rounded up to whole 10 ms ticks. Between two runs of a
+// repeating task the wheel moves by exactly its period in ticks, whatever
+// the host's timing, so the rounding shows without measuring time.
+TEST_F(Tasks, PeriodsAreRoundedUpToWholeTicks) {
+    thread_wrapper_t* thr = spawn("target");
+    const struct {
+        unsigned int ms;
+        uint32_t ticks;
+    } rows[] = {{10, 1}, {11, 2}, {15, 2}, {19, 2}, {20, 2}, {21, 3}, {95, 10}};
+    task_owner_t owner;
+    std::vector<uint32_t> at[std::size(rows)];
+    std::atomic<int> done(0);
+    std::thread([&] {
+        for (size_t i = 0; i < std::size(rows); ++i)
+            ASSERT_EQ(RESULT_SUCCESS, post_repeating_task(thr, rows[i].ms, &owner, [&, i] {
+                          at[i].push_back(thr->get_timer_queue()->position().get_ticks());
+                          if (at[i].size() < 3)
+                              return true;
+                          ++done;
+                          return false;
+                      }));
+    }).join();
+    UTIL_WAIT_UNTIL([&] { return done.load() == static_cast<int>(std::size(rows)); });
+    for (size_t i = 0; i < std::size(rows); ++i) {
+        ASSERT_EQ(3u, at[i].size());
+        for (size_t k = 1; k < 3; ++k)
+            EXPECT_EQ(rows[i].ticks, (at[i][k] - at[i][k - 1]) & 0xFFFFFFu)
+                << rows[i].ms << " ms, positions " << at[i][0] << " " << at[i][1] << " " << at[i][2];
+    }
+}
+
 // Fixed-rate repetition over 1,000 periods of 10 ms (about 10 s). Time is
 // the behaviour here: no run is more than a tick early, and lateness does
 // not build up. A loaded machine delays single runs, so lateness is judged
