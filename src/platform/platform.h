@@ -83,13 +83,15 @@ uint32_t page_size();
 // A native thread-local value whose function runs on its thread as the
 // thread ends, for a value that is not null: for threads the library did
 // not start, which never call tls_cleanup (a pthread key destructor; a
-// fiber-local storage callback). At most EXIT_SLOT_MAX slots per process;
-// they are never freed.
+// fiber-local storage callback). Never when the process ends (exit() runs
+// no key destructor; Windows would run the callback after stopping the
+// other threads wherever they were, locks held). At most EXIT_SLOT_MAX slots
+// per process; they are never freed. Exported for the tests.
 typedef uintptr_t exit_slot_t;
 typedef void (*exit_slot_fn)(void* value);
 const unsigned int EXIT_SLOT_MAX = 4;
-bool exit_slot_alloc(exit_slot_t* slot, exit_slot_fn fn);
-bool exit_slot_set(exit_slot_t slot, void* value);
+UTIL_API bool exit_slot_alloc(exit_slot_t* slot, exit_slot_fn fn);
+UTIL_API bool exit_slot_set(exit_slot_t slot, void* value);
 
 // ---- clocks -------------------------------------------------------------
 // High-resolution counter; false when the system has none.
@@ -132,8 +134,9 @@ int make_dir(const char* path);
 // Elsewhere 26 and 28 map to $XDG_DATA_HOME (default ~/.local/share) and 5 to
 // $HOME. 0 or the OS error number.
 int special_folder(int folder_id, bool create, char* out, size_t size);
-// Full path of the running executable; 0 or the OS error number.
-int self_exe_path(char* out, size_t size);
+// Full path of the running executable; 0 or the OS error number. Exported
+// for the tests.
+UTIL_API int self_exe_path(char* out, size_t size);
 // The current working directory; 0 or the OS error number.
 int current_dir(char* out, size_t size);
 // Opens a text file for writing, truncating it; null on failure.
