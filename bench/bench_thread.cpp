@@ -12,6 +12,8 @@
 // unbounded) and condvar_bounded (the same, the poster blocking while
 // `capacity` tasks wait: the bounded peer of our channel). The unbounded
 // peers run once per capacity only to give each capacity its own group.
+//   alloc:0  ours only, a diagnostic: pre-built messages reused every
+//            batch, so neither allocation nor release's stay check.
 //   alloc:1  every message from the library allocator (ssb_allocator_t):
 //            ours and the mailboxes' tasks by their class's operator new,
 //            asio's handler operation through the handler's allocator.
@@ -102,7 +104,7 @@ const int ROUND_TRIP_BATCHES = 150;
 const std::chrono::seconds WATCHDOG(10);
 const size_t MAX_SAMPLES = 1 << 16;
 
-enum alloc_mode_t { ALLOC_LIBRARY = 1, ALLOC_NATURAL = 2 };
+enum alloc_mode_t { ALLOC_POOL = 0, ALLOC_LIBRARY = 1, ALLOC_NATURAL = 2 };
 
 void* library_allocate(size_t n) {
     void* p = ssb::ssb_allocator_t::instance()->allocate(static_cast<unsigned int>(n));
@@ -236,6 +238,14 @@ private:
     counter_t* m_counter;
 };
 
+// Built once, reused batch after batch: release leaves it alive (and so
+// reads no clock).
+class pooled_count_msg_t : public count_msg_t {
+public:
+    using count_msg_t::count_msg_t;
+    void release() override {}
+};
+
 // msg_it::release deletes through the dynamic type's operator delete.
 class library_count_msg_t : public count_msg_t {
 public:
@@ -296,7 +306,11 @@ private:
 class producer_t : public ssb::msg_queue_sink_it {
 public:
     producer_t(ssb::thread_wrapper_t* target, counter_t* counter, int alloc)
-        : m_target(target), m_counter(counter), m_alloc(alloc) {}
+        : m_target(target), m_counter(counter), m_alloc(alloc) {
+        if (alloc == ALLOC_POOL)
+            for (int i = 0; i < THROUGHPUT_BATCH; ++i)
+                m_pool.emplace_back(new pooled_count_msg_t(counter));
+    }
     ~producer_t() override {
         if (m_held)
             m_held->release();
@@ -321,6 +335,10 @@ public:
 
 private:
     ssb::msg_it* make() const {
+        // A batch runs to its end before the next one is armed, so the
+        // pool's messages are free again by then.
+        if (m_alloc == ALLOC_POOL)
+            return m_pool[static_cast<size_t>(THROUGHPUT_BATCH - m_left)].get();
         if (m_alloc == ALLOC_LIBRARY)
             return new library_count_msg_t(m_counter);
         return new count_msg_t(m_counter);
@@ -356,6 +374,7 @@ private:
     ssb::thread_wrapper_t* m_target;
     counter_t* m_counter;
     int m_alloc;
+    std::vector<std::unique_ptr<pooled_count_msg_t>> m_pool;
 };
 
 // What the channel A -> B looks like from outside, for a stalled batch.
@@ -996,6 +1015,14 @@ void ping_pong_futex(benchmark::State& state) {
       ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)             \
       ->UseManualTime()
 BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
+// Diagnostic: ours with pre-built messages, so no allocation and no clock
+// read at release; no peer row.
+BENCHMARK(throughput_ours)
+    ->Name("loop_to_loop_throughput/ours")
+    ->ArgNames({"capacity", "alloc"})
+    ->ArgsProduct({{1024, 16384}, {ALLOC_POOL}})
+    ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)
+    ->UseManualTime();
 BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
 BENCHMARK(throughput_condvar)->Name("loop_to_loop_throughput/condvar") THROUGHPUT_ARGS;
 BENCHMARK(throughput_condvar_bounded)->Name("loop_to_loop_throughput/condvar_bounded") THROUGHPUT_ARGS;
