@@ -15,8 +15,9 @@
 //   - a thread's cache holds at most 2 MiB in all classes together, and
 //     only as much as the thread itself allocates again: a thread that only
 //     frees keeps one batch per class; the pool keeps at most
-//     POOL_HIGH_WATER bytes per class; above that, batches go back to the C
-//     heap;
+//     POOL_HIGH_WATER bytes in all classes together, so a burst of one size
+//     may use what the others leave; above that, the oldest batches of the
+//     fullest class go back to the C heap;
 //   - a miss never takes a larger class's block: freed under the smaller
 //     size it would stay in the smaller class for good, and memory would
 //     drift upwards;
@@ -207,9 +208,10 @@ public:
     // source): more bytes for the large classes, which a mixed working set
     // needs most, under this bound for all classes together.
     static const unsigned int THREAD_CACHE_BYTES = 2 * 1024 * 1024;
-    // Bytes of free blocks the shared pool keeps per class before it gives
-    // batches back to the C heap.
-    static const unsigned int POOL_HIGH_WATER = 512 * 1024;
+    // Bytes of free blocks the shared pool keeps in all classes together;
+    // above that, the oldest batches of the class holding the most go back
+    // to the C heap.
+    static const unsigned int POOL_HIGH_WATER = 4 * 1024 * 1024;
     static const unsigned int TRAILER_SIZE = 16;
     static const unsigned char CHECKER_RESULT[TRAILER_SIZE];
 

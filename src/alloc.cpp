@@ -86,7 +86,7 @@ struct pool_t {
         std::atomic<uint32_t> blocks;
     };
 
-    pool_t() : exit_slot(0), has_exit_slot(false), heap_blocks(0) {
+    pool_t() : bytes(0), exit_slot(0), has_exit_slot(false), heap_blocks(0) {
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
             classes[k].top = nullptr;
             classes[k].spare = nullptr;
@@ -95,6 +95,10 @@ struct pool_t {
     }
 
     class_pool_t classes[ALLOC_CLASS_COUNT];
+    // Bytes of free blocks in all classes: one budget, so that a burst of
+    // one size may use what the other sizes leave. Changed with each batch
+    // under its class's lock; read without a lock only to decide a trim.
+    alignas(64) std::atomic<uint64_t> bytes;
     // Holds each thread's cache, so that the cache is dropped when the thread
     // ends whoever started it.
     plat::exit_slot_t exit_slot;
@@ -147,12 +151,55 @@ void free_batches(batch_t* b) {
     }
 }
 
+// Cuts the oldest batches of the class holding the most bytes until the
+// pool is back within its budget. The blocks go back to the C heap outside
+// the lock. Puts racing with this may leave the pool over by a batch each;
+// the next put trims again.
+void trim_pool() {
+    pool_t& p = pool();
+    for (unsigned int round = 0; round < ALLOC_CLASS_COUNT; ++round) {
+        const uint64_t total = p.bytes.load(std::memory_order_relaxed);
+        if (total <= ssb_allocator_t::POOL_HIGH_WATER)
+            return;
+        unsigned int largest = 0;
+        uint64_t largest_bytes = 0;
+        for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
+            const uint64_t b = uint64_t(p.classes[k].blocks.load(std::memory_order_relaxed)) * alloc_class_bytes(k);
+            if (b > largest_bytes) {
+                largest = k;
+                largest_bytes = b;
+            }
+        }
+        if (largest_bytes == 0)
+            return;
+        const uint64_t unit = alloc_class_bytes(largest);
+        const uint64_t over = total - ssb_allocator_t::POOL_HIGH_WATER;
+        pool_t::class_pool_t& c = p.classes[largest];
+        batch_t* excess = nullptr;
+        {
+            auto_lock_t<spin_lock> guard(c.lock);
+            const uint64_t held = uint64_t(c.blocks.load(std::memory_order_relaxed)) * unit;
+            const uint64_t keep = held > over ? held - over : 0;
+            // Keep the newest batches (warmest); cut the stack below them.
+            batch_t** link = &c.top;
+            uint64_t kept = 0;
+            while (*link && kept + (*link)->length * unit <= keep) {
+                kept += (*link)->length * unit;
+                link = &(*link)->next;
+            }
+            excess = *link;
+            *link = nullptr;
+            c.blocks.store(static_cast<uint32_t>(kept / unit), std::memory_order_relaxed);
+            p.bytes.fetch_sub(held - kept, std::memory_order_relaxed);
+        }
+        free_batches(excess);
+    }
+}
+
 // Takes `length` blocks of class k (at most a batch), copied from `blocks`.
-// Above the high-water mark the oldest batches go back to the C heap,
-// outside the lock.
 void pool_put(unsigned int k, signed char* const* blocks, uint32_t length) {
-    pool_t::class_pool_t& c = pool().classes[k];
-    const uint32_t limit = ssb_allocator_t::POOL_HIGH_WATER / alloc_class_bytes(k);
+    pool_t& p = pool();
+    pool_t::class_pool_t& c = p.classes[k];
     batch_t* b;
     {
         auto_lock_t<spin_lock> guard(c.lock);
@@ -168,26 +215,17 @@ void pool_put(unsigned int k, signed char* const* blocks, uint32_t length) {
     }
     memcpy(b->blocks, blocks, length * sizeof(blocks[0]));
     b->length = length;
-    batch_t* excess = nullptr;
+    uint64_t total;
     {
         auto_lock_t<spin_lock> guard(c.lock);
         b->next = c.top;
         c.top = b;
-        uint32_t count = c.blocks.load(std::memory_order_relaxed) + length;
-        if (count > limit) {
-            // Keep the newest batches (warmest); cut the stack below them.
-            batch_t* kept = c.top;
-            count = kept->length;
-            while (kept->next && count + kept->next->length <= limit) {
-                kept = kept->next;
-                count += kept->length;
-            }
-            excess = kept->next;
-            kept->next = nullptr;
-        }
-        c.blocks.store(count, std::memory_order_relaxed);
+        c.blocks.store(c.blocks.load(std::memory_order_relaxed) + length, std::memory_order_relaxed);
+        total = p.bytes.fetch_add(uint64_t(length) * alloc_class_bytes(k), std::memory_order_relaxed) +
+                uint64_t(length) * alloc_class_bytes(k);
     }
-    free_batches(excess);
+    if (total > ssb_allocator_t::POOL_HIGH_WATER)
+        trim_pool();
 }
 
 // Copies a whole batch into `out` (room for BATCH_BLOCKS) and returns its
@@ -203,6 +241,7 @@ uint32_t pool_get(unsigned int k, signed char** out) {
     c.top = b->next;
     c.blocks.store(c.blocks.load(std::memory_order_relaxed) - b->length, std::memory_order_relaxed);
     const uint32_t n = b->length;
+    pool().bytes.fetch_sub(uint64_t(n) * alloc_class_bytes(k), std::memory_order_relaxed);
     memcpy(out, b->blocks, n * sizeof(out[0]));
     b->next = c.spare;
     c.spare = b;
@@ -220,6 +259,8 @@ void pool_drain() {
             spare = c.spare;
             c.top = nullptr;
             c.spare = nullptr;
+            pool().bytes.fetch_sub(uint64_t(c.blocks.load(std::memory_order_relaxed)) * alloc_class_bytes(k),
+                                   std::memory_order_relaxed);
             c.blocks.store(0, std::memory_order_relaxed);
         }
         free_batches(top);

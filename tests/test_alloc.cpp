@@ -418,14 +418,47 @@ TEST_F(SsbAllocator, CachesAndPoolStayBoundedAfterABurst) {
         }
         ssb_allocator_t::stats_t s = stats();
         EXPECT_LE(s.cached_bytes, 2 * 1024 * 1024);
-        EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ALLOC_CLASS_COUNT) * ssb_allocator_t::POOL_HIGH_WATER);
+        EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
         EXPECT_EQ(s.heap_blocks, s.cached_blocks + s.pool_blocks) << "the rest went back to the C heap";
         EXPECT_LT(s.heap_blocks, static_cast<int64_t>(BURST) * ALLOC_CLASS_COUNT);
     });
     t.join();
     ssb_allocator_t::stats_t s = stats();
-    EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ALLOC_CLASS_COUNT) * ssb_allocator_t::POOL_HIGH_WATER);
+    EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
     EXPECT_EQ(s.heap_blocks, s.pool_blocks);
+}
+
+// The pool's budget is shared: one size may fill it, and going over it
+// gives back the oldest blocks of the class holding the most, not those of
+// whichever class was freed last.
+TEST_F(SsbAllocator, OneSizeMayFillThePoolAndTheFullestClassGivesWay) {
+    const unsigned int SMALL = 64 - ssb_allocator_t::TRAILER_SIZE - 1;   // class 1
+    const unsigned int LARGE = 128 - ssb_allocator_t::TRAILER_SIZE - 1;  // class 2
+    const unsigned int SMALL_COUNT = 1024 * 1024 / 64;
+    const unsigned int LARGE_COUNT = ssb_allocator_t::POOL_HIGH_WATER / 128;
+    ssb_allocator_t* a = ssb_allocator_t::instance();
+    std::vector<signed char*> small, large;
+    std::thread([&] {
+        for (unsigned int i = 0; i < SMALL_COUNT; ++i)
+            small.push_back(a->allocate(SMALL));
+        for (unsigned int i = 0; i < LARGE_COUNT; ++i)
+            large.push_back(a->allocate(LARGE));
+    }).join();
+    // Freed on a thread that only frees, so nearly everything reaches the pool.
+    std::thread([&] {
+        for (signed char* p : large)
+            a->deallocate(p, LARGE);
+        EXPECT_GE(stats().pool_bytes, 3 * 1024 * 1024) << "one size may use most of the budget";
+        for (signed char* p : small)
+            a->deallocate(p, SMALL);
+        a->release_tls();
+    }).join();
+    ssb_allocator_t::stats_t s = stats();
+    EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
+    EXPECT_EQ(s.heap_blocks, s.pool_blocks) << "every block is pooled or back in the C heap";
+    a->dump();
+    EXPECT_TRUE(log.contains("pool class = 1, blocks = " + std::to_string(SMALL_COUNT) + ","))
+        << "the smaller class, freed last, keeps every block";
 }
 
 TEST_F(SsbAllocator, AThreadThatOnlyFreesKeepsOneBatchPerClass) {
