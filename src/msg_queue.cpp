@@ -71,7 +71,9 @@ void msg_it::release() {
     delete this;
 }
 
-bool msg_it::overtime() { return age_of(m_ticks, ticks_drv_t::now()) > m_timeout; }
+// No age exceeds the largest time-out, so a message that never times out
+// skips the clock.
+bool msg_it::overtime() { return m_timeout != MSG_TIMEOUT_NEVER && age_of(m_ticks, ticks_drv_t::now()) > m_timeout; }
 
 void msg_it::dump() {}
 
