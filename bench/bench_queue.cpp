@@ -12,6 +12,8 @@
 //   place:2  both pinned to one core: every hand-over of the core is a
 //            yield, so it measures how many values move per time slice.
 //   place:0  unpinned: whatever the scheduler does on a loaded machine.
+//   moodycamel_rwq_16_byte_values is a diagnostic row: the same queue
+//   carrying values of our node's size (see reader_writer_queue_wide_t).
 // Counters, all per value: empty_pops (reader found the queue empty),
 // full_pushes (writer found it full), yields (sched_yield of both sides).
 // The reader's counters are its own locals, published once at the end.
@@ -79,6 +81,28 @@ struct reader_writer_queue_t {
     bool push(uintptr_t v) { return q.try_enqueue(v); }
     bool pop(uintptr_t& v) { return q.try_dequeue(v); }
     moodycamel::ReaderWriterQueue<uintptr_t> q;
+};
+
+// A diagnostic peer: moodycamel's queue carrying 16-byte values, the size
+// of our node (value and link), so it moves the same bytes per value as
+// ours. Set beside the 8-byte row, it shows what the node layout alone
+// costs at a capacity that leaves the first-level cache.
+struct wide_value_t {
+    uintptr_t value;
+    uintptr_t unused;
+};
+
+struct reader_writer_queue_wide_t {
+    explicit reader_writer_queue_wide_t(size_t capacity) : q(capacity) {}
+    bool push(uintptr_t v) { return q.try_enqueue(wide_value_t{v, 0}); }
+    bool pop(uintptr_t& v) {
+        wide_value_t w;
+        if (!q.try_dequeue(w))
+            return false;
+        v = w.value;
+        return true;
+    }
+    moodycamel::ReaderWriterQueue<wide_value_t> q;
 };
 
 struct concurrent_queue_t {
@@ -179,6 +203,9 @@ void capacities(benchmark::internal::Benchmark* b) {
 BENCHMARK_TEMPLATE(one_to_one, ours_t)->Name("spsc/ours")->Apply(capacities);
 BENCHMARK_TEMPLATE(one_to_one, boost_spsc_t)->Name("spsc/boost_spsc_queue")->Apply(capacities);
 BENCHMARK_TEMPLATE(one_to_one, reader_writer_queue_t)->Name("spsc/moodycamel_rwq")->Apply(capacities);
+BENCHMARK_TEMPLATE(one_to_one, reader_writer_queue_wide_t)
+    ->Name("spsc/moodycamel_rwq_16_byte_values")
+    ->Apply(capacities);
 BENCHMARK_TEMPLATE(one_to_one, concurrent_queue_t)->Name("spsc/moodycamel_cq")->Apply(capacities);
 
 }  // namespace

@@ -77,6 +77,7 @@
 #include "log.h"
 #include "msg.h"
 #include "msg_queue.h"
+#include "stats.h"
 #include "thread.h"
 #include "thread_mgr.h"
 #include "util.h"
@@ -401,6 +402,8 @@ void throughput_ours(benchmark::State& state) {
     producer_t producer(pair.b(), &counter, static_cast<int>(state.range(1)));
     util_bench::usage_meter_t usage;
     int64_t batches = 0;
+    ssb::thread_stats_t b_before;
+    ssb::get_thread_stats(pair.b(), b_before);
     while (state.KeepRunningBatch(THROUGHPUT_BATCH)) {
         done.arm();
         counter.arm(THROUGHPUT_BATCH);
@@ -433,12 +436,20 @@ void throughput_ours(benchmark::State& state) {
         state.SetIterationTime(seconds_between(producer.m_start, counter.m_end));
         ++batches;
     }
+    ssb::thread_stats_t b_after;
+    ssb::get_thread_stats(pair.b(), b_after);
     pair.stop();
     state.SetItemsProcessed(state.iterations());
     usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
     if (batches > 0) {
         state.counters["full_per_batch"] = static_cast<double>(producer.m_fulls) / static_cast<double>(batches);
         state.counters["sink_per_batch"] = static_cast<double>(producer.m_resumes) / static_cast<double>(batches);
+        // Whether B runs its passes full (the pass bound) or keeps running
+        // dry and going back to its notifier.
+        const uint64_t passes = b_after.passes - b_before.passes;
+        if (passes > 0)
+            state.counters["b_msgs_per_pass"] =
+                static_cast<double>(b_after.messages - b_before.messages) / static_cast<double>(passes);
     }
 }
 
