@@ -21,7 +21,7 @@ std::atomic<exit_slot_fn> s_exit_fns[EXIT_SLOT_MAX];
 std::atomic<unsigned int> s_exit_used(0);
 
 typedef BOOLEAN(NTAPI* shutdown_query_fn)();
-// Looked up when the first slot is made, never from a callback: at process
+// Looked up whenever a slot is made, never from a callback: at process
 // exit nothing may wait on a lock (a function-local static's guard is one).
 std::atomic<shutdown_query_fn> s_shutdown_query(nullptr);
 
