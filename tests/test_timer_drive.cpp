@@ -146,24 +146,6 @@ TEST_F(TimerDrive, MainThreadTimersRunFromTheHeartbeat) {
     EXPECT_FALSE(twice.is_scheduled());
 }
 
-TEST_F(TimerDrive, DepositsFreeThemselvesAfterTheLastFiringOnly) {
-    thread_wrapper_t* thr = spawn("timers");
-    counting_sink_t sink;
-    const int handles = live_timer_handles();
-    timer_deposit_t* kept = nullptr;
-    run_on(thr, [&] {
-        timer_deposit_t* d = timer_deposit_t::new_instance(1, nullptr);
-        EXPECT_EQ(RESULT_SUCCESS, d->add_timer(&sink, 10, 3, true));
-        kept = timer_deposit_t::new_instance(2, nullptr);
-        EXPECT_EQ(RESULT_SUCCESS, kept->add_timer(&sink, 10, 3, true));
-        kept->remove_timer();
-    });
-    UTIL_WAIT_UNTIL([&] { return live_timer_handles() == handles + 1; });
-    EXPECT_EQ(3, sink.fired.load());
-    run_on(thr, [&] { timer_deposit_t::release(kept); });
-    EXPECT_EQ(handles, live_timer_handles());
-}
-
 TEST_F(TimerDrive, RefSinkHandleKeepsItsSinkAlive) {
     thread_wrapper_t* thr = spawn("timers");
     counted_sink_t* sink = new counted_sink_t;
