@@ -231,29 +231,6 @@ TEST_F(MsgQueue, LaunchOnSinkNeedsARunningWriter) {
 
 // ---- synchronous sends -----------------------------------------------------------------
 
-TEST_F(MsgQueue, SendReturnsAfterTheReaderRanTheMessage) {
-    counting_notifier_t n;
-    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
-    std::atomic<int> ran(0);
-    std::atomic<bool> stop(false);
-    std::thread reader([&] {
-        while (!stop) {
-            msg_it* m = nullptr;
-            if (q->pop_msg(m) == RESULT_SUCCESS) {
-                m->on_message();
-                m->release();
-            }
-        }
-    });
-    for (int i = 1; i <= 200; ++i) {
-        ASSERT_EQ(RESULT_SUCCESS, q->send_msg(new counted_msg_t(0, i, &ran), nullptr, -1));
-        ASSERT_EQ(i, ran.load());  // ran before send_msg returned
-    }
-    stop = true;
-    reader.join();
-    q->decrement();
-}
-
 TEST_F(MsgQueue, ATimedOutSendStillRunsAndTheWrapperIsFreedOnce) {
     counting_notifier_t n;
     msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 64, 0);
