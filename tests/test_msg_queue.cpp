@@ -44,10 +44,7 @@ private:
 class counting_notifier_t : public notifier_it {
 public:
     int wait(int, bool) override { return RESULT_BUSY; }
-    int signal() override {
-        ++m_signals;
-        return 0;
-    }
+    int signal() override { return ++m_signals, 0; }
     int pulse(bool) override { return 0; }
     int reset() override { return 0; }
     notifier_handle_t get_id() const override { return 0; }
@@ -91,7 +88,7 @@ protected:
 // ---- full queues, status and signalling -------------------------------------------
 
 template <class Q>
-void full_queue_keeps_the_message(MsgQueue*) {
+void full_queue_keeps_the_message() {
     counting_notifier_t n;
     Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_ALWAYS);
     EXPECT_EQ(RESULT_INVALID_ARG, q->post_msg(nullptr, nullptr));
@@ -120,43 +117,36 @@ void full_queue_keeps_the_message(MsgQueue*) {
     q->decrement();
 }
 
-TEST_F(MsgQueue, FullO2oQueueReturnsThreeAndKeepsTheMessage) { full_queue_keeps_the_message<o2o_msg_queue_t>(this); }
-TEST_F(MsgQueue, FullSharedQueueReturnsThreeAndKeepsTheMessage) { full_queue_keeps_the_message<msg_queue_t>(this); }
-
-template <class Q>
-void signals_only_an_empty_queue() {
-    counting_notifier_t n;
-    Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
-    q->post_msg(new counted_msg_t, nullptr);
-    q->post_msg(new counted_msg_t, nullptr);
-    EXPECT_EQ(1, n.m_signals.load());
-    msg_it* m = nullptr;
-    q->pop_msg(m);
-    m->release();
-    q->post_msg(new counted_msg_t, nullptr);  // one still queued: no signal
-    EXPECT_EQ(1, n.m_signals.load());
-    release_all(q);
-    q->post_msg(new counted_msg_t, nullptr);
-    EXPECT_EQ(2, n.m_signals.load());
-    release_all(q);
-    q->decrement();
+TEST_F(MsgQueue, FullQueueReturnsThreeAndKeepsTheMessage) {
+    full_queue_keeps_the_message<o2o_msg_queue_t>();
+    full_queue_keeps_the_message<msg_queue_t>();
 }
 
-// The writer's copy of the read cursor lags the reader; the depth it
-// reports for the high-water mark must still be what is queued, and the ring
-// wraps in between.
+// A non-zero mode signals only a write into an empty queue. The writer's
+// copy of the read cursor lags the reader; the depth it reports for the
+// high-water mark must still be what is queued, and the ring wraps in
+// between.
 template <class Q>
-void high_water_follows_the_reader() {
+void signals_when_empty_and_high_water_follows_the_reader() {
     counting_notifier_t n;
     Q* q = make_queue<Q>(&n, nullptr, 32, MSG_QUEUE_SIGNAL_WHEN_EMPTY);
     auto post = [&](int k) {
         for (int i = 0; i < k; ++i)
             ASSERT_EQ(RESULT_SUCCESS, q->post_msg(new counted_msg_t, nullptr));
     };
+    post(2);
+    EXPECT_EQ(1, n.m_signals.load());
+    msg_it* m = nullptr;
+    q->pop_msg(m);
+    m->release();
+    post(1);  // one still queued: no signal
+    EXPECT_EQ(1, n.m_signals.load());
+    release_all(q);
     for (int round = 0; round < 20; ++round) {  // 20 x 3 laps the 32 nodes
         post(3);
         release_all(q);
     }
+    EXPECT_EQ(21, n.m_signals.load());
     EXPECT_EQ(0u, q->depth());
     EXPECT_EQ(3u, q->counters()->high_water.load()) << "not the pushes since the writer last looked";
     post(2);
@@ -174,15 +164,10 @@ void high_water_follows_the_reader() {
     q->decrement();
 }
 
-TEST_F(MsgQueue, HighWaterIsTheDeepestQueueNotTheWritersStaleView) {
+TEST_F(MsgQueue, NonZeroModeSignalsOnlyAnEmptyQueueAndHighWaterIsTheDeepestQueue) {
     stats_enable(true);
-    high_water_follows_the_reader<o2o_msg_queue_t>();
-    high_water_follows_the_reader<msg_queue_t>();
-}
-
-TEST_F(MsgQueue, NonZeroModeSignalsOnlyWhenTheQueueWasEmpty) {
-    signals_only_an_empty_queue<o2o_msg_queue_t>();
-    signals_only_an_empty_queue<msg_queue_t>();
+    signals_when_empty_and_high_water_follows_the_reader<o2o_msg_queue_t>();
+    signals_when_empty_and_high_water_follows_the_reader<msg_queue_t>();
 }
 
 // ---- sinks ----------------------------------------------------------------------------
@@ -245,29 +230,6 @@ TEST_F(MsgQueue, LaunchOnSinkNeedsARunningWriter) {
 }
 
 // ---- synchronous sends -----------------------------------------------------------------
-
-TEST_F(MsgQueue, SendReturnsAfterTheReaderRanTheMessage) {
-    counting_notifier_t n;
-    msg_queue_t* q = make_queue<msg_queue_t>(&n, nullptr, 32, 0);
-    std::atomic<int> ran(0);
-    std::atomic<bool> stop(false);
-    std::thread reader([&] {
-        while (!stop) {
-            msg_it* m = nullptr;
-            if (q->pop_msg(m) == RESULT_SUCCESS) {
-                m->on_message();
-                m->release();
-            }
-        }
-    });
-    for (int i = 1; i <= 200; ++i) {
-        ASSERT_EQ(RESULT_SUCCESS, q->send_msg(new counted_msg_t(0, i, &ran), nullptr, -1));
-        ASSERT_EQ(i, ran.load());  // ran before send_msg returned
-    }
-    stop = true;
-    reader.join();
-    q->decrement();
-}
 
 TEST_F(MsgQueue, ATimedOutSendStillRunsAndTheWrapperIsFreedOnce) {
     counting_notifier_t n;

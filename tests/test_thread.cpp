@@ -32,24 +32,63 @@ protected:
     }
 };
 
+int post_ctrl(thread_wrapper_t* thr, std::function<void()> fn) {
+    return thr->post_ctrl_msg(new fn_msg_t(std::move(fn)), nullptr);
+}
+
+// Posts empty messages to `to` until one is refused (the refused one stays
+// the caller's and is released); returns how many went in.
+int fill(thread_wrapper_t* to, msg_queue_sink_it* sink, bool ctrl = false, int* refusal = nullptr) {
+    for (int n = 0;; ++n) {
+        fn_msg_t* m = new fn_msg_t([] {});
+        const int rv = ctrl ? to->post_ctrl_msg(m, sink) : to->post_msg(m, sink);
+        if (rv != RESULT_SUCCESS) {
+            m->release();
+            if (refusal)
+                *refusal = rv;
+            return n;
+        }
+    }
+}
+
+// Holds `thr` inside a message, after `first` ran there, until `gate`
+// opens; then runs `then` on it.
+void hold(
+    thread_wrapper_t* thr, std::atomic<bool>& gate, std::function<void()> first = [] {},
+    std::function<void()> then = [] {}) {
+    std::atomic<bool> inside(false);
+    ASSERT_EQ(RESULT_SUCCESS, post_ctrl(thr, [&gate, &inside, first, then] {
+                  first();
+                  inside = true;
+                  util_test::wait_until("the gate to open", [&] { return gate.load(); });
+                  then();
+              }));
+    ASSERT_TRUE(util_test::wait_until("the loop to take the holding message", [&] { return inside.load(); }));
+}
+
+struct sink_t : msg_queue_sink_it {
+    void on_queue_room(int r) override {
+        reason = r;
+        tid = get_cur_tid();
+        ++calls;
+    }
+    std::atomic<int> calls{0}, reason{-1};
+    std::atomic<unsigned int> tid{0};
+};
+
 // Sends `total` numbered messages to `to` from its own thread, taking the
 // back-pressure of a full channel through the queue's sink.
 class producer_t : public msg_queue_sink_it {
 public:
-    producer_t(int sender, thread_wrapper_t* to, int total, std::vector<int>* next_seq, unsigned int to_id)
-        : m_sender(sender), m_to(to), m_total(total), m_next_seq(next_seq), m_to_id(to_id) {}
-
+    producer_t(thread_wrapper_t* to, int total) : m_to(to), m_total(total), m_to_id(to->get_id()) {}
     void produce() {
         while (m_sent < m_total) {
             if (!m_held) {
-                const int seq = m_sent, sender = m_sender;
-                std::vector<int>* next = m_next_seq;
-                std::atomic<int>* wrong = &m_wrong;
-                const unsigned int to_id = m_to_id;
-                m_held = new fn_msg_t([=] {
-                    if (get_cur_tid() != to_id || (*next)[sender] != seq)
-                        ++*wrong;
-                    (*next)[sender] = seq + 1;
+                const int seq = m_sent;
+                m_held = new fn_msg_t([this, seq] {
+                    if (get_cur_tid() != m_to_id || m_next != seq)
+                        ++m_wrong;
+                    m_next = seq + 1;
                 });
             }
             if (m_to->post_msg(m_held, this) == RESULT_QUEUE_FULL) {
@@ -62,13 +101,10 @@ public:
     }
     void on_queue_room(int) override { produce(); }
 
-    int m_sender;
     thread_wrapper_t* m_to;
-    int m_total;
-    int m_sent = 0;
-    int m_full = 0;
+    int m_total, m_sent = 0, m_full = 0;
+    int m_next = 0;  // the receiver's
     msg_it* m_held = nullptr;
-    std::vector<int>* m_next_seq;
     unsigned int m_to_id;
     std::atomic<int> m_wrong{0};
 };
@@ -81,56 +117,44 @@ TEST_F(Threads, StressTwoThreadsExchangeAMillionMessagesInOrderWithBackPressure)
     ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
     EXPECT_EQ(RESULT_ALREADY_EXISTS, b->create_channel(a, 32, 32));
     EXPECT_TRUE(m_log.contains("already be existed, skip it"));
-
-    std::vector<int> next_at_a(1, 0), next_at_b(1, 0);
-    producer_t to_b(0, b, MESSAGES_EACH_WAY, &next_at_b, b->get_id());
-    producer_t to_a(0, a, MESSAGES_EACH_WAY, &next_at_a, a->get_id());
-    a->post_ctrl_msg(new fn_msg_t([&] { to_b.produce(); }), nullptr);
-    b->post_ctrl_msg(new fn_msg_t([&] { to_a.produce(); }), nullptr);
+    producer_t to_b(b, MESSAGES_EACH_WAY), to_a(a, MESSAGES_EACH_WAY);
+    post_ctrl(a, [&] { to_b.produce(); });
+    post_ctrl(b, [&] { to_a.produce(); });
     UTIL_WAIT_UNTIL([&] {
         int done_b = 0, done_a = 0;
-        run_on(b, [&] { done_b = next_at_b[0]; });
-        run_on(a, [&] { done_a = next_at_a[0]; });
+        run_on(b, [&] { done_b = to_b.m_next; });
+        run_on(a, [&] { done_a = to_a.m_next; });
         return done_a == MESSAGES_EACH_WAY && done_b == MESSAGES_EACH_WAY;
     });
-    EXPECT_EQ(0, to_b.m_wrong.load());
-    EXPECT_EQ(0, to_a.m_wrong.load());
+    EXPECT_EQ(0, to_b.m_wrong.load() + to_a.m_wrong.load());
     // A 32-slot channel cannot take a burst: the writers were held back.
     EXPECT_GT(to_b.m_full + to_a.m_full, 0);
 }
 
-TEST_F(Threads, AFullChannelCallsTheSinkOnceOnTheWritersThread) {
+TEST_F(Threads, AFullChannelCallsItsSinkOnceOnTheWritersThreadAndAWithdrawnOneNever) {
     thread_wrapper_t* writer = spawn_event();
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 32, 32));
-    struct sink_t : msg_queue_sink_it {
-        void on_queue_room(int reason) override {
-            EXPECT_EQ(0, reason);
-            tid = get_cur_tid();
-            ++calls;
-        }
-        std::atomic<int> calls{0};
-        std::atomic<unsigned int> tid{0};
-    } sink;
-    int accepted = 0, last = 0;
+    sink_t kept, withdrawn;
+    int accepted = 0, refusal = 0;
     run_on(writer, [&] {
-        for (;;) {
-            fn_msg_t* m = new fn_msg_t([] {});
-            if ((last = m_main->post_msg(m, &sink)) != RESULT_SUCCESS) {
-                m->release();  // a refused message stays the caller's
-                break;
-            }
-            ++accepted;
-        }
+        accepted = fill(m_main, &kept, false, &refusal);
+        EXPECT_EQ(0, fill(m_main, &withdrawn));
+        msg_queue_base_t* queue = dynamic_cast<msg_queue_base_t*>(writer->get_write_msgq(m_main));
+        ASSERT_NE(nullptr, queue);
+        EXPECT_EQ(RESULT_SUCCESS, queue->withdraw_sink(&withdrawn));
+        EXPECT_EQ(RESULT_NOT_FOUND, queue->withdraw_sink(&withdrawn));
     });
     EXPECT_EQ(31, accepted);
-    EXPECT_EQ(RESULT_QUEUE_FULL, last);
+    EXPECT_EQ(RESULT_QUEUE_FULL, refusal);
     EXPECT_TRUE(m_log.contains(" failed, no room, sink = "));
     // The main thread drains its channel; the wake-up travels back.
     EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
-    UTIL_WAIT_UNTIL([&] { return sink.calls.load() == 1; });
-    EXPECT_EQ(writer->get_id(), sink.tid.load());
+    UTIL_WAIT_UNTIL([&] { return kept.calls.load() == 1; });
+    EXPECT_EQ(writer->get_id(), kept.tid.load());
+    EXPECT_EQ(0, kept.reason.load());
     run_on(writer, [] {});
-    EXPECT_EQ(1, sink.calls.load());
+    EXPECT_EQ(1, kept.calls.load());
+    EXPECT_EQ(0, withdrawn.calls.load());
 }
 
 TEST_F(Threads, APassHandlesALoadOf100AndDropsOvertimeMessages) {
@@ -145,7 +169,6 @@ TEST_F(Threads, APassHandlesALoadOf100AndDropsOvertimeMessages) {
     EXPECT_EQ(100, ran.load());
     EXPECT_TRUE(m_log.contains("thread_wrapper_t::process_msg, loads = 100"));
     EXPECT_EQ(50u, m_main->process_msg(WAIT_INFINITE_MS));
-
     // Overtime: older than its time-out when its turn comes.
     run_on(writer, [&] { m_main->post_msg(new fn_msg_t([&] { ++ran; }, 0), nullptr); });
     const uint32_t posted = ticks_drv_t::now();
@@ -153,8 +176,7 @@ TEST_F(Threads, APassHandlesALoadOf100AndDropsOvertimeMessages) {
     EXPECT_EQ(0u, m_main->process_msg(WAIT_INFINITE_MS));
     EXPECT_EQ(150, ran.load());
     EXPECT_TRUE(
-        m_log.contains("thread_wrapper_t::process_msg() the msg already overtime, "
-                       "(uint32_t)msg->get_type() = 0"));
+        m_log.contains("thread_wrapper_t::process_msg() the msg already overtime, (uint32_t)msg->get_type() = 0"));
 }
 
 TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
@@ -164,19 +186,12 @@ TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
     EXPECT_TRUE(m_log.contains("thread_wrapper_t::create_channel bind thread should valid!"));
     EXPECT_EQ(RESULT_REFUSED, a->create_channel(a, 32, 32));
     EXPECT_EQ(RESULT_REFUSED, a->bind_queue(b, a->get_rw_msgq(), a->get_rw_msgq()));
-
     // A managed thread reaches only the threads it is bound to.
     int rv = -1;
-    run_on(a, [&] {
-        fn_msg_t* m = new fn_msg_t([] {});
-        rv = b->post_msg(m, nullptr);
-        if (rv != RESULT_SUCCESS)
-            m->release();
-    });
+    run_on(a, [&] { EXPECT_EQ(0, fill(b, nullptr, false, &rv)); });
     EXPECT_EQ(RESULT_NOT_FOUND, rv);
     EXPECT_TRUE(m_log.contains("thread_wrapper_t::post_msg_i has been not found"));
     EXPECT_FALSE(a->is_available(b));
-
     // send_msg returns after the target ran the message; never to itself.
     ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
     EXPECT_TRUE(a->is_available(b));
@@ -190,7 +205,6 @@ TEST_F(Threads, RoutingAndMisuseReportTheirCodes) {
     });
     EXPECT_EQ(RESULT_SUCCESS, rv);
     EXPECT_TRUE(m_log.contains("thread_wrapper_t::send_msg cannot send event to self"));
-
     // Release unbinds both ends (each keeps its channel to the timer
     // driver); a second release finds nothing.
     EXPECT_EQ(2u, a->channel_count());
@@ -241,14 +255,12 @@ TEST_F(Threads, StopIsSynchronousOnceAndRefusesLaterPosts) {
     EXPECT_TRUE(m_log.contains("assert: file[thread], line = [740]"));
     late->release();
     a->decrement();
-
     // From inside one of its own messages a thread stops at once.
     std::atomic<bool> stopped_inside(false);
-    b->post_ctrl_msg(new fn_msg_t([&] {
-                         b->stop();
-                         stopped_inside = b->is_stopped();
-                     }),
-                     nullptr);
+    post_ctrl(b, [&] {
+        b->stop();
+        stopped_inside = b->is_stopped();
+    });
     UTIL_WAIT_UNTIL([&] { return stopped_inside.load() && m_mgr->find_by_type(100) == nullptr; });
 }
 
@@ -256,23 +268,23 @@ TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
     thread_wrapper_t* writer = spawn_event();
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 32, 32));
     std::vector<int> order;
+    auto push = [&order](int v) { return new fn_msg_t([&order, v] { order.push_back(v); }); };
     int rv = -1;
     run_on(writer, [&] {
         for (int i = 0; i < 31; ++i)
-            m_main->post_msg(new fn_msg_t([&order] { order.push_back(0); }), nullptr);
+            m_main->post_msg(push(0), nullptr);
         thread_wrapper_t* self = thread_wrapper_t::self();
-        EXPECT_EQ(RESULT_SUCCESS, self->pend(new fn_msg_t([&order] { order.push_back(1); }), m_main));
+        EXPECT_EQ(RESULT_SUCCESS, self->pend(push(1), m_main));
         EXPECT_TRUE(self->is_pending());
         // Still no room: a newer post is refused rather than overtaking.
-        fn_msg_t* newer = new fn_msg_t([&order] { order.push_back(2); });
-        rv = m_main->post_msg(newer, nullptr);
-        if (rv != RESULT_SUCCESS)
+        msg_it* newer = push(2);
+        if ((rv = m_main->post_msg(newer, nullptr)) != RESULT_SUCCESS)
             newer->release();
     });
     EXPECT_EQ(RESULT_QUEUE_FULL, rv);
     m_main->process_msg(WAIT_INFINITE_MS);
     run_on(writer, [&] {
-        EXPECT_EQ(RESULT_SUCCESS, m_main->post_msg(new fn_msg_t([&order] { order.push_back(2); }), nullptr));
+        EXPECT_EQ(RESULT_SUCCESS, m_main->post_msg(push(2), nullptr));
         EXPECT_FALSE(thread_wrapper_t::self()->is_pending());
     });
     m_main->process_msg(WAIT_INFINITE_MS);
@@ -293,10 +305,6 @@ TEST_F(Threads, TimerPrecisionRange) {
     EXPECT_EQ(0u, m_main->start(nullptr, nullptr, 0, 0));
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(Threads, ChannelsThatComeAndGoLeaveMemoryFlat) {
     thread_wrapper_t* a = spawn_event(100);
     thread_wrapper_t* b = spawn_event(101);
@@ -309,11 +317,10 @@ TEST_F(Threads, ChannelsThatComeAndGoLeaveMemoryFlat) {
         // A message in flight when the channel goes is released, not kept.
         run_on(a, [&] { EXPECT_EQ(RESULT_SUCCESS, b->post_msg(new fn_msg_t([&] { ++ran; }), nullptr)); });
         ASSERT_EQ(RESULT_SUCCESS, a->release_channel(b));
-        // Both ends are released; what remains are read queues waiting for
-        // the other end to let go, freed by the next pass of each loop.
+        // What remains are read queues waiting for the other end to let go,
+        // freed by the next pass of each loop.
         ASSERT_LE(live_msg_queues(), queues_before + 4) << "after cycle " << i;
     }
-    // The last ones go at a later pass of their loops.
     UTIL_WAIT_UNTIL([&] {
         run_on(a, [] {});
         run_on(b, [] {});
@@ -321,10 +328,6 @@ TEST_F(Threads, ChannelsThatComeAndGoLeaveMemoryFlat) {
     });
     EXPECT_LE(ran.load(), CYCLES);
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(Threads, WaitsThatWouldDeadlockAreRefusedWith12) {
     thread_wrapper_t* a = spawn_event(100);
@@ -337,41 +340,31 @@ TEST_F(Threads, WaitsThatWouldDeadlockAreRefusedWith12) {
         ++inside;
         return util_test::wait_until("both messages to start", [&] { return inside.load() == 2; });
     };
-    ASSERT_EQ(RESULT_SUCCESS, a->post_ctrl_msg(new fn_msg_t([&] {
-                                                   if (meet())
-                                                       rv_a = b->stop();
-                                               }),
-                                               nullptr));
-    ASSERT_EQ(RESULT_SUCCESS, b->post_ctrl_msg(new fn_msg_t([&] {
-                                                   if (meet())
-                                                       rv_b = a->stop();
-                                               }),
-                                               nullptr));
-    // The refused one carries on and runs the other's stop.
+    ASSERT_EQ(RESULT_SUCCESS, post_ctrl(a, [&] {
+                  if (meet())
+                      rv_a = b->stop();
+              }));
+    ASSERT_EQ(RESULT_SUCCESS, post_ctrl(b, [&] {
+                  if (meet())
+                      rv_b = a->stop();
+              }));
     UTIL_WAIT_UNTIL([&] { return rv_a.load() != -1 && rv_b.load() != -1; });
     ASSERT_NE(a->is_stopped(), b->is_stopped());
     // The stopped one refused to wait for the other, then ran its stop.
     EXPECT_EQ(RESULT_REFUSED, a->is_stopped() ? rv_a.load() : rv_b.load());
     EXPECT_EQ(RESULT_SUCCESS, a->is_stopped() ? rv_b.load() : rv_a.load());
     EXPECT_TRUE(m_log.contains("would wait for a thread that waits for the caller"));
-
     // A loop that sends to its own control queue would wait for itself.
     thread_wrapper_t* alive = a->is_stopped() ? b : a;
     std::atomic<int> self_rv(-1);
-    ASSERT_EQ(RESULT_SUCCESS, alive->post_ctrl_msg(new fn_msg_t([&] {
-                                                       fn_msg_t* m = new fn_msg_t([] {});
-                                                       self_rv = alive->send_ctrl_msg(m, nullptr, -1);
-                                                       if (self_rv != RESULT_SUCCESS)
-                                                           m->release();
-                                                   }),
-                                                   nullptr));
+    ASSERT_EQ(RESULT_SUCCESS, post_ctrl(alive, [&] {
+                  fn_msg_t* m = new fn_msg_t([] {});
+                  if ((self_rv = alive->send_ctrl_msg(m, nullptr, -1)) != RESULT_SUCCESS)
+                      m->release();
+              }));
     UTIL_WAIT_UNTIL([&] { return self_rv.load() != -1; });
     EXPECT_EQ(RESULT_REFUSED, self_rv.load());
 }
-
-}  // namespace
-
-namespace {
 
 TEST_F(Threads, AStopAlwaysReachesTheLoopEvenThroughAFullControlQueue) {
     // Sizes that would leave a control queue without room are clamped.
@@ -385,28 +378,14 @@ TEST_F(Threads, AStopAlwaysReachesTheLoopEvenThroughAFullControlQueue) {
         EXPECT_EQ(1, m_mgr->stop_threads_by_type(102)) << "size " << size;
     }
     EXPECT_TRUE(m_log.contains("control queue size out of range"));
-
     // A busy loop whose control queue a host filled: the stop message finds
     // no room, the flag takes the stop instead, and stop() returns once the
     // loop has stopped.
     thread_wrapper_t* busy = spawn_event(103);
     ASSERT_NE(nullptr, busy);
-    std::atomic<bool> gate(false), inside(false);
-    ASSERT_EQ(RESULT_SUCCESS, busy->post_ctrl_msg(new fn_msg_t([&] {
-                                                      inside = true;
-                                                      util_test::wait_until("the gate to open",
-                                                                            [&] { return gate.load(); });
-                                                  }),
-                                                  nullptr));
-    UTIL_WAIT_UNTIL([&] { return inside.load(); });
-    std::atomic<int> ran(0);
-    for (;;) {
-        fn_msg_t* m = new fn_msg_t([&] { ++ran; });
-        if (busy->post_ctrl_msg(m, nullptr) != RESULT_SUCCESS) {
-            m->release();
-            break;
-        }
-    }
+    std::atomic<bool> gate(false);
+    hold(busy, gate);
+    fill(busy, nullptr, true);
     std::atomic<int> stop_rv(-1);
     std::thread stopper([&] { stop_rv = busy->stop(); });
     UTIL_WAIT_UNTIL([&] { return m_log.contains("the loop stops at its next pass"); });
@@ -416,37 +395,23 @@ TEST_F(Threads, AStopAlwaysReachesTheLoopEvenThroughAFullControlQueue) {
     EXPECT_TRUE(busy->is_stopped());
 }
 
-}  // namespace
-
-namespace {
-
 TEST_F(Threads, ASendDroppedUnrunByAStopReports9NotSuccess) {
     thread_wrapper_t* b = spawn_event(104);
     ASSERT_NE(nullptr, b);
     // Kept past its stop: the manager releases a stopped thread.
     b->increment();
-    std::atomic<bool> gate(false), inside(false), ran(false);
+    std::atomic<bool> gate(false), ran(false);
     // b stops itself from a message, dropping what is queued behind it.
-    ASSERT_EQ(RESULT_SUCCESS, b->post_ctrl_msg(new fn_msg_t([&] {
-                                                   inside = true;
-                                                   util_test::wait_until("the gate to open",
-                                                                         [&] { return gate.load(); });
-                                                   b->stop();
-                                               }),
-                                               nullptr));
-    UTIL_WAIT_UNTIL([&] { return inside.load(); });
+    hold(
+        b, gate, [] {}, [b] { b->stop(); });
     std::atomic<int> rv(-1);
     // From a thread the manager does not know: through the control queue.
-    std::thread sender([&] {
-        fn_msg_t* m = new fn_msg_t([&] { ran = true; });
-        rv = b->send_msg(m, nullptr, -1);
-    });
+    std::thread sender([&] { rv = b->send_msg(new fn_msg_t([&] { ran = true; }), nullptr, -1); });
     UTIL_WAIT_UNTIL([&] { return !b->get_rw_msgq()->is_empty(); });
     gate = true;
     sender.join();
     EXPECT_EQ(RESULT_NOTHING_TO_DO, rv.load());
     EXPECT_FALSE(ran.load());
-
     // A channel to a stopped thread is refused on both sides.
     thread_wrapper_t* c = spawn_event(105);
     ASSERT_NE(nullptr, c);
@@ -457,35 +422,20 @@ TEST_F(Threads, ASendDroppedUnrunByAStopReports9NotSuccess) {
     b->decrement();
 }
 
-}  // namespace
-
-namespace {
-
 // Keeps a channel full and, each time there is room, also talks to the
 // reader synchronously: the pattern that met the reader on the queue's lock
 // when sinks were called under it.
-class chatty_writer_t : public msg_queue_sink_it {
-public:
+struct chatty_writer_t : msg_queue_sink_it {
     chatty_writer_t(thread_wrapper_t* reader, int rounds) : m_reader(reader), m_rounds(rounds) {}
-    void fill() {
-        for (;;) {
-            fn_msg_t* m = new fn_msg_t([] {});
-            if (m_reader->post_msg(m, this) != RESULT_SUCCESS) {
-                m->release();
-                return;
-            }
-        }
-    }
     void on_queue_room(int) override {
         if (++m_calls > m_rounds)
             return;
-        fill();
+        fill(m_reader, this);
         m_sent_rv = m_reader->send_ctrl_msg(new fn_msg_t([] {}), nullptr, -1);
     }
     thread_wrapper_t* m_reader;
     int m_rounds;
-    std::atomic<int> m_calls{0};
-    std::atomic<int> m_sent_rv{-1};
+    std::atomic<int> m_calls{0}, m_sent_rv{-1};
 };
 
 TEST_F(Threads, ASinkMayTalkToTheReaderSynchronously) {
@@ -494,75 +444,21 @@ TEST_F(Threads, ASinkMayTalkToTheReaderSynchronously) {
     ASSERT_TRUE(writer && reader);
     ASSERT_EQ(RESULT_SUCCESS, writer->create_channel(reader, 8, 8));
     chatty_writer_t chat(reader, 200);
-    run_on(writer, [&] { chat.fill(); });
+    run_on(writer, [&] { fill(reader, &chat); });
     UTIL_WAIT_UNTIL([&] { return chat.m_calls.load() > chat.m_rounds; });
     EXPECT_EQ(RESULT_SUCCESS, chat.m_sent_rv.load());
 }
-
-TEST_F(Threads, AWithdrawnSinkIsNeverCalledAgain) {
-    thread_wrapper_t* writer = spawn_event(108);
-    ASSERT_NE(nullptr, writer);
-    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
-    struct count_t : msg_queue_sink_it {
-        void on_queue_room(int) override { ++calls; }
-        std::atomic<int> calls{0};
-    } kept, withdrawn;
-    run_on(writer, [&] {
-        msg_queue_sink_it* sinks[] = {&kept, &withdrawn};
-        for (msg_queue_sink_it* sink : sinks) {
-            fn_msg_t* m = new fn_msg_t([] {});
-            while (m_main->post_msg(m, sink) == RESULT_SUCCESS)
-                m = new fn_msg_t([] {});
-            m->release();
-        }
-        msg_queue_base_t* queue = dynamic_cast<msg_queue_base_t*>(writer->get_write_msgq(m_main));
-        ASSERT_NE(nullptr, queue);
-        EXPECT_EQ(RESULT_SUCCESS, queue->withdraw_sink(&withdrawn));
-        EXPECT_EQ(RESULT_NOT_FOUND, queue->withdraw_sink(&withdrawn));
-    });
-    EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());  // drains: the wake-up goes back to the writer
-    UTIL_WAIT_UNTIL([&] { return kept.calls.load() == 1; });
-    run_on(writer, [] {});
-    EXPECT_EQ(0, withdrawn.calls.load());
-}
-
-}  // namespace
-
-namespace {
 
 TEST_F(Threads, ASinkWakeUpSurvivesTheWritersFullControlQueue) {
     thread_wrapper_t* writer = spawn_event(109);
     ASSERT_NE(nullptr, writer);
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
-    struct sink_t : msg_queue_sink_it {
-        void on_queue_room(int) override {
-            tid = get_cur_tid();
-            ++calls;
-        }
-        std::atomic<int> calls{0};
-        std::atomic<unsigned int> tid{0};
-    } sink;
-    std::atomic<bool> gate(false), inside(false);
-    // The writer fills its channel to the main thread, then blocks.
-    ASSERT_EQ(RESULT_SUCCESS, writer->post_ctrl_msg(new fn_msg_t([&] {
-                                                        fn_msg_t* m = new fn_msg_t([] {});
-                                                        while (m_main->post_msg(m, &sink) == RESULT_SUCCESS)
-                                                            m = new fn_msg_t([] {});
-                                                        m->release();
-                                                        inside = true;
-                                                        util_test::wait_until("the gate to open",
-                                                                              [&] { return gate.load(); });
-                                                    }),
-                                                    nullptr));
-    UTIL_WAIT_UNTIL([&] { return inside.load(); });
-    // Its control queue fills up meanwhile.
-    for (;;) {
-        fn_msg_t* m = new fn_msg_t([] {});
-        if (writer->post_ctrl_msg(m, nullptr) != RESULT_SUCCESS) {
-            m->release();
-            break;
-        }
-    }
+    sink_t sink;
+    std::atomic<bool> gate(false);
+    // The writer fills its channel to the main thread, then blocks while its
+    // own control queue fills up.
+    hold(writer, gate, [&] { fill(m_main, &sink); });
+    fill(writer, nullptr, true);
     // The main thread drains the channel: the wake-up finds no room.
     EXPECT_EQ(RESULT_SUCCESS, main_heartbeat());
     EXPECT_TRUE(m_log.contains("deferred_msg_op_t::launch failed"));
@@ -572,10 +468,6 @@ TEST_F(Threads, ASinkWakeUpSurvivesTheWritersFullControlQueue) {
     run_on(writer, [] {});
     EXPECT_EQ(1, sink.calls.load());
 }
-
-}  // namespace
-
-namespace {
 
 // One end bound alone, as a bind refused by a full control queue or a
 // release that could not reach the peer leaves it.
@@ -590,12 +482,11 @@ void bind_half(thread_wrapper_t* end, thread_wrapper_t* peer) {
 TEST_F(Threads, ACreateOverAHalfBoundChannelJoinsTheQueuesOfTheBoundEnd) {
     thread_wrapper_t* a = spawn_event(111);
     thread_wrapper_t* b = spawn_event(112);
-    ASSERT_TRUE(a && b);
+    thread_wrapper_t* c = spawn_event(113);
+    ASSERT_TRUE(a && b && c);
     // The half at the peer, then at the creating end itself.
     bind_half(b, a);
     EXPECT_EQ(RESULT_ALREADY_EXISTS, a->create_channel(b, 32, 32));
-    thread_wrapper_t* c = spawn_event(113);
-    ASSERT_NE(nullptr, c);
     bind_half(c, a);
     EXPECT_EQ(RESULT_ALREADY_EXISTS, c->create_channel(a, 32, 32));
     // Each side writes where the other reads.
@@ -606,48 +497,46 @@ TEST_F(Threads, ACreateOverAHalfBoundChannelJoinsTheQueuesOfTheBoundEnd) {
     UTIL_WAIT_UNTIL([&] { return ran.load() == 4; });
 }
 
-// ---- waking a sleeping loop ----------------------------------------------------
-
-// Idle wheels get no ticks while it lives, so nothing but the test's own
-// posts wakes a loop: a lost wake-up stalls instead of being covered up by
-// the next tick.
-class quiet_timers_t {
-public:
-    quiet_timers_t() { timer_drv_t::set_low_power(true); }
-    ~quiet_timers_t() { timer_drv_t::set_low_power(false); }
-};
-
-// Posts from plain threads (into the control queue) and from a loop (over a
-// channel); after each burst everybody waits until all of it ran, so the
-// reader falls asleep before the next burst and every burst must wake it.
-TEST_F(Threads, EveryPostOfManyWritersRunsWhenTheReaderSleepsBetweenBursts) {
-    quiet_timers_t quiet;
-    thread_wrapper_t* reader = spawn_event(120);
-    thread_wrapper_t* loop_writer = spawn_event(121);
-    ASSERT_TRUE(reader && loop_writer);
+// Wake-ups of sleeping loops. Idle wheels get no ticks meanwhile, so only
+// the test's posts wake a loop: a lost wake-up stalls, failing a named wait,
+// instead of being covered up by the next tick. In turn: bursts from plain
+// threads (control queue) and from a loop (channel), each burst run before
+// the next so the reader sleeps in between; one message ping-ponged between
+// two loops, each hop landing as its target goes back to sleep; posts from
+// the test's thread a varying few microseconds apart, landing at every
+// point of the loop's way to its sleep; last, stops of the sleeping loops.
+TEST_F(Threads, EveryPostAndStopWakesASleepingLoop) {
+    timer_drv_t::set_low_power(true);
+    struct restore_t {
+        ~restore_t() { timer_drv_t::set_low_power(false); }
+    } restore;
+    const int loops = 4;
+    std::vector<thread_wrapper_t*> thr;
+    for (int i = 0; i < loops; ++i) {
+        thr.push_back(spawn_event(120 + i));
+        ASSERT_NE(nullptr, thr.back());
+    }
+    thread_wrapper_t *reader = thr[0], *loop_writer = thr[1], *racer = thr[2];
     ASSERT_EQ(RESULT_SUCCESS, loop_writer->create_channel(reader, 64, 64));
+    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(racer, 32, 32));
     const int plain_writers = 4, burst = 40, bursts = 300 / util_test::ROUNDS_SCALE;
     std::atomic<int> ran(0), wrong_thread(0);
     const unsigned int reader_id = reader->get_id();
     auto counted = [&] {
         return new fn_msg_t([&, reader_id] {
-            if (get_cur_tid() != reader_id)
-                ++wrong_thread;
+            wrong_thread += get_cur_tid() != reader_id;
             ++ran;
         });
     };
     int posted = 0;
     for (int b = 0; b < bursts; ++b) {
-        loop_writer->post_ctrl_msg(new fn_msg_t([&] {
-                                       // 40 fit in the channel's 63 places.
-                                       for (int i = 0; i < burst; ++i)
-                                           EXPECT_EQ(RESULT_SUCCESS, reader->post_msg(counted(), nullptr));
-                                   }),
-                                   nullptr);
+        post_ctrl(loop_writer, [&] {
+            for (int i = 0; i < burst; ++i)  // 40 fit in the channel's 63 places
+                EXPECT_EQ(RESULT_SUCCESS, reader->post_msg(counted(), nullptr));
+        });
         run_threads(plain_writers, [&](int) {
             for (int i = 0; i < burst; ++i) {
                 msg_it* msg = counted();
-                // A full control queue leaves the message with its writer.
                 while (reader->post_msg(msg, nullptr) == RESULT_QUEUE_FULL)
                     std::this_thread::yield();
             }
@@ -658,69 +547,59 @@ TEST_F(Threads, EveryPostOfManyWritersRunsWhenTheReaderSleepsBetweenBursts) {
             << "burst " << b << ": " << ran.load() << " of " << posted << " ran";
     }
     EXPECT_EQ(0, wrong_thread.load());
-}
 
-// One message in flight between two loops: each hop lands while its target
-// has just finished the previous message and is going back to sleep. A
-// wake-up lost there stalls the exchange for good.
-TEST_F(Threads, APingPongBetweenTwoSleepingLoopsNeverStalls) {
-    quiet_timers_t quiet;
-    thread_wrapper_t* a = spawn_event(122);
-    thread_wrapper_t* b = spawn_event(123);
-    ASSERT_TRUE(a && b);
-    ASSERT_EQ(RESULT_SUCCESS, a->create_channel(b, 32, 32));
     const int round_trips = 20000 / util_test::ROUNDS_SCALE;
     std::atomic<int> returned(0), refused(0);
-    std::function<void()> serve_at_a;
-    std::function<void()> serve_at_b = [&] {
-        if (a->post_msg(new fn_msg_t(serve_at_a), nullptr) != RESULT_SUCCESS)
-            ++refused;
+    std::function<void()> serve_at_reader;
+    std::function<void()> serve_at_writer = [&] {
+        refused += reader->post_msg(new fn_msg_t(serve_at_reader), nullptr) != RESULT_SUCCESS;
     };
-    serve_at_a = [&] {
-        if (++returned < round_trips && b->post_msg(new fn_msg_t(serve_at_b), nullptr) != RESULT_SUCCESS)
-            ++refused;
+    serve_at_reader = [&] {
+        if (++returned < round_trips)
+            refused += loop_writer->post_msg(new fn_msg_t(serve_at_writer), nullptr) != RESULT_SUCCESS;
     };
-    a->post_ctrl_msg(new fn_msg_t([&] { b->post_msg(new fn_msg_t(serve_at_b), nullptr); }), nullptr);
+    post_ctrl(reader, [&] { loop_writer->post_msg(new fn_msg_t(serve_at_writer), nullptr); });
     ASSERT_TRUE(util_test::wait_until("every round trip between the two loops",
                                       [&] { return returned.load() == round_trips || refused.load() != 0; }))
         << returned.load() << " of " << round_trips << " round trips came back";
     EXPECT_EQ(0, refused.load());
-}
 
-// The test's thread, which never sleeps, posts without waiting for the
-// loop, a varying few microseconds apart, so the posts land at every point
-// of the loop's way from its pass to its sleep, the instant before it
-// sleeps included. A wake-up lost there strands the message, and every
-// later post finds the queue not empty and signals nothing: the final wait
-// fails by name. (The window is a few tens of nanoseconds wide; the event
-// tests in test_lock aim at it more directly.)
-TEST_F(Threads, APostRacingWithTheLoopGoingToSleepIsNeverLost) {
-    quiet_timers_t quiet;
-    thread_wrapper_t* loop = spawn_event(124);
-    ASSERT_NE(nullptr, loop);
-    // The test's thread is the main loop: it posts over a channel.
-    ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(loop, 32, 32));
     const int posts = 100000 / util_test::ROUNDS_SCALE;
-    std::atomic<int> ran(0), spin(0);
+    std::atomic<int> raced(0), spin(0);
     for (int i = 0; i < posts; ++i) {
         for (int n = (i * 37) % 2048; n > 0; --n)
             spin.fetch_add(1, std::memory_order_relaxed);
-        msg_it* msg = new fn_msg_t([&] { ran.fetch_add(1, std::memory_order_relaxed); });
-        // A full channel keeps the message with its writer; nobody runs the
-        // main loop's sink call-backs here, so it is simply offered again.
-        while (loop->post_msg(msg, nullptr) == RESULT_QUEUE_FULL)
+        msg_it* msg = new fn_msg_t([&] { raced.fetch_add(1, std::memory_order_relaxed); });
+        // Nobody runs the main loop's sink call-backs here: offered again.
+        while (racer->post_msg(msg, nullptr) == RESULT_QUEUE_FULL)
             std::this_thread::yield();
     }
-    ASSERT_TRUE(util_test::wait_until("the loop ran every post", [&] { return ran.load() == posts; }))
-        << ran.load() << " of " << posts << " ran";
+    ASSERT_TRUE(util_test::wait_until("the loop ran every post", [&] { return raced.load() == posts; }))
+        << raced.load() << " of " << posts << " ran";
+
+    std::atomic<int> stopped(0);
+    for (thread_wrapper_t* t : thr) {
+        run_on(t, [] {});  // a message run and done: the loop goes back to sleep
+        t->increment();
+    }
+    // From another thread, so that a stop that never wakes its loop fails
+    // this wait by name instead of hanging the test body.
+    std::thread stopper([&] {
+        for (thread_wrapper_t* t : thr)
+            stopped += t->stop() == RESULT_SUCCESS && t->is_stopped();
+    });
+    const bool all = util_test::wait_until("every sleeping loop stopped", [&] { return stopped.load() == loops; });
+    all ? stopper.join() : stopper.detach();
+    ASSERT_TRUE(all) << stopped.load() << " of " << loops << " loops stopped";
+    for (thread_wrapper_t* t : thr)
+        t->decrement();
 }
 
+// Time is the behaviour: without a post the wait lasts at least its
+// time-out (less the 10 ms by which a Windows wait may end early on a coarse
+// clock tick); a post from another thread ends a wait of the test's whole
+// limit long before it.
 TEST_F(Threads, ALoopsTimedWaitEndsOnTimeWithoutAPostAndAtOnceWithOne) {
-    // A loop of its own that nothing else knows, so nothing but the test
-    // posts to it. Time is the behaviour: without a post the wait lasts at
-    // least its time-out (a lower bound only, less the 10 ms by which a
-    // Windows wait may end early on a coarse clock tick); a post from
-    // another thread ends a wait of the test's whole limit long before it.
     using clock = std::chrono::steady_clock;
     thread_wrapper_t* loop = new thread_wrapper_t(0, 140, 64, nullptr, 1, false, nullptr);
     loop->increment();
@@ -738,37 +617,6 @@ TEST_F(Threads, ALoopsTimedWaitEndsOnTimeWithoutAPostAndAtOnceWithOne) {
     loop->process_msg(0xFFFFFFFFu);
     EXPECT_TRUE(ran.load());
     loop->decrement();
-}
-
-TEST_F(Threads, StoppingLoopsThatSleepReturnsForEachOfThem) {
-    quiet_timers_t quiet;
-    const int loops = 4;
-    std::vector<thread_wrapper_t*> sleepers;
-    for (int i = 0; i < loops; ++i) {
-        thread_wrapper_t* t = spawn_event(130 + i);
-        ASSERT_NE(nullptr, t);
-        // A message run and done: the loop goes back to sleep.
-        run_on(t, [] {});
-        t->increment();
-        sleepers.push_back(t);
-    }
-    std::atomic<int> stopped(0);
-    // From another thread, so that a stop that never wakes its loop fails
-    // this wait by name instead of hanging the test body.
-    std::thread stopper([&] {
-        for (thread_wrapper_t* t : sleepers) {
-            if (t->stop() == RESULT_SUCCESS && t->is_stopped())
-                ++stopped;
-        }
-    });
-    const bool all = util_test::wait_until("every sleeping loop stopped", [&] { return stopped.load() == loops; });
-    if (!all)
-        stopper.detach();
-    else
-        stopper.join();
-    ASSERT_TRUE(all) << stopped.load() << " of " << loops << " loops stopped";
-    for (thread_wrapper_t* t : sleepers)
-        t->decrement();
 }
 
 }  // namespace

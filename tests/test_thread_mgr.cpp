@@ -24,7 +24,7 @@ using util_test::run_on;
 
 class ThreadMgr : public util_test::thread_test_t {};
 
-TEST_F(ThreadMgr, StartWrapsTheMainThreadAndOneTimerDriverThatSpawnNeverDuplicates) {
+TEST_F(ThreadMgr, StartWrapsTheMainThreadAndOneTimerDriverThatSpawnNeverDuplicatesUntilDestroy) {
     thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
     ASSERT_NE(nullptr, main_thr);
     EXPECT_EQ(get_cur_tid(), main_thr->get_id());
@@ -54,6 +54,25 @@ TEST_F(ThreadMgr, StartWrapsTheMainThreadAndOneTimerDriverThatSpawnNeverDuplicat
     EXPECT_EQ(RESULT_SUCCESS, light->stop());
     delete light;
     EXPECT_EQ(nullptr, m_mgr->spawn_light(nullptr, nullptr, 0, 0));
+
+    // Destroy stops everything; reset makes a fresh manager.
+    main_thr->increment();
+    thread_mgr_t::destroy();
+    EXPECT_EQ(nullptr, thread_mgr_t::instance());
+    EXPECT_FALSE(ticks_drv_t::s_start.load());
+    EXPECT_TRUE(main_thr->is_stopped());
+    main_thr->decrement();
+    EXPECT_EQ(nullptr, thread_wrapper_t::self());
+    EXPECT_EQ(RESULT_SUCCESS, thread_mgr_t::reset());
+    m_mgr = thread_mgr_t::instance();
+    ASSERT_NE(nullptr, m_mgr);
+    EXPECT_EQ(before, m_mgr->count());
+    thread_wrapper_t* new_main = m_mgr->find_by_type(THREAD_TYPE_MAIN);
+    ASSERT_NE(nullptr, new_main);
+    EXPECT_TRUE(new_main->is_running());
+    EXPECT_EQ(new_main, thread_wrapper_t::self());
+    ASSERT_NE(nullptr, m_mgr->find_by_type(THREAD_TYPE_TIMER));
+    EXPECT_TRUE(m_mgr->find_by_type(THREAD_TYPE_TIMER)->is_running());
 }
 
 TEST_F(ThreadMgr, ADeferredDetachHappensWhenTheChosenLoopRunsIt) {
@@ -67,31 +86,6 @@ TEST_F(ThreadMgr, ADeferredDetachHappensWhenTheChosenLoopRunsIt) {
     EXPECT_TRUE(m_log.contains("has not been in the queue"));
     // Still running: the manager stops it when it goes (the fixture's
     // live-object check proves it is freed).
-}
-
-TEST_F(ThreadMgr, DestroyStopsEverythingAndResetAllowsAFreshManager) {
-    thread_wrapper_t* main_thr = m_mgr->find_by_type(THREAD_TYPE_MAIN);
-    ASSERT_NE(nullptr, main_thr);
-    const unsigned int before = m_mgr->count();
-    main_thr->increment();
-    thread_mgr_t::destroy();
-    EXPECT_EQ(nullptr, thread_mgr_t::instance());
-    EXPECT_FALSE(ticks_drv_t::s_start.load());
-    EXPECT_TRUE(main_thr->is_stopped());
-    main_thr->decrement();
-    EXPECT_EQ(nullptr, thread_wrapper_t::self());
-
-    EXPECT_EQ(RESULT_SUCCESS, thread_mgr_t::reset());
-    thread_mgr_t* fresh = thread_mgr_t::instance();
-    ASSERT_NE(nullptr, fresh);
-    EXPECT_EQ(before, fresh->count());
-    thread_wrapper_t* new_main = fresh->find_by_type(THREAD_TYPE_MAIN);
-    ASSERT_NE(nullptr, new_main);
-    EXPECT_TRUE(new_main->is_running());
-    EXPECT_EQ(new_main, thread_wrapper_t::self());
-    ASSERT_NE(nullptr, fresh->find_by_type(THREAD_TYPE_TIMER));
-    EXPECT_TRUE(fresh->find_by_type(THREAD_TYPE_TIMER)->is_running());
-    m_mgr = fresh;
 }
 
 TEST_F(ThreadMgr, MainHeartbeatRunsTheMainQueueOnTheMainThreadOnly) {
@@ -282,11 +276,11 @@ TEST_F(ShutDown, TheLastUninitFromInsideALoopsMessageFreesThatLoopAndItsThread) 
     ASSERT_TRUE(worker && other);
     ASSERT_EQ(RESULT_SUCCESS, worker->create_channel(other, 32, 32));
     std::atomic<bool> returned(false);
-    ASSERT_EQ(RESULT_SUCCESS, worker->post_ctrl_msg(new fn_msg_t([&] {
-                                                        util_uninit(1);
-                                                        returned = true;
-                                                    }),
-                                                    nullptr));
+    fn_msg_t* last = new fn_msg_t([&] {
+        util_uninit(1);
+        returned = true;
+    });
+    ASSERT_EQ(RESULT_SUCCESS, worker->post_ctrl_msg(last, nullptr));
     UTIL_WAIT_UNTIL([&] { return returned.load(); });
     EXPECT_EQ(nullptr, thread_mgr_t::instance());
     expect_all_gone();
@@ -299,12 +293,11 @@ TEST_F(ShutDown, UninitAbandonsALoopStuckInAMessageAndNamesIt) {
         mgr->spawn(THREAD_MODE_EVENT, 64, 123, false, reinterpret_cast<const signed char*>("soak.stuck"), 0);
     ASSERT_NE(nullptr, stuck);
     std::atomic<bool> gate(false), inside(false);
-    ASSERT_EQ(RESULT_SUCCESS, stuck->post_ctrl_msg(new fn_msg_t([&] {
-                                                       inside = true;
-                                                       util_test::wait_until("the gate to open",
-                                                                             [&] { return gate.load(); });
-                                                   }),
-                                                   nullptr));
+    fn_msg_t* held = new fn_msg_t([&] {
+        inside = true;
+        util_test::wait_until("the gate to open", [&] { return gate.load(); });
+    });
+    ASSERT_EQ(RESULT_SUCCESS, stuck->post_ctrl_msg(held, nullptr));
     UTIL_WAIT_UNTIL([&] { return inside.load(); });
     // Returns although the loop never answers while it runs.
     util_uninit(1);

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <random>
@@ -163,21 +164,13 @@ private:
     uint64_t m_seq = 0;
 };
 
+// Delays on every level and the boundaries between them; steps mostly of
+// one tick, with jumps across whole slots and laps.
 uint32_t random_delay(std::mt19937& rng) {
-    // Every level and the boundaries between them.
     static const uint32_t edges[] = {0, 1, 2, 31, 63, 64, 65, 127, 4095, 4096, 4097, 262143, 262144, 262145, 9000000};
-    switch (rng() % 5) {
-    case 0:
-        return edges[rng() % (sizeof(edges) / sizeof(edges[0]))];
-    case 1:
-        return rng() % 64;
-    case 2:
-        return rng() % 4096;
-    case 3:
-        return rng() % 262144;
-    default:
-        return rng() % 16515071;
-    }
+    static const uint32_t spans[] = {64, 4096, 262144, 16515071};
+    const uint32_t k = rng() % 5;
+    return k == 0 ? edges[rng() % std::size(edges)] : rng() % spans[k - 1];
 }
 
 uint32_t random_elapsed(std::mt19937& rng) {
@@ -193,6 +186,10 @@ uint32_t random_elapsed(std::mt19937& rng) {
     default:
         return 1;
     }
+}
+
+size_t fired_count(const recorder_t& sink, uint32_t id) {
+    return std::count_if(sink.fired.begin(), sink.fired.end(), [id](const firing_t& f) { return f.id == id; });
 }
 
 TEST(TimerWheel, RandomScheduleMatchesTheModelAcrossAllLevels) {
@@ -260,15 +257,15 @@ TEST(TimerWheel, ImmediateTimersAndTicksToTheNextDueSlot) {
 }
 
 TEST(TimerWheel, CloseRectifyAndPerfValues) {
-    EXPECT_EQ(639u, timer_queue_t::get_close_perf(639, false, 3));
-    EXPECT_EQ(1280u, timer_queue_t::get_close_perf(641, false, 1));
-    EXPECT_EQ(640u, timer_queue_t::get_close_perf(641, true, 1));
-    EXPECT_EQ(40960u, timer_queue_t::get_close_perf(2621440, false, 3));
-    EXPECT_EQ(5000u, timer_queue_t::get_close_perf(5000, false, 0));
-    EXPECT_EQ(81920u, timer_queue_t::get_close_perf(40961, false, 2));
-    EXPECT_EQ(40960u, timer_queue_t::get_close_perf(40961, true, 2));
-    EXPECT_EQ(2u * 2621440u, timer_queue_t::get_close_perf(2621441, false, 3));
-    EXPECT_EQ(40960u, timer_queue_t::get_close_perf(2621441, true, 3));
+    const struct {
+        uint32_t ms;
+        bool shrink;
+        uint32_t level, expected;
+    } rows[] = {{639, false, 3, 639},       {641, false, 1, 1280},        {641, true, 1, 640},
+                {2621440, false, 3, 40960}, {5000, false, 0, 5000},       {40961, false, 2, 81920},
+                {40961, true, 2, 40960},    {2621441, false, 3, 5242880}, {2621441, true, 3, 40960}};
+    for (const auto& r : rows)
+        EXPECT_EQ(r.expected, timer_queue_t::get_close_perf(r.ms, r.shrink, r.level)) << r.ms << " " << r.level;
 
     timer_queue_t wheel(nullptr, 0);
     log_capture_t log;
@@ -316,13 +313,13 @@ TEST(TimerWheel, RemovalAndDestructionFromCallbacks) {
     EXPECT_EQ(3, a_runs);
     EXPECT_FALSE(a->is_scheduled());
     EXPECT_FALSE(b->is_scheduled());
-    EXPECT_EQ(1u, std::count_if(sink.fired.begin(), sink.fired.end(), [](const firing_t& f) { return f.id == 3; }));
-    EXPECT_EQ(0u, std::count_if(sink.fired.begin(), sink.fired.end(), [](const firing_t& f) { return f.id == 2; }));
+    EXPECT_EQ(1u, fired_count(sink, 3));
+    EXPECT_EQ(0u, fired_count(sink, 2));
     EXPECT_EQ(0u, wheel.timer_count());
     EXPECT_EQ(0, live_timer_carriers());
 }
 
-TEST(TimerWheel, LastFiringDetachesFirstAndDepositsAreReleasedOnlyThen) {
+TEST(TimerWheel, LastFiringDetachesFirstAndDepositsAreReleasedOnlyByIt) {
     recorder_t sink;
     timer_queue_t wheel(nullptr, 0);
     test_timer_t once(1, &sink), deposit(2, &sink, true), kept(3, &sink, true);
@@ -343,32 +340,28 @@ TEST(TimerWheel, LastFiringDetachesFirstAndDepositsAreReleasedOnlyThen) {
     wheel.do_timer(1);
     EXPECT_EQ(1, deposit.released) << "released after its third firing";
     EXPECT_EQ(0, kept.released);
-    EXPECT_EQ(3, std::count_if(sink.fired.begin(), sink.fired.end(), [](const firing_t& f) { return f.id == 2; }));
+    EXPECT_EQ(3u, fired_count(sink, 2));
     // A deposit still waiting when the wheel is cleared cannot fire: freed.
     deposit.arm(wheel, 5, 2, true);
     wheel.clear();
     EXPECT_EQ(2, deposit.released);
     EXPECT_FALSE(deposit.is_scheduled());
-}
-
-// A deposit removed through the wheel while it fires: unscheduled at once,
-// never fired again, and not released: an explicit removal leaves its life
-// to the caller, as it does for one that waits in a slot.
-TEST(TimerWheel, DepositRemovedInsideItsOwnCallbackIsNotReleased) {
-    recorder_t sink;
-    timer_queue_t wheel(nullptr, 0);
-    test_timer_t deposit(1, &sink, true);
+    // Removed through the wheel inside its own call-back: unscheduled at
+    // once, never fired again, and not released (an explicit removal leaves
+    // its life to the caller, as for one that waits in a slot).
+    recorder_t inside;
+    test_timer_t removed(4, &inside, true);
     bool scheduled_after_removal = true;
-    sink.on_fire = [&](const timer_it*) {
-        EXPECT_EQ(RESULT_SUCCESS, wheel.remove_timer(&deposit));
-        scheduled_after_removal = deposit.is_scheduled();
+    inside.on_fire = [&](const timer_it*) {
+        EXPECT_EQ(RESULT_SUCCESS, wheel.remove_timer(&removed));
+        scheduled_after_removal = removed.is_scheduled();
     };
-    deposit.arm(wheel, 1, 3, true);
+    removed.arm(wheel, 1, 3, true);
     for (int i = 0; i < 5; ++i)
         wheel.do_timer(1);
-    EXPECT_EQ(1u, sink.fired.size());
+    EXPECT_EQ(1u, inside.fired.size());
     EXPECT_FALSE(scheduled_after_removal);
-    EXPECT_EQ(0, deposit.released);
+    EXPECT_EQ(0, removed.released);
     EXPECT_EQ(0u, wheel.timer_count());
     EXPECT_EQ(0, live_timer_carriers());
 }
