@@ -276,8 +276,7 @@ protected:
     // Binds `a` and `b` and tells both loops to write to each other.
     void connect(node_t* a, node_t* b) {
         const unsigned int cap = 8u << (m_rng() % 3);
-        int rv = RESULT_QUEUE_FULL;  // a full control queue refuses the bind: a host
-                                     // tries again
+        int rv = RESULT_QUEUE_FULL;  // a full control queue refuses the bind: try again
         util_test::wait_until("a channel past full control queues",
                               [&] { return (rv = a->thr->create_channel(b->thr, cap, cap)) != RESULT_QUEUE_FULL; });
         // 10: an end left bound by a refused attempt whose undo found the
