@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <set>
 #include <string>
@@ -22,8 +23,7 @@ using namespace ssb;
 
 namespace {
 
-// A C-heap back end that counts live blocks and remembers the last size
-// asked for.
+// A C-heap back end that counts live blocks and keeps the last size asked.
 class counting_back_end_t : public i8_allocator_it {
 public:
     signed char* allocate(unsigned int count) override {
@@ -52,21 +52,14 @@ ssb_allocator_t::stats_t stats() {
 }
 
 TEST(AllocClass, SizesMapToPowerOfTwoClasses) {
-    struct {
-        unsigned int size;
-        unsigned int k;
-    } const cases[] = {{0, 0},    {31, 0},   {32, 1},   {63, 1},   {64, 2},   {127, 2},
-                       {128, 3},  {255, 3},  {256, 4},  {511, 4},  {512, 5},  {1023, 5},
-                       {1024, 6}, {2047, 6}, {2048, 7}, {4095, 7}, {4096, 8}, {100000, 8}};
+    const unsigned int cases[][2] = {{0, 0}, {31, 0}, {32, 1}, {1023, 5}, {4095, 7}, {4096, 8}, {100000, 8}};
     for (const auto& c : cases)
-        EXPECT_EQ(c.k, alloc_class_of(c.size)) << "size " << c.size;
+        EXPECT_EQ(c[1], alloc_class_of(c[0])) << "size " << c[0];
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
         EXPECT_EQ(k, alloc_class_of(alloc_class_bytes(k) - 1)) << "largest size of class " << k;
         EXPECT_EQ(k + 1, alloc_class_of(alloc_class_bytes(k))) << "class bytes of " << k;
     }
 }
-
-// ---- back ends -----------------------------------------------------------------
 
 TEST(I8Allocator, InstanceIsOneNewAllocatorForEveryThread) {
     std::vector<i8_allocator_it*> seen(8, nullptr);
@@ -95,44 +88,32 @@ TEST_F(AllocLog, NewAllocatorLogsPageSizeAndAssertsOnZeroCount) {
 
 // ---- cached_allocator_helper ------------------------------------------------------
 
-TEST(CachedHelper, RingCapacityIsClamped) {
-    counting_back_end_t back;
-    cached_allocator_helper small(1, &back);
-    cached_allocator_helper mid(100, &back);
-    cached_allocator_helper big(100000, &back);
-    for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
-        EXPECT_EQ(ALLOC_MIN_RING, small.ring_capacity(k));
-        EXPECT_EQ(100u, mid.ring_capacity(k));
-        EXPECT_EQ(ALLOC_MAX_RING, big.ring_capacity(k));
-    }
-}
-
 TEST(CachedHelper, BoundarySizesLandInTheirClassesAndLargeOnesAreNeverKept) {
     counting_back_end_t back;
     cached_allocator_helper h(64, &back);
-    struct {
-        unsigned int size;
-        unsigned int k;
-    } const cases[] = {{31, 0}, {32, 1}, {4095, 7}};
+    const unsigned int cases[][2] = {{31, 0}, {32, 1}, {4095, 7}};
     for (const auto& c : cases) {
-        signed char* p = h.allocate(c.size);
+        signed char* p = h.allocate(c[0]);
         ASSERT_NE(nullptr, p);
-        EXPECT_EQ(alloc_class_bytes(c.k), back.last_size()) << "a fresh block has its class's full size";
-        EXPECT_EQ(RESULT_SUCCESS, h.deallocate(p, c.size));
-        EXPECT_EQ(1u, h.cached(c.k)) << "size " << c.size;
-        EXPECT_EQ(1u, h.record(c.k).releases);
+        EXPECT_EQ(alloc_class_bytes(c[1]), back.last_size()) << "a fresh block has its class's full size";
+        EXPECT_EQ(RESULT_SUCCESS, h.deallocate(p, c[0]));
+        EXPECT_EQ(1u, h.cached(c[1])) << "size " << c[0];
+        EXPECT_EQ(1u, h.record(c[1]).releases);
     }
     signed char* large = h.allocate(4096);
-    ASSERT_NE(nullptr, large);
     EXPECT_EQ(4096u, back.last_size());
     EXPECT_EQ(ALLOC_NOT_KEPT, h.deallocate(large, 4096));
     back.deallocate(large, 4096);
     EXPECT_EQ(3, back.live()) << "the three cached blocks";
 }
 
-TEST(CachedHelper, HitReturnsTheNewestBlockOfTheClassAndCountsIt) {
+// A hit takes the newest block of the first class that has one, walking up
+// from the size's class; the ring's capacity is clamped to its limits.
+TEST(CachedHelper, HitsTakeTheNewestBlockAndWalkUpToALargerCachedClass) {
     counting_back_end_t back;
     cached_allocator_helper h(64, &back);
+    EXPECT_EQ(64u, h.ring_capacity(3));
+    EXPECT_EQ(ALLOC_MAX_RING, cached_allocator_helper(100000, &back).ring_capacity(7));
     signed char* a = h.allocate(40);
     signed char* b = h.allocate(40);
     ASSERT_EQ(RESULT_SUCCESS, h.deallocate(a, 40));
@@ -143,15 +124,10 @@ TEST(CachedHelper, HitReturnsTheNewestBlockOfTheClassAndCountsIt) {
     EXPECT_EQ(2u, h.record(1).hits);
     h.deallocate(a, 40);
     h.deallocate(b, 40);
-}
 
-TEST(CachedHelper, RequestWalksUpToALargerCachedClass) {
-    counting_back_end_t back;
-    cached_allocator_helper h(64, &back);
     signed char* big = h.allocate(600);
     ASSERT_EQ(RESULT_SUCCESS, h.deallocate(big, 600));
-    ASSERT_EQ(1u, h.cached(5));
-    int live = back.live();
+    const int live = back.live();
     uint32_t before[ALLOC_CLASS_COUNT];
     for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k)
         before[k] = h.record(k).requests;
@@ -168,8 +144,9 @@ TEST(CachedHelper, RequestWalksUpToALargerCachedClass) {
 
 TEST(CachedHelper, FullRingRefusesWith999AndKeepsItsBlocks) {
     counting_back_end_t back;
-    cached_allocator_helper h(1, &back);
-    std::vector<signed char*> kept;
+    cached_allocator_helper h(1, &back);  // clamped up to the least ring
+    EXPECT_EQ(ALLOC_MIN_RING, h.ring_capacity(0));
+    std::vector<signed char*> kept, back_out;
     for (unsigned int i = 0; i < ALLOC_MIN_RING; ++i)
         kept.push_back(h.allocate(20));
     signed char* extra = h.allocate(20);
@@ -178,7 +155,6 @@ TEST(CachedHelper, FullRingRefusesWith999AndKeepsItsBlocks) {
     EXPECT_EQ(ALLOC_NOT_KEPT, h.deallocate(extra, 20));
     EXPECT_EQ(ALLOC_MIN_RING, h.cached(0));
     back.deallocate(extra, 20);
-    std::vector<signed char*> back_out;
     for (unsigned int i = 0; i < ALLOC_MIN_RING; ++i)
         back_out.push_back(h.allocate(20));
     std::sort(kept.begin(), kept.end());
@@ -213,11 +189,9 @@ TEST(CachedAllocatorSt, SharedByThreadsLosesNothing) {
             std::vector<std::pair<signed char*, unsigned int>> mine;
             for (int round = 0; round < 200 / util_test::ROUNDS_SCALE + 10; ++round) {
                 for (unsigned int i = 0; i < 20; ++i) {
-                    unsigned int size = (i * 211 + t * 37 + round) % 5000;
-                    signed char* p = shared.allocate(size);
-                    ASSERT_NE(nullptr, p);
-                    memset(p, t, size);
-                    mine.push_back(std::make_pair(p, size));
+                    const unsigned int size = (i * 211 + t * 37 + round) % 5000;
+                    mine.emplace_back(shared.allocate(size), size);
+                    memset(mine.back().first, t, size);
                 }
                 for (auto& b : mine) {
                     for (unsigned int j = 0; j < b.second; ++j)
@@ -249,14 +223,15 @@ protected:
         EXPECT_EQ(0, stats().heap_blocks) << "blocks lost or freed twice";
     }
     static void reset() {
-        ssb_allocator_t* a = ssb_allocator_t::instance();
-        a->release_tls();
-        a->release();
+        ssb_allocator_t::instance()->release_tls();
+        ssb_allocator_t::instance()->release();
     }
+    // Runs fn on a thread of its own, whose cache goes to the pool as it ends.
+    static void on_thread(const std::function<void()>& fn) { std::thread(fn).join(); }
     util_test::text_capture_t log;
 };
 
-TEST_F(SsbAllocator, TrailerFollowsTheCallersBytes) {
+TEST_F(SsbAllocator, TrailerFollowsTheCallersBytesAndCountsItWouldOverflowAreRefused) {
     ssb_allocator_t* a = ssb_allocator_t::instance();
     for (unsigned int n : {0u, 1u, 15u, 16u, 100u, 4079u, 4080u, 100000u}) {
         signed char* p = a->allocate(n);
@@ -265,16 +240,10 @@ TEST_F(SsbAllocator, TrailerFollowsTheCallersBytes) {
         EXPECT_EQ(0, memcmp(p + n, ssb_allocator_t::CHECKER_RESULT, ssb_allocator_t::TRAILER_SIZE)) << n;
         a->deallocate(p, n);
     }
-}
-
-TEST_F(SsbAllocator, CountsWhoseTrailerWouldOverflowAreRefused) {
-    ssb_allocator_t* a = ssb_allocator_t::instance();
     EXPECT_EQ(nullptr, a->allocate(0xFFFFFFFFu));
     EXPECT_TRUE(log.contains("assert: msg[ssb_allocator_t::allocate, count = 4294967295] file[alloc], line = [113]"));
     EXPECT_EQ(nullptr, a->allocate(0xFFFFFFF0u));
     EXPECT_TRUE(log.contains("count = 4294967280] file[alloc], line = [113]"));
-    EXPECT_EQ(0, stats().heap_blocks);
-    util_test::restore_log_routing();
 }
 
 TEST_F(SsbAllocator, WrongSizeOrForeignBlockIsReportedAndStillReleased) {
@@ -296,7 +265,6 @@ TEST_F(SsbAllocator, WrongSizeOrForeignBlockIsReportedAndStillReleased) {
     log.clear();
     a->deallocate(nullptr, 100);
     EXPECT_FALSE(log.contains("assert")) << "a null block is ignored";
-    util_test::restore_log_routing();
 }
 
 // One thread allocates and fills, the other checks and frees: a block served
@@ -315,7 +283,7 @@ TEST_F(SsbAllocator, BlocksCrossingThreadsAreNeitherLostNorDuplicated) {
             memset(p, static_cast<int>(size & 0x7f), size);
             std::lock_guard<std::mutex> guard(mutex);
             faults += !live.insert(p).second;
-            queue.push_back(std::make_pair(p, size));
+            queue.emplace_back(p, size);
         }
         while (consumer && taken.load() < ROUNDS) {
             std::unique_lock<std::mutex> guard(mutex);
@@ -340,29 +308,8 @@ TEST_F(SsbAllocator, BlocksCrossingThreadsAreNeitherLostNorDuplicated) {
     EXPECT_EQ(s.pool_blocks, s.heap_blocks) << "both threads' caches went to the pool as they ended";
 }
 
-TEST_F(SsbAllocator, ThreadEndDropsItsCacheIntoThePool) {
-    int64_t cached_at_end = 0;
-    std::thread t([&] {
-        ssb_allocator_t* a = ssb_allocator_t::instance();
-        std::vector<signed char*> blocks;
-        for (int i = 0; i < 50; ++i)
-            blocks.push_back(a->allocate(200));
-        for (signed char* p : blocks)
-            a->deallocate(p, 200);
-        cached_at_end = stats().cached_blocks;
-    });
-    t.join();
-    EXPECT_EQ(50, cached_at_end);
-    ssb_allocator_t::stats_t s = stats();
-    EXPECT_EQ(50, s.pool_blocks) << "the exit hook dropped the cache";
-    EXPECT_EQ(50, s.heap_blocks);
-    signed char* reused = ssb_allocator_t::instance()->allocate(200);
-    EXPECT_EQ(49, stats().pool_blocks + stats().cached_blocks) << "a batch came back from the pool";
-    ssb_allocator_t::instance()->deallocate(reused, 200);
-}
-
-TEST_F(SsbAllocator, TlsCleanupDropsTheCacheOfALibraryThread) {
-    std::thread t([&] {
+TEST_F(SsbAllocator, TlsCleanupDropsTheCacheOfALibraryThreadOnce) {
+    on_thread([&] {
         unsigned int key = 0;
         ASSERT_EQ(RESULT_SUCCESS, tls_allocate_key(key));
         // A thread the library runs has a slot table before it allocates.
@@ -376,7 +323,6 @@ TEST_F(SsbAllocator, TlsCleanupDropsTheCacheOfALibraryThread) {
         EXPECT_EQ(2, stats().pool_blocks);
         tls_deallocate_key(key);
     });
-    t.join();
     EXPECT_EQ(2, stats().pool_blocks) << "nothing dropped twice";
     EXPECT_EQ(2, stats().heap_blocks);
 }
@@ -394,38 +340,36 @@ TEST_F(SsbAllocator, ReleaseTlsTwiceIsHarmlessAndReleaseThenNextUseMakesAFreshAl
     a->release();
     EXPECT_EQ(nullptr, ssb_allocator_t::peek());
     EXPECT_TRUE(log.contains("ssb_allocator_t::~ssb_allocator_t()"));
-    log.clear();
     ssb_allocator_t* b = ssb_allocator_t::instance();
-    ASSERT_NE(nullptr, b);
-    EXPECT_TRUE(log.contains("ssb_allocator_t::ssb_allocator_t() with memory pool"));
+    EXPECT_EQ(2, log.count("ssb_allocator_t::ssb_allocator_t() with memory pool"));
     b->deallocate(p, 500);
     EXPECT_EQ(p, b->allocate(500)) << "a block from before the release is a block like any other";
     b->deallocate(p, 500);
-    util_test::restore_log_routing();
 }
+
+// ---- bounds: what a thread keeps, what the pool keeps --------------------------------
 
 TEST_F(SsbAllocator, CachesAndPoolStayBoundedAfterABurst) {
     const unsigned int BURST = 3000;
-    std::thread t([&] {
+    const int64_t pool_bound = ssb_allocator_t::POOL_HIGH_WATER;
+    on_thread([&] {
         ssb_allocator_t* a = ssb_allocator_t::instance();
         std::vector<signed char*> blocks(BURST);
         for (unsigned int k = 0; k < ALLOC_CLASS_COUNT; ++k) {
-            unsigned int size = alloc_class_bytes(k) - ssb_allocator_t::TRAILER_SIZE - 1;
-            for (unsigned int i = 0; i < BURST; ++i)
-                blocks[i] = a->allocate(size);
-            for (unsigned int i = 0; i < BURST; ++i)
-                a->deallocate(blocks[i], size);
+            const unsigned int size = alloc_class_bytes(k) - ssb_allocator_t::TRAILER_SIZE - 1;
+            for (signed char*& p : blocks)
+                p = a->allocate(size);
+            for (signed char* p : blocks)
+                a->deallocate(p, size);
         }
         ssb_allocator_t::stats_t s = stats();
         EXPECT_LE(s.cached_bytes, 2 * 1024 * 1024);
-        EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
+        EXPECT_LE(s.pool_bytes, pool_bound);
         EXPECT_EQ(s.heap_blocks, s.cached_blocks + s.pool_blocks) << "the rest went back to the C heap";
         EXPECT_LT(s.heap_blocks, static_cast<int64_t>(BURST) * ALLOC_CLASS_COUNT);
     });
-    t.join();
-    ssb_allocator_t::stats_t s = stats();
-    EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
-    EXPECT_EQ(s.heap_blocks, s.pool_blocks);
+    EXPECT_LE(stats().pool_bytes, pool_bound);
+    EXPECT_EQ(stats().heap_blocks, stats().pool_blocks);
 }
 
 // The pool's budget is shared: one size may fill it, and going over it
@@ -438,21 +382,21 @@ TEST_F(SsbAllocator, OneSizeMayFillThePoolAndTheFullestClassGivesWay) {
     const unsigned int LARGE_COUNT = ssb_allocator_t::POOL_HIGH_WATER / 128;
     ssb_allocator_t* a = ssb_allocator_t::instance();
     std::vector<signed char*> small, large;
-    std::thread([&] {
+    on_thread([&] {
         for (unsigned int i = 0; i < SMALL_COUNT; ++i)
             small.push_back(a->allocate(SMALL));
         for (unsigned int i = 0; i < LARGE_COUNT; ++i)
             large.push_back(a->allocate(LARGE));
-    }).join();
+    });
     // Freed on a thread that only frees, so nearly everything reaches the pool.
-    std::thread([&] {
+    on_thread([&] {
         for (signed char* p : large)
             a->deallocate(p, LARGE);
         EXPECT_GE(stats().pool_bytes, 3 * 1024 * 1024) << "one size may use most of the budget";
         for (signed char* p : small)
             a->deallocate(p, SMALL);
         a->release_tls();
-    }).join();
+    });
     ssb_allocator_t::stats_t s = stats();
     EXPECT_LE(s.pool_bytes, static_cast<int64_t>(ssb_allocator_t::POOL_HIGH_WATER));
     EXPECT_EQ(s.heap_blocks, s.pool_blocks) << "every block is pooled or back in the C heap";
@@ -461,37 +405,34 @@ TEST_F(SsbAllocator, OneSizeMayFillThePoolAndTheFullestClassGivesWay) {
         << "the smaller class, freed last, keeps every block";
 }
 
-TEST_F(SsbAllocator, AThreadThatOnlyFreesKeepsOneBatchPerClass) {
-    const unsigned int N = 2000;
+// A consumer thread keeps one batch per class; the pool hands a batch back.
+TEST_F(SsbAllocator, AThreadThatOnlyFreesKeepsOneBatchPerClassAndItsCacheGoesToThePool) {
     std::vector<std::pair<signed char*, unsigned int>> blocks;
     ssb_allocator_t* a = ssb_allocator_t::instance();
-    for (unsigned int i = 0; i < N; ++i) {
-        unsigned int size = (i * 7919u) % 4000;
-        blocks.push_back(std::make_pair(a->allocate(size), size));
-    }
+    for (unsigned int i = 0; i < 2000; ++i)
+        blocks.emplace_back(a->allocate((i * 7919u) % 4000), (i * 7919u) % 4000);
     int64_t consumer_cached = -1;
-    std::thread consumer([&] {
+    on_thread([&] {
         for (auto& b : blocks)
             a->deallocate(b.first, b.second);
         consumer_cached = stats().cached_blocks;
     });
-    consumer.join();
     EXPECT_LE(consumer_cached, 32 * static_cast<int64_t>(ALLOC_CLASS_COUNT));
-    ssb_allocator_t::stats_t s = stats();
+    const ssb_allocator_t::stats_t s = stats();
     EXPECT_EQ(s.heap_blocks, s.pool_blocks) << "the consumer's cache went to the pool as it ended";
+    signed char* reused = a->allocate(200);
+    EXPECT_EQ(s.heap_blocks, stats().heap_blocks) << "served from the pool";
+    EXPECT_EQ(s.pool_blocks - 1, stats().pool_blocks + stats().cached_blocks) << "a batch came back from the pool";
+    a->deallocate(reused, 200);
 }
 
 TEST_F(SsbAllocator, AThreadThatReusesItsBlocksKeepsThemAndTakesNoMore) {
     ssb_allocator_t* a = ssb_allocator_t::instance();
     std::vector<signed char*> blocks(300);
-    for (int round = 0; round < 4; ++round) {
-        for (auto& p : blocks)
-            p = a->allocate(300);
-        for (auto& p : blocks)
-            a->deallocate(p, 300);
-    }
-    int64_t held = stats().heap_blocks;
-    for (int round = 0; round < 4; ++round) {
+    int64_t held = 0;
+    for (int round = 0; round < 8; ++round) {
+        if (round == 4)
+            held = stats().heap_blocks;
         for (auto& p : blocks)
             p = a->allocate(300);
         for (auto& p : blocks)
@@ -507,8 +448,7 @@ TEST_F(SsbAllocator, UtilInitCreatesItAndTheLastUninitReleasesEverything) {
     ssb_allocator_t* a = ssb_allocator_t::peek();
     ASSERT_NE(nullptr, a);
     signed char* p = a->allocate(300);
-    std::thread t([&] { a->deallocate(a->allocate(300), 300); });
-    t.join();
+    on_thread([&] { a->deallocate(a->allocate(300), 300); });
     util_init(4, nullptr, nullptr, nullptr, 0, 0);
     util_uninit(4);
     EXPECT_EQ(a, ssb_allocator_t::peek()) << "only the last call tears down";
@@ -518,8 +458,7 @@ TEST_F(SsbAllocator, UtilInitCreatesItAndTheLastUninitReleasesEverything) {
     EXPECT_EQ(0, stats().heap_blocks) << "this thread's cache and the pool went back to the C heap";
 }
 
-// A loop thread the library runs: its cache goes when the thread stops,
-// through the thread's slot clean-up.
+// A loop thread's cache goes when it stops, through its slot clean-up.
 class SsbAllocatorLoop : public util_test::thread_test_t {};
 
 TEST_F(SsbAllocatorLoop, ALoopThreadDropsItsCacheWhenItStops) {

@@ -32,13 +32,16 @@ class LockContract : public ::testing::Test {};
 typedef ::testing::Types<thread_mutex, thread_mutex_recursive, spin_lock> RealLocks;
 TYPED_TEST_SUITE(LockContract, RealLocks);
 
-TYPED_TEST(LockContract, TryacquireFromOtherThreadIsBusyWhileHeldAndFreeAfterRelease) {
+// Both mutexes let their owner in again and others wait for the last
+// release; a spin lock is busy even for its holder.
+TYPED_TEST(LockContract, OtherThreadsAreBusyUntilTheLastReleaseAndOnlyMutexesReenter) {
     TypeParam lock;
+    const bool spin = std::is_same<TypeParam, spin_lock>::value;
     ASSERT_EQ(RESULT_SUCCESS, lock.acquire());
+    ASSERT_EQ(spin ? RESULT_BUSY : RESULT_SUCCESS, lock.tryacquire());
+    if (!spin)
+        lock.release();
     EXPECT_EQ(RESULT_BUSY, tryacquire_on_other_thread(lock));
-    if (std::is_same<TypeParam, spin_lock>::value) {
-        EXPECT_EQ(RESULT_BUSY, lock.tryacquire()) << "a spin lock is busy even for its holder";
-    }
     ASSERT_EQ(RESULT_SUCCESS, lock.release());
     EXPECT_EQ(RESULT_SUCCESS, tryacquire_on_other_thread(lock));
 }
@@ -59,21 +62,6 @@ TYPED_TEST(LockContract, ExcludesWritersUnderContention) {
         }
     });
     EXPECT_EQ(80000, counter);
-}
-
-template <class L>
-class RecursiveLock : public ::testing::Test {};
-typedef ::testing::Types<thread_mutex, thread_mutex_recursive> RecursiveLocks;
-TYPED_TEST_SUITE(RecursiveLock, RecursiveLocks);
-
-TYPED_TEST(RecursiveLock, OwnerReentersAndOthersWaitForTheLastRelease) {
-    TypeParam lock;
-    ASSERT_EQ(RESULT_SUCCESS, lock.acquire());
-    ASSERT_EQ(RESULT_SUCCESS, lock.tryacquire());
-    lock.release();
-    EXPECT_EQ(RESULT_BUSY, tryacquire_on_other_thread(lock));
-    lock.release();
-    EXPECT_EQ(RESULT_SUCCESS, tryacquire_on_other_thread(lock));
 }
 
 TEST(AtomicT, ConcurrentUpdatesAreNotLost) {
@@ -118,13 +106,12 @@ TEST(RefCount, LastReferenceDroppedOnAnyThreadDestroysExactlyOnce) {
 }
 
 TEST(Event, WaitCodesAutoResetHoldsOneSignalAndResetOrPulseClearsManualReset) {
-    event_t e(false, false);
+    event_t e(false, false), manual(true, true);
     EXPECT_EQ(RESULT_BUSY, e.wait(20));
     EXPECT_EQ(RESULT_SUCCESS, e.signal());
     EXPECT_EQ(RESULT_SUCCESS, e.signal());  // still one signal
     EXPECT_EQ(RESULT_SUCCESS, e.wait(0));
     EXPECT_EQ(RESULT_BUSY, e.wait(0));
-    event_t manual(true, true);
     EXPECT_EQ(RESULT_SUCCESS, manual.reset());
     EXPECT_EQ(RESULT_BUSY, manual.wait(0));
     manual.signal();
@@ -132,38 +119,26 @@ TEST(Event, WaitCodesAutoResetHoldsOneSignalAndResetOrPulseClearsManualReset) {
     EXPECT_EQ(RESULT_BUSY, manual.wait(0));
 }
 
-// Starts n threads that each wait once; `released` counts those that woke.
-struct waiters_t {
-    waiters_t(event_t& e, int n) {
-        for (int i = 0; i < n; ++i)
-            threads.emplace_back([&e, this] { released += e.wait(-1) == RESULT_SUCCESS; });
-    }
-    void join() {
-        for (auto& t : threads)
-            t.join();
-    }
-    std::atomic<int> released{0};
-    std::vector<std::thread> threads;
-};
-
 TEST(Event, SignalAndPulseReleaseAllWaitersOfManualResetAndOneAtATimeOfAutoReset) {
     for (int kind = 0; kind < 4; ++kind) {
         const bool manual = kind & 1, pulse = kind & 2;
         event_t e(manual, false);
-        waiters_t w(e, 3);
-        int sent = 0;
-        for (int before = 0; before < 3; before = w.released.load()) {
+        std::atomic<int> released(0);
+        std::vector<std::thread> waiters;
+        for (int i = 0; i < 3; ++i)
+            waiters.emplace_back([&] { released += e.wait(-1) == RESULT_SUCCESS; });
+        for (int sent = 1, before = 0; before < 3; before = released.load(), ++sent) {
             EXPECT_EQ(RESULT_SUCCESS, pulse ? e.pulse() : e.signal());
-            ++sent;
             if (pulse)  // releases only the threads already waiting: repeat until all were caught
                 std::this_thread::sleep_for(std::chrono::milliseconds(5));
             else  // a signal stays set until taken
-                UTIL_WAIT_UNTIL([&] { return w.released.load() >= (manual ? 3 : before + 1); });
-            // An auto-reset event never releases more waiters than it was given
-            // signals or pulses, however late the released threads run.
-            EXPECT_LE(w.released.load(), manual ? 3 : sent) << "kind " << kind;
+                UTIL_WAIT_UNTIL([&] { return released.load() >= (manual ? 3 : before + 1); });
+            // However late the released threads run, an auto-reset event
+            // never releases more waiters than it was given signals.
+            EXPECT_LE(released.load(), manual ? 3 : sent) << "kind " << kind;
         }
-        w.join();
+        for (std::thread& t : waiters)
+            t.join();
         EXPECT_EQ(manual && !pulse ? RESULT_SUCCESS : RESULT_BUSY, e.wait(0)) << "kind " << kind;
     }
 }
@@ -187,68 +162,48 @@ private:
     events_t m_repo;
 };
 
+const int LIMIT_MS = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
+
 // Two threads hand a turn back and forth through two auto-reset events, so
 // nearly every signal lands while its waiter is between finding the event
 // unset and falling asleep. A signal lost there leaves the waiter asleep
 // until its long time-out, which fails the round by name. `multi` sleeps
-// through the wait on several events (with a second, never signalled event
-// in the set), otherwise through the single wait.
-void hand_turns_back_and_forth(bool multi, int rounds) {
-    event_t to_b(false, false), to_a(false, false), never(false, false);
-    const int limit_ms = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
-    multi_wait_t at_a(never, to_a), at_b(never, to_b);
-    auto wait_turn = [&](event_t& e, multi_wait_t& m) { return multi ? m.wait(limit_ms) : e.wait(limit_ms); };
-    std::atomic<int> lost_at_b(-1);
-    std::thread b([&] {
-        for (int i = 0; i < rounds; ++i) {
-            if (wait_turn(to_b, at_b) != RESULT_SUCCESS) {
-                lost_at_b = i;
-                to_a.signal();
-                return;
-            }
-            to_a.signal();
-        }
-    });
-    for (int i = 0; i < rounds; ++i) {
-        to_b.signal();
-        const int rv = wait_turn(to_a, at_a);
-        ASSERT_EQ(RESULT_SUCCESS, rv) << "the turn back to A was lost in round " << i << (multi ? " (multi)" : "");
-        ASSERT_EQ(-1, lost_at_b.load()) << "the turn to B was lost" << (multi ? " (multi)" : "");
-    }
-    b.join();
-    EXPECT_EQ(RESULT_BUSY, never.wait(0));
-}
-
+// in the wait on several events, otherwise in the single wait.
 TEST(Event, ASignalRacingWithAWaitGoingToSleepIsNeverLost) {
     const int rounds = 50000 / util_test::ROUNDS_SCALE;
-    hand_turns_back_and_forth(false, rounds);
-    hand_turns_back_and_forth(true, rounds);
+    for (int multi = 0; multi < 2; ++multi) {
+        event_t to_b(false, false), to_a(false, false), never(false, false);
+        multi_wait_t at_a(never, to_a), at_b(never, to_b);
+        auto wait_turn = [&](event_t& e, multi_wait_t& m) { return multi ? m.wait(LIMIT_MS) : e.wait(LIMIT_MS); };
+        std::atomic<int> lost_at_b(-1);
+        std::thread b([&] {
+            for (int i = 0; i < rounds && lost_at_b.load() < 0; ++i) {
+                if (wait_turn(to_b, at_b) != RESULT_SUCCESS)
+                    lost_at_b = i;
+                to_a.signal();
+            }
+        });
+        for (int i = 0; i < rounds; ++i) {
+            to_b.signal();
+            const int rv = wait_turn(to_a, at_a);
+            ASSERT_EQ(RESULT_SUCCESS, rv) << "the turn back to A was lost in round " << i << ", multi " << multi;
+            ASSERT_EQ(-1, lost_at_b.load()) << "the turn to B was lost, multi " << multi;
+        }
+        b.join();
+        EXPECT_EQ(RESULT_BUSY, never.wait(0));
+    }
 }
 
-TEST(Event, TimedWaitsEndWithoutASignalAndASignalEndsThemEarly) {
-    // Time is the behaviour here: a timed wait must not return before its
-    // time-out when nothing signals (a lower bound only, less the 10 ms by
-    // which a Windows wait may end early on a coarse clock tick), and a
-    // signal from another thread must end a long wait well before it.
+TEST(Event, TimedWaitsWithoutASignalLastTheirTime) {
+    // Time is the behaviour here: a lower bound only, less the 10 ms by
+    // which a Windows wait may end early on a coarse clock tick.
     using clock = std::chrono::steady_clock;
+    event_t e(false, false), other(true, false);
+    multi_wait_t m(other, e);
     for (int multi = 0; multi < 2; ++multi) {
-        event_t e(false, false), other(true, false);
-        multi_wait_t m(other, e);
-        auto timed = [&](int ms) { return multi ? m.wait(ms) : e.wait(ms); };
         const clock::time_point start = clock::now();
-        EXPECT_EQ(RESULT_BUSY, timed(60)) << multi;
+        EXPECT_EQ(RESULT_BUSY, multi ? m.wait(60) : e.wait(60)) << multi;
         EXPECT_GE(clock::now() - start, std::chrono::milliseconds(50)) << multi;
-        std::atomic<bool> waiting(false);
-        std::atomic<int> rv(-1);
-        std::thread t([&] {
-            waiting = true;
-            rv = timed(static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count()));
-        });
-        UTIL_WAIT_UNTIL([&] { return waiting.load(); });
-        e.signal();
-        t.join();
-        EXPECT_EQ(RESULT_SUCCESS, rv.load()) << "the signal did not end the wait, multi = " << multi;
-        EXPECT_EQ(RESULT_BUSY, e.wait(0)) << "the wait took the signal";
     }
 }
 
@@ -257,7 +212,6 @@ TEST(Event, AWaiterMayFreeTheEventAsSoonAsItHasTheSignal) {
     // is woken: the signaller must not touch the event after the waiter can
     // have taken the signal (the sanitizers see any such touch).
     const int rounds = 20000 / util_test::ROUNDS_SCALE;
-    const int limit_ms = static_cast<int>(std::chrono::milliseconds(util_test::WAIT_LIMIT).count());
     std::atomic<event_t*> handed(nullptr);
     std::atomic<int> freed(0), failed(0);
     std::thread waiter([&] {
@@ -265,8 +219,7 @@ TEST(Event, AWaiterMayFreeTheEventAsSoonAsItHasTheSignal) {
             event_t* e = nullptr;
             if (!wait_until("the next event", [&] { return (e = handed.exchange(nullptr)) != nullptr; }))
                 return;
-            if (e->wait(limit_ms) != RESULT_SUCCESS)
-                ++failed;
+            failed += e->wait(LIMIT_MS) != RESULT_SUCCESS;
             delete e;
             ++freed;
         }
@@ -274,8 +227,7 @@ TEST(Event, AWaiterMayFreeTheEventAsSoonAsItHasTheSignal) {
     for (int i = 0; i < rounds; ++i) {
         event_t* e = new event_t(false, false);
         handed.store(e);
-        // The waiter may be asleep, on its way to sleep, or not there yet.
-        e->signal();
+        e->signal();  // the waiter may be asleep, on its way to sleep, or not there yet
         ASSERT_TRUE(wait_until("the waiter freed the event", [&] { return freed.load() == i + 1; })) << i;
     }
     waiter.join();
@@ -287,7 +239,7 @@ std::string unique_name(const char* stem) {
            std::to_string(std::chrono::steady_clock::now().time_since_epoch().count());
 }
 
-TEST(Semaphore, NotCreatedCodesCountsTimeoutAndAPostWakesAWaiter) {
+TEST(Semaphore, CodesCountsTimeoutAWakingPostAndANamedOneSharedAcrossReset) {
     semaphore_t s;
     EXPECT_EQ(RESULT_NOT_CREATED, s.post(1));
     EXPECT_EQ(0, s.create(1, nullptr));
@@ -299,9 +251,7 @@ TEST(Semaphore, NotCreatedCodesCountsTimeoutAndAPostWakesAWaiter) {
     t.join();
     EXPECT_EQ(SEMAPHORE_WAIT_OBJECT_0, rv.load());
     EXPECT_EQ(2, s.get_value());
-}
 
-TEST(Semaphore, NamedSemaphoreIsSharedAndResetKeepsTheName) {
     const std::string name = unique_name("util_sem");
     semaphore_t creator, opener, again, missing;
     ASSERT_EQ(0, creator.create(4, name.c_str()));

@@ -1,14 +1,13 @@
-// A soak of the thread family: loop threads that come and go while messages
-// flow through small channels and control queues that fill, with sinks,
-// synchronous sends, posts from threads the library does not know, and the
-// main thread pumped by main_heartbeat; it ends with util_uninit from a
-// random thread. Counters prove that every message ran at most once, in
-// order within its stream, that every message that reached a living loop
-// ran, and that every message was released once.
+// A soak of the thread family: loops come and go while messages flow through
+// small channels and control queues that fill, with sinks, synchronous sends,
+// posts from threads the library does not know and the main thread pumped by
+// main_heartbeat; util_uninit ends it from a random thread. Counters prove
+// every message ran at most once, in order within its stream, on its loop,
+// that every message a living loop accepted ran, and that all were released.
 //
 // UTIL_SOAK_SCALE (default 1) scales the traffic; UTIL_SOAK_SEED replays a
-// run (the seed is printed); UTIL_SOAK_END picks the thread that ends it (0
-// the main thread, 1 an outside thread, 2 a loop).
+// run (the seed is printed); UTIL_SOAK_END picks who ends it (0 the main
+// thread, 1 an outside thread, 2 a loop).
 #include <gtest/gtest.h>
 
 #include <stdio.h>
@@ -16,7 +15,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -41,179 +39,115 @@ using util_test::fn_msg_t;
 
 const int INITIAL_LOOPS = 8;
 const int CHANNELS_PER_NEW_LOOP = 3;
-// Messages a link keeps waiting for room before its loop stops producing
-// for it: memory stays bounded whatever the readers' pace.
+// A link stops producing past this backlog: memory stays bounded whatever
+// the readers' pace.
 const size_t BACKLOG_CAP = 48;
 const int BURST = 24;
-const int SEND_TIMEOUT_MS = 5000;
 const unsigned int CONTROL_QUEUE = 32;
-// Stream ids of the threads that are not loops start here.
 const int OUTSIDE_STREAM_BASE = 1000000;
 
-// Every counted message, its runs and its release.
 struct tally_t {
-    std::atomic<long long> created{0};
-    std::atomic<long long> released{0};
-    std::atomic<long long> ran{0};
-    std::atomic<long long> ran_twice{0};
-    std::atomic<long long> out_of_order{0};
-    std::atomic<long long> wrong_thread{0};
+    std::atomic<long long> created{0}, released{0}, ran{0}, ran_twice{0}, out_of_order{0}, wrong_thread{0};
     std::atomic<long long> backlog{0};
-    // Released unrun although neither end was leaving: lost.
+    // Released unrun although neither end was leaving.
     std::atomic<long long> lost{0};
     std::atomic<bool> ending{false};
 };
 tally_t g_tally;
 
+// Runs `fn` when the last copy goes: held by a message's lambda, it tells
+// when the library released the message, run or not.
+struct on_release_t {
+    std::function<void()> fn;
+    ~on_release_t() { fn(); }
+};
+std::shared_ptr<on_release_t> on_release(std::function<void()> fn) {
+    return std::shared_ptr<on_release_t>(new on_release_t{std::move(fn)});
+}
+
 struct node_t;
 
-// A message of one stream (sender, receiver): it must run on the receiver's
-// thread, exactly once, after every earlier message of its stream.
-class soak_msg_t : public msg_it {
-public:
-    // `from` is null for a thread that is not a loop.
-    soak_msg_t(node_t* from, node_t* to, int stream, long long seq)
-        : msg_it(MSG_TYPE_PLAIN, 1, MSG_TIMEOUT_NEVER), m_from(from), m_to(to), m_stream(stream), m_seq(seq) {
+// A message of stream (sender, receiver): it must run on the receiver's
+// thread, once, after every earlier message of its stream. `from` is null
+// for a thread that is not a loop.
+struct soak_msg_t : public msg_it {
+    soak_msg_t(node_t* f, node_t* t, int s, long long q)
+        : msg_it(MSG_TYPE_PLAIN, 1, MSG_TIMEOUT_NEVER), from(f), to(t), stream(s), seq(q) {
         ++g_tally.created;
     }
-    void on_message() override;
-    // Set by the writer before each post and cleared when the post fails:
-    // only a message handed to the library counts at its receiver.
-    void set_handed(bool handed) { m_handed = handed; }
-
-protected:
     ~soak_msg_t() override;
-
-private:
-    node_t* m_from;
-    node_t* m_to;
-    int m_stream;
-    long long m_seq;
-    int m_runs = 0;
-    bool m_handed = false;
+    void on_message() override;
+    node_t* from;
+    node_t* to;
+    int stream;
+    long long seq;
+    int runs = 0;
+    bool handed = false;  // only a message the library accepted counts at its receiver
 };
 
 struct link_t;
 
-// A loop thread and what the test keeps about it. Fields below `expected`
-// belong to the loop's own thread.
+// A loop and what the test keeps about it; fields below `expected` belong
+// to the loop's own thread.
 struct node_t {
     int id = 0;
     thread_wrapper_t* thr = nullptr;  // a reference of the test's own
     unsigned int tid = 0;
-    // Set before the driver stops it: what is in flight to or from it may
-    // be dropped from then on.
+    // Set before a stop: what is in flight to or from it may be dropped.
     std::atomic<bool> leaving{false};
-    std::atomic<long long> accepted{0};
-    std::atomic<long long> ran{0};
-    std::atomic<long long> dropped{0};
+    std::atomic<long long> accepted{0}, ran{0}, dropped{0};
     std::unordered_map<int, long long> expected;
     std::vector<std::unique_ptr<link_t>> links;
     std::mt19937 rng;
 
     void add_link(node_t* to);
     void drop_link(node_t* to);
-    void kick(bool produce);
+    void kick();
     void flush(link_t* link);
 };
 
-// One channel end seen from its writer: messages waiting for room, in order.
-// Its sink resumes them on the writer's thread.
+// A channel seen from its writer: messages waiting for room, in order,
+// resumed by the sink on the writer's thread.
 struct link_t : public msg_queue_sink_it {
     node_t* from = nullptr;
     node_t* to = nullptr;
     long long next_seq = 0;
     std::deque<soak_msg_t*> backlog;
-    bool waiting = false;
-    bool dead = false;
+    bool waiting = false, dead = false;
     void on_queue_room(int) override {
-        if (get_cur_tid() != from->tid)
-            ++g_tally.wrong_thread;
+        g_tally.wrong_thread += get_cur_tid() != from->tid;
         waiting = false;
         from->flush(this);
     }
 };
 
 soak_msg_t::~soak_msg_t() {
-    if (m_runs == 0 && m_handed) {
-        // A stop drops what is queued to the loop and what its channels
-        // still carried from it.
-        if (!g_tally.ending.load() && !m_to->leaving.load() && !(m_from && m_from->leaving.load()))
+    if (runs == 0 && handed) {
+        if (!g_tally.ending.load() && !to->leaving.load() && !(from && from->leaving.load()))
             ++g_tally.lost;
-        ++m_to->dropped;
+        ++to->dropped;
     }
     ++g_tally.released;
 }
 
 void soak_msg_t::on_message() {
-    if (++m_runs > 1)
-        ++g_tally.ran_twice;
-    if (get_cur_tid() != m_to->tid)
-        ++g_tally.wrong_thread;
-    long long& expected = m_to->expected[m_stream];
-    if (m_seq != expected)
-        ++g_tally.out_of_order;
-    expected = m_seq + 1;
-    ++m_to->ran;
+    g_tally.ran_twice += ++runs > 1;
+    g_tally.wrong_thread += get_cur_tid() != to->tid;
+    long long& expected = to->expected[stream];
+    g_tally.out_of_order += seq != expected;
+    expected = seq + 1;
+    ++to->ran;
     ++g_tally.ran;
 }
-
-// A synchronous message outside every stream: counted, not ordered.
-// `gone` tells the sender whether the library released it: a 9 from
-// send_msg means either "dropped unrun" or "refused, still yours".
-class sync_msg_t : public msg_it {
-public:
-    sync_msg_t(node_t* to, std::shared_ptr<std::atomic<bool>> gone)
-        : msg_it(MSG_TYPE_PLAIN, 1, MSG_TIMEOUT_NEVER), m_to(to), m_gone(std::move(gone)) {
-        ++g_tally.created;
-    }
-    void on_message() override {
-        if (get_cur_tid() != m_to->tid)
-            ++g_tally.wrong_thread;
-        ++g_tally.ran;
-    }
-
-protected:
-    ~sync_msg_t() override {
-        m_gone->store(true);
-        ++g_tally.released;
-    }
-
-private:
-    node_t* m_to;
-    std::shared_ptr<std::atomic<bool>> m_gone;
-};
-
-// Counts itself out of a driver's round whether it ran or was dropped.
-class kick_msg_t : public msg_it {
-public:
-    kick_msg_t(node_t* to, bool produce, std::shared_ptr<std::atomic<int>> outstanding)
-        : msg_it(MSG_TYPE_PLAIN, 1, MSG_TIMEOUT_NEVER),
-          m_to(to),
-          m_produce(produce),
-          m_outstanding(std::move(outstanding)) {
-        ++*m_outstanding;
-    }
-    void on_message() override;
-
-protected:
-    ~kick_msg_t() override { --*m_outstanding; }
-
-private:
-    node_t* m_to;
-    bool m_produce;
-    std::shared_ptr<std::atomic<int>> m_outstanding;
-};
 
 void node_t::add_link(node_t* to) {
     for (const std::unique_ptr<link_t>& l : links)
         if (l->to == to && !l->dead)
             return;
-    std::unique_ptr<link_t> link(new link_t);
-    link->from = this;
-    link->to = to;
+    links.emplace_back(new link_t);
+    links.back()->from = this;
+    links.back()->to = to;
     to->thr->increment();
-    links.push_back(std::move(link));
 }
 
 void node_t::drop_link(node_t* to) {
@@ -232,16 +166,15 @@ void node_t::drop_link(node_t* to) {
 void node_t::flush(link_t* link) {
     while (!link->dead && !link->waiting && !link->backlog.empty()) {
         soak_msg_t* m = link->backlog.front();
-        m->set_handed(true);
+        m->handed = true;
         const int rv = link->to->thr->post_msg(m, link);
         if (rv != RESULT_SUCCESS)
-            m->set_handed(false);
+            m->handed = false;
         if (rv == RESULT_QUEUE_FULL) {
             link->waiting = true;
             return;
         }
-        if (rv != RESULT_SUCCESS) {
-            // The reader stopped: its channel is gone.
+        if (rv != RESULT_SUCCESS) {  // the reader stopped: its channel is gone
             drop_link(link->to);
             return;
         }
@@ -251,35 +184,37 @@ void node_t::flush(link_t* link) {
     }
 }
 
-void node_t::kick(bool produce) {
+void node_t::kick() {
     for (size_t i = 0; i < links.size(); ++i) {
         link_t* l = links[i].get();
-        if (l->dead)
-            continue;
-        if (produce) {
-            for (int n = 0; n < BURST && l->backlog.size() < BACKLOG_CAP; ++n) {
-                l->backlog.push_back(new soak_msg_t(this, l->to, id, l->next_seq++));
-                ++g_tally.backlog;
-            }
+        for (int n = 0; !l->dead && n < BURST && l->backlog.size() < BACKLOG_CAP; ++n) {
+            l->backlog.push_back(new soak_msg_t(this, l->to, id, l->next_seq++));
+            ++g_tally.backlog;
         }
         flush(l);
     }
     // Now and then a synchronous send to a random peer, over its channel.
-    if (produce && !links.empty() && rng() % 8 == 0) {
-        link_t* l = links[rng() % links.size()].get();
-        if (!l->dead) {
-            std::shared_ptr<std::atomic<bool>> gone = std::make_shared<std::atomic<bool>>(false);
-            sync_msg_t* m = new sync_msg_t(l->to, gone);
-            const int rv = l->to->thr->send_msg(m, nullptr, SEND_TIMEOUT_MS);
-            // A time-out leaves it queued; otherwise, unless the library
-            // released it, it is still ours.
-            if (rv != RESULT_BUSY && !gone->load())
-                m->release();
-        }
+    link_t* l = !links.empty() && rng() % 8 == 0 ? links[rng() % links.size()].get() : nullptr;
+    if (l && !l->dead) {
+        const unsigned int to_tid = l->to->tid;
+        std::shared_ptr<std::atomic<bool>> gone = std::make_shared<std::atomic<bool>>(false);
+        ++g_tally.created;
+        std::shared_ptr<on_release_t> mark = on_release([gone] {
+            gone->store(true);
+            ++g_tally.released;
+        });
+        msg_it* m = new fn_msg_t([to_tid, mark] {
+            g_tally.wrong_thread += get_cur_tid() != to_tid;
+            ++g_tally.ran;
+        });
+        mark.reset();
+        const int rv = l->to->thr->send_msg(m, nullptr, 5000);
+        // 9 is "dropped unrun" or "refused, still yours"; a time-out leaves
+        // it queued.
+        if (rv != RESULT_BUSY && !gone->load())
+            m->release();
     }
 }
-
-void kick_msg_t::on_message() { m_to->kick(m_produce); }
 
 double soak_scale() {
     const char* text = getenv("UTIL_SOAK_SCALE");
@@ -287,23 +222,16 @@ double soak_scale() {
     return scale > 0 ? scale : 1.0;
 }
 
-unsigned int soak_seed() {
-    const char* text = getenv("UTIL_SOAK_SEED");
-    return text ? static_cast<unsigned int>(strtoul(text, nullptr, 10)) : std::random_device()();
-}
-
-// Posts `m` to `node`'s control queue from this (unmanaged) thread, again
-// while the queue is full: false (and `m` released) when the loop stopped.
+// Posts `m` to `node`'s control queue from any thread, again while it is
+// full: false (and `m` released) when the loop stopped.
 bool post_to(node_t* node, msg_it* m) {
     bool posted = false;
     util_test::wait_until("room in a loop's control queue", [&] {
         const int rv = node->thr->post_ctrl_msg(m, nullptr);
-        if (rv == RESULT_QUEUE_FULL) {
-            std::this_thread::yield();
-            return false;
-        }
         posted = rv == RESULT_SUCCESS;
-        return true;
+        if (rv == RESULT_QUEUE_FULL)
+            std::this_thread::yield();
+        return rv != RESULT_QUEUE_FULL;
     });
     if (!posted)
         m->release();
@@ -315,7 +243,8 @@ bool post_to(node_t* node, std::function<void()> fn) { return post_to(node, new 
 class Soak : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_seed = soak_seed();
+        const char* seed = getenv("UTIL_SOAK_SEED");
+        m_seed = seed ? static_cast<unsigned int>(strtoul(seed, nullptr, 10)) : std::random_device()();
         m_rng.seed(m_seed);
         printf("soak seed %u, scale %.3g (UTIL_SOAK_SEED / UTIL_SOAK_SCALE)\n", m_seed, soak_scale());
         util_test::warm_up_library();
@@ -324,16 +253,16 @@ protected:
     }
 
     node_t* add_node(thread_wrapper_t* thr) {
-        std::unique_ptr<node_t> node(new node_t);
-        node->id = static_cast<int>(m_nodes.size());
+        m_nodes.emplace_back(new node_t);
+        node_t* node = m_nodes.back().get();
+        node->id = static_cast<int>(m_nodes.size() - 1);
         node->thr = thr;
         node->tid = thr->get_id();
-        node->rng.seed(m_seed + static_cast<unsigned int>(m_nodes.size()));
+        node->rng.seed(m_seed + static_cast<unsigned int>(node->id));
         thr->increment();
-        m_nodes.push_back(std::move(node));
         std::lock_guard<std::mutex> guard(m_live_lock);
-        m_live.push_back(m_nodes.back().get());
-        return m_nodes.back().get();
+        m_live.push_back(node);
+        return node;
     }
 
     node_t* spawn_node() {
@@ -347,14 +276,11 @@ protected:
     // Binds `a` and `b` and tells both loops to write to each other.
     void connect(node_t* a, node_t* b) {
         const unsigned int cap = 8u << (m_rng() % 3);
-        // A full control queue refuses the bind message: a host tries again.
-        int rv = RESULT_QUEUE_FULL;
-        util_test::wait_until("a channel past full control queues", [&] {
-            rv = a->thr->create_channel(b->thr, cap, cap);
-            return rv != RESULT_QUEUE_FULL;
-        });
-        // 10: an end was left bound by a refused attempt whose undo found
-        // the peer's control queue full too; this one joined its queues.
+        int rv = RESULT_QUEUE_FULL;  // a full control queue refuses the bind: try again
+        util_test::wait_until("a channel past full control queues",
+                              [&] { return (rv = a->thr->create_channel(b->thr, cap, cap)) != RESULT_QUEUE_FULL; });
+        // 10: an end left bound by a refused attempt whose undo found the
+        // peer's control queue full too; this one joined its queues.
         ASSERT_TRUE(rv == RESULT_SUCCESS || rv == RESULT_ALREADY_EXISTS) << "create_channel: " << rv;
         ASSERT_NE(nullptr, a->thr->get_write_msgq(b->thr));
         ASSERT_NE(nullptr, b->thr->get_write_msgq(a->thr));
@@ -385,20 +311,22 @@ protected:
             EXPECT_EQ(1, m_mgr->stop_thread_by_id(victim->tid));
         else
             EXPECT_EQ(RESULT_SUCCESS, victim->thr->stop());
-        // Its loop runs nothing any more (the stop returned after it ran):
-        // what it kept waiting for room goes now.
+        // The stop returned after its loop ran last: its backlogs go now.
         for (const std::unique_ptr<link_t>& l : victim->links)
             victim->drop_link(l->to);
         for (node_t* n : live())
             post_to(n, [n, victim] { n->drop_link(victim); });
     }
 
-    // One round of the driver: every loop produces once; the round ends when
-    // every kick ran (or was dropped with its loop).
-    void kick_all(bool produce) {
+    // One driver round: every loop produces once; it ends when every kick
+    // ran or was dropped with its loop.
+    void kick_all() {
         std::shared_ptr<std::atomic<int>> outstanding = std::make_shared<std::atomic<int>>(0);
-        for (node_t* n : live())
-            post_to(n, new kick_msg_t(n, produce, outstanding));
+        for (node_t* n : live()) {
+            ++*outstanding;
+            std::shared_ptr<on_release_t> done = on_release([outstanding] { --*outstanding; });
+            post_to(n, [n, done] { n->kick(); });
+        }
         util_test::wait_until("every loop to run its kick", [&] { return outstanding->load() == 0; });
     }
 
@@ -414,8 +342,7 @@ protected:
 };
 
 TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) {
-    const double scale = soak_scale();
-    const int rounds = std::max(20, static_cast<int>(4000 * scale));
+    const int rounds = std::max(20, static_cast<int>(4000 * soak_scale()));
     const int churn_every = 10;
 
     thread_mgr_t::reset();
@@ -425,17 +352,11 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
     m_main = add_node(m_mgr->find_by_type(THREAD_TYPE_MAIN));
 
     std::atomic<bool> outside_on(true), driver_done(false), uninit_done(false);
-    // The outside threads post one batch per driver round, so that they
-    // never crowd out the loops (Wine's yield hardly yields).
+    // Outside threads post one batch per driver round, so they never crowd
+    // out the loops (Wine's yield hardly yields).
     std::mutex round_lock;
     std::condition_variable round_changed;
     int round_no = 0;
-    auto next_round = [&] {
-        std::lock_guard<std::mutex> guard(round_lock);
-        ++round_no;
-        round_changed.notify_all();
-    };
-    long long ran_in_traffic = 0;
 
     // Threads the library does not know post their own streams into the
     // loops' control queues.
@@ -444,7 +365,6 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
         outside.emplace_back([&, p] {
             std::mt19937 rng(m_seed ^ (0x9e3779b9u * static_cast<unsigned int>(p + 1)));
             std::unordered_map<int, long long> next;
-            const int stream = OUTSIDE_STREAM_BASE + p;
             int round_seen = -1;
             while (outside_on.load()) {
                 {
@@ -460,15 +380,15 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
                     continue;
                 to->thr->increment();
                 for (int i = 0; i < 64 && outside_on.load(); ++i) {
-                    soak_msg_t* m = new soak_msg_t(nullptr, to, stream, next[to->id]);
+                    soak_msg_t* m = new soak_msg_t(nullptr, to, OUTSIDE_STREAM_BASE + p, next[to->id]);
                     int rv = RESULT_QUEUE_FULL;
-                    m->set_handed(true);
+                    m->handed = true;
                     while ((rv = to->thr->post_msg(m, nullptr)) == RESULT_QUEUE_FULL && outside_on.load())
                         std::this_thread::yield();
                     if (rv != RESULT_SUCCESS) {
-                        m->set_handed(false);
                         // The loop stopped (or the soak ends): a seq that
                         // never ran would break the stream, so it ends here.
+                        m->handed = false;
                         m->release();
                         next[to->id] = -1;
                         break;
@@ -490,22 +410,23 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
                 if (m_rng() % 2 || j == i + 1)
                     connect(nodes[i], nodes[j]);
         for (int r = 0; r < rounds && !::testing::Test::HasFatalFailure(); ++r) {
-            next_round();
-            kick_all(true);
-            if (r % churn_every == churn_every - 1) {
-                if (node_t* victim = random_worker())
-                    stop_node(victim);
-                if (node_t* fresh = spawn_node()) {
-                    std::vector<node_t*> peers = live();
-                    std::shuffle(peers.begin(), peers.end(), m_rng);
-                    int bound = 0;
-                    for (node_t* peer : peers) {
-                        if (peer == fresh || bound == CHANNELS_PER_NEW_LOOP)
-                            continue;
+            {
+                std::lock_guard<std::mutex> guard(round_lock);
+                ++round_no;
+                round_changed.notify_all();
+            }
+            kick_all();
+            if (r % churn_every != churn_every - 1)
+                continue;
+            if (node_t* victim = random_worker())
+                stop_node(victim);
+            if (node_t* fresh = spawn_node()) {
+                std::vector<node_t*> peers = live();
+                std::shuffle(peers.begin(), peers.end(), m_rng);
+                int bound = 0;
+                for (node_t* peer : peers)
+                    if (peer != fresh && bound++ < CHANNELS_PER_NEW_LOOP)
                         connect(fresh, peer);
-                        ++bound;
-                    }
-                }
             }
         }
         {
@@ -516,8 +437,7 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
         driver_done = true;
     });
 
-    // The main thread runs its loop as a host's window loop would: it waits
-    // on the loop's notifier and gives it a pass.
+    // The main thread runs its loop as a host's window loop would.
     notifier_it* wake = m_main->thr->get_notifier();
     while (!driver_done.load()) {
         wake->wait(5, false);
@@ -527,45 +447,40 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
     for (std::thread& t : outside)
         t.join();
 
-    // Quiet: no new messages; what waits for room drains through the
-    // sinks alone, and every message accepted by a living loop runs.
+    // Quiet: backlogs drain through the sinks alone, and every message a
+    // living loop accepted runs.
     util_test::wait_until("every link's backlog to drain and every accepted message to run", [&] {
         wake->wait(5, false);
         main_heartbeat();
-        if (g_tally.backlog.load() != 0)
-            return false;
+        bool settled = g_tally.backlog.load() == 0;
         for (node_t* n : live())
-            if (n->ran.load() + n->dropped.load() != n->accepted.load())
-                return false;
-        return true;
+            settled = settled && n->ran.load() + n->dropped.load() == n->accepted.load();
+        return settled;
     });
     for (node_t* n : live())
         EXPECT_EQ(n->accepted.load(), n->ran.load() + n->dropped.load()) << "loop " << n->id;
     EXPECT_EQ(0, g_tally.lost.load());
-    ran_in_traffic = g_tally.ran.load();
+    const long long ran_in_traffic = g_tally.ran.load();
     printf("soak: %d loops made, %lld messages ran\n", static_cast<int>(m_nodes.size()), ran_in_traffic);
 
-    // The end: util_uninit from the main thread, from a thread the library
-    // does not know, or from inside a loop's own message.
+    // The end: util_uninit from the main thread, an outside thread, or a
+    // loop's own message.
     g_tally.ending = true;
-    unsigned int how = m_rng() % 3;
-    if (const char* end = getenv("UTIL_SOAK_END"))
-        how = static_cast<unsigned int>(atoi(end)) % 3;
+    const char* end = getenv("UTIL_SOAK_END");
+    const unsigned int drawn = m_rng();
+    const unsigned int how = (end ? static_cast<unsigned int>(atoi(end)) : drawn) % 3;
     node_t* host = random_worker();
     printf("soak: util_uninit from %s\n", how == 0 ? "the main thread" : how == 1 ? "an outside thread" : "a loop");
-    if (how == 0) {
+    auto uninit = [&] {
         util_uninit(1);
         uninit_done = true;
+    };
+    if (how == 0) {
+        uninit();
     } else if (how == 1 || !host) {
-        std::thread([&] {
-            util_uninit(1);
-            uninit_done = true;
-        }).join();
+        std::thread(uninit).join();
     } else {
-        ASSERT_TRUE(post_to(host, [&] {
-            util_uninit(1);
-            uninit_done = true;
-        }));
+        ASSERT_TRUE(post_to(host, uninit));
         // The main thread keeps pumping until the shut-down takes its loop.
         util_test::wait_until("util_uninit to return on a loop", [&] {
             main_heartbeat();
@@ -588,12 +503,9 @@ TEST_F(Soak, StressLoopsComeAndGoWhileMessagesFlowAndUninitEndsItFromAnyThread) 
     UTIL_WAIT_UNTIL([] { return live_msg_queues() == 0; });
     UTIL_WAIT_UNTIL([] { return g_tally.created.load() == g_tally.released.load(); });
     EXPECT_EQ(0, util_test::live_fn_msgs().load());
-    if (m_threads_at_start >= 0) {
-        UTIL_WAIT_UNTIL([&] { return plat::os_thread_count() == m_threads_at_start; });
-    }
-    if (m_handles_at_start >= 0) {
-        UTIL_WAIT_UNTIL([&] { return plat::open_handle_count() == m_handles_at_start; });
-    }
+    // -1: the system cannot count them.
+    UTIL_WAIT_UNTIL([&] { return m_threads_at_start < 0 || plat::os_thread_count() == m_threads_at_start; });
+    UTIL_WAIT_UNTIL([&] { return m_handles_at_start < 0 || plat::open_handle_count() == m_handles_at_start; });
     EXPECT_EQ(0, g_tally.lost.load());
     EXPECT_EQ(0, g_tally.ran_twice.load());
     EXPECT_EQ(0, g_tally.out_of_order.load());

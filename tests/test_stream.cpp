@@ -78,6 +78,7 @@ TEST(AuxiIntegers, EveryDigitCountMatchesPrintf) {
     EXPECT_EQ(0u, len);
 }
 
+// 2.675f is 2.67499995...: it rounds down.
 TEST(AuxiReals, RoundHalfUpOnTheMagnitudeCarryAndRefuseOutOfRange) {
     ssb::init_auxi();
     const struct {
@@ -85,24 +86,22 @@ TEST(AuxiReals, RoundHalfUpOnTheMagnitudeCarryAndRefuseOutOfRange) {
         double value;
         unsigned int decimals;
         const char* text;  // empty: refused
-    } cases[] = {
-        {true, 2.005, 2, "2.01"},
-        {true, 2.675, 2, "2.67"},  // 2.675f is 2.67499995...
-        {true, -0.999995, 2, "-1.00"},
-        {true, 9.995, 1, "10.0"},
-        {true, -0.001, 2, "-0.00"},
-        {true, 1.5, 0, "2."},
-        {true, 3.0, 12, "3.000000000"},
-        {true, -2147483648.0, 2, "-2147483648.00"},
-        {true, 2147483648.0, 2, ""},
-        {true, NAN, 2, ""},
-        {true, -INFINITY, 2, ""},
-        {false, 0.00005, 4, "0.0001"},
-        {false, 4294967295.99999, 4, "4294967296.0000"},
-        {false, -9223372036854775808.0, 2, "-9223372036854775808.00"},
-        {false, 9223372036854775808.0, 4, ""},
-        {false, 1e300, 4, ""},
-    };
+    } cases[] = {{true, 2.005, 2, "2.01"},
+                 {true, 2.675, 2, "2.67"},
+                 {true, -0.999995, 2, "-1.00"},
+                 {true, 9.995, 1, "10.0"},
+                 {true, -0.001, 2, "-0.00"},
+                 {true, 1.5, 0, "2."},
+                 {true, 3.0, 12, "3.000000000"},
+                 {true, -2147483648.0, 2, "-2147483648.00"},
+                 {true, 2147483648.0, 2, ""},
+                 {true, NAN, 2, ""},
+                 {true, -INFINITY, 2, ""},
+                 {false, 0.00005, 4, "0.0001"},
+                 {false, 4294967295.99999, 4, "4294967296.0000"},
+                 {false, -9223372036854775808.0, 2, "-9223372036854775808.00"},
+                 {false, 9223372036854775808.0, 4, ""},
+                 {false, 1e300, 4, ""}};
     for (const auto& c : cases) {
         signed char out[32] = {'x', 'x'};
         unsigned int len = 0;
@@ -129,6 +128,9 @@ struct width_case_t {
 
 TEST(TextStreamWidths, ExactRoomWritesAndOneShortWritesNothing) {
     using namespace ssb;
+    static local_date_t date = local_date_t::from_epoch_ms(0);
+    date.m_year = 2024, date.m_month = 3, date.m_day = 7;
+    date.m_hour = 9, date.m_minute = 5, date.m_second = 2, date.m_millisecond = 17;
     const width_case_t cases[] = {
         WIDTH_CASE(ORDIX_DEC, static_cast<signed char>(-128), "-128", 4),
         WIDTH_CASE(ORDIX_BIN, static_cast<unsigned char>(5), "00000101", 9),
@@ -140,6 +142,8 @@ TEST(TextStreamWidths, ExactRoomWritesAndOneShortWritesNothing) {
         WIDTH_CASE(ORDIX_DEC, 9.999f, "10.00", 5),
         WIDTH_CASE(ORDIX_DEC, -1e10f, "-10000000000.00", 15),
         WIDTH_CASE(ORDIX_DEC, atomic_t<long long>(LLONG_MIN), "-9223372036854775808", 21),
+        // A date takes its widest form's room: all or nothing.
+        WIDTH_CASE(ORDIX_DEC, &date, "3/7/2024 9:5:2:17", 22),
     };
     for (const width_case_t& c : cases) {
         SCOPED_TRACE(c.text);
@@ -192,31 +196,25 @@ TEST(TextStreamBuffer, TinyOrMissingBuffersWriteNothingAndResetRestores) {
     EXPECT_EQ("10", text_of(r));
 }
 
-TEST(TextStreamText, CountedIsAllOrNothingWhileTerminatedIsCut) {
+TEST(TextStreamText, CountedIsAllOrNothingWhileTerminatedAndHexAreCut) {
     const signed char* ten = sc("0123456789");
-    sized_stream_t counted(9);
+    sized_stream_t counted(9), terminated(9), hex(20), hex_cut(6);
     counted.s().append(ten, 10);
     EXPECT_EQ("", counted.text());
     counted.s().append(ten, 9);
     EXPECT_EQ("012345678", counted.text());
-
-    sized_stream_t terminated(9);
     terminated.s().append(ten);
     EXPECT_EQ("012345678", terminated.text());
-    EXPECT_FALSE(terminated.s().good());
-    EXPECT_TRUE(terminated.intact());
-}
-
-TEST(TextStreamText, HexRadixWritesDigitPairsNulIncludedOnlyWhenTerminated) {
-    sized_stream_t terminated(20);
-    terminated.s() << ssb::ORDIX_HEX << "AB";
-    EXPECT_EQ("414200", terminated.text());
-    // Each pair needs room 3: the NUL's pair is the one that does not fit.
-    sized_stream_t cut(6);
-    cut.s() << ssb::ORDIX_HEX << "AB";
-    EXPECT_EQ("4142", cut.text());
-    EXPECT_FALSE(cut.s().good());
-    EXPECT_TRUE(cut.intact());
+    // Hex writes digit pairs, NUL included, each needing room 3: the NUL's
+    // pair is the one that does not fit.
+    hex.s() << ssb::ORDIX_HEX << "AB";
+    EXPECT_EQ("414200", hex.text());
+    hex_cut.s() << ssb::ORDIX_HEX << "AB";
+    EXPECT_EQ("4142", hex_cut.text());
+    for (sized_stream_t* cut : {&terminated, &hex_cut}) {
+        EXPECT_FALSE(cut->s().good());
+        EXPECT_TRUE(cut->intact());
+    }
 }
 
 TEST(TextStreamRadix, SwitchesForWhatFollowsButPointerAndUnknownRadixDiffer) {
@@ -224,23 +222,12 @@ TEST(TextStreamRadix, SwitchesForWhatFollowsButPointerAndUnknownRadixDiffer) {
     s.s() << ssb::ORDIX_HEX << 255u << ssb::ORDIX_OCT << 8 << "," << ssb::ORDIX_DEC << 255u << "," << ssb::ORDIX_HEX
           << reinterpret_cast<void*>(0xAB) << 171u;
     EXPECT_EQ("000000FF10,255,0x000000ab000000AB", s.text());
-    // An unknown radix writes no integers, but text and reals still go out.
+    // An unknown radix writes no integers, but text and reals still go out;
+    // a null date writes nothing.
     sized_stream_t u(40);
-    u.s() << static_cast<ssb::ORDIX_ENUM>(3) << 5 << 7ULL << sc("t") << 1.5;
+    u.s() << static_cast<ssb::ORDIX_ENUM>(3) << 5 << 7ULL << sc("t") << 1.5
+          << static_cast<const ssb::local_date_t*>(nullptr);
     EXPECT_EQ("t1.5000", u.text());
-}
-
-TEST(TextStreamDate, AllOrNothingAtTheExactRoom) {
-    ssb::local_date_t local = ssb::local_date_t::from_epoch_ms(0);
-    local.m_year = 2024, local.m_month = 3, local.m_day = 7;
-    local.m_hour = 9, local.m_minute = 5, local.m_second = 2, local.m_millisecond = 17;
-    sized_stream_t exact(22);
-    exact.s() << &local << static_cast<const ssb::local_date_t*>(nullptr);
-    EXPECT_EQ("3/7/2024 9:5:2:17", exact.text());
-    sized_stream_t short_date(21);
-    short_date.s() << &local;
-    EXPECT_EQ("", short_date.text());
-    EXPECT_FALSE(short_date.s().good());
 }
 
 TEST(LogStream, HeaderColumnsAndFlushStartsAFreshLineInRadixTen) {
