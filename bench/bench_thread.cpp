@@ -3,7 +3,7 @@
 // thread each, and a std::mutex + std::condition_variable mailbox whose
 // worker drains everything queued per wake-up.
 //
-// loop_to_loop_throughput/<side>/capacity:C/alloc:A: a batch of 20,000 small
+// loop_to_loop_throughput/<side>/capacity:C/alloc:A/place:P: a batch of 20,000 small
 // messages from one thread to another (allocate, post, wake, run, release),
 // time per message. Ours posts from a message running on thread A and, on a
 // full channel, keeps the message and resumes from the sink call-back.
@@ -20,6 +20,11 @@
 //   alloc:2  each side's natural allocation: our msg_it by new and
 //            msg_it::release, asio's own handler recycling over new, the
 //            mailboxes' tasks by new and delete.
+//   place:1  sender and receiver pinned to two different cores (the
+//            sender on the first), place:2 both on one core, place:0
+//            unpinned, where every side is bimodal: it depends on whether
+//            the scheduler puts the two threads on one core or on two.
+//            The peers' sender is the benchmark thread.
 // Every side frees on the receiving thread what the sending thread
 // allocated. Counters per message: the process's CPU time and context
 // switches (a voluntary switch is a thread going to sleep, so vcsw per
@@ -257,6 +262,25 @@ public:
 
 // Two event threads bound by a channel; stopped (and left to the manager
 // to release) by stop() or the destructor.
+// Runs a pinning step on each thread of a pair through `post(side, f)` and
+// waits for both; false when one did not run within 10 s.
+template <class P>
+bool place_pair(int placement, P post) {
+    std::shared_ptr<std::atomic<int>> placed = std::make_shared<std::atomic<int>>(0);
+    for (int side = 0; side < 2; ++side)
+        post(side, std::function<void()>([placed, placement, side] {
+                 util_bench::place_thread(placement, side);
+                 placed->fetch_add(1, std::memory_order_release);
+             }));
+    bench_clock::time_point deadline = bench_clock::now() + WATCHDOG;
+    while (placed->load(std::memory_order_acquire) < 2) {
+        if (bench_clock::now() > deadline)
+            return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
 class loop_pair_t {
 public:
     explicit loop_pair_t(unsigned int capacity) {
@@ -397,6 +421,17 @@ void throughput_ours(benchmark::State& state) {
         fail_run(state, "loop_to_loop_throughput/ours", pair.error());
         return;
     }
+    const int placement = static_cast<int>(state.range(2));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    if (!place_pair(placement, [&pair](int side, std::function<void()> f) {
+            ssb::msg_it* m = make_msg(std::move(f));
+            if ((side ? pair.b() : pair.a())->post_ctrl_msg(m, nullptr) != ssb::RESULT_SUCCESS)
+                m->release();
+        })) {
+        fail_run(state, "loop_to_loop_throughput/ours", "the loop threads were not pinned within 10 s");
+        return;
+    }
     latch_t done;
     counter_t counter(&done);
     producer_t producer(pair.b(), &counter, static_cast<int>(state.range(1)));
@@ -498,25 +533,6 @@ void send_ping(rounds_t* rounds, ssb::thread_wrapper_t* b) {
 void pong_msg_t::on_message() {
     if (m_rounds->lap())
         send_ping(m_rounds, m_b);
-}
-
-// Runs a pinning step on each thread of a pair through `post(side, f)` and
-// waits for both; false when one did not run within 10 s.
-template <class P>
-bool place_pair(int placement, P post) {
-    std::shared_ptr<std::atomic<int>> placed = std::make_shared<std::atomic<int>>(0);
-    for (int side = 0; side < 2; ++side)
-        post(side, std::function<void()>([placed, placement, side] {
-                 util_bench::place_thread(placement, side);
-                 placed->fetch_add(1, std::memory_order_release);
-             }));
-    bench_clock::time_point deadline = bench_clock::now() + WATCHDOG;
-    while (placed->load(std::memory_order_acquire) < 2) {
-        if (bench_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
 }
 
 void ping_pong_ours(benchmark::State& state) {
@@ -665,6 +681,19 @@ void throughput_asio(benchmark::State& state) {
     latch_t done;
     counter_t counter(&done);
     asio_loop_t worker;
+    const int placement = static_cast<int>(state.range(2));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    // The poster is this thread.
+    if (!place_pair(placement, [&worker](int side, std::function<void()> f) {
+            if (side)
+                boost::asio::post(worker.ctx(), std::move(f));
+            else
+                f();
+        })) {
+        fail_run(state, "loop_to_loop_throughput/asio", "the threads were not pinned within 10 s");
+        return;
+    }
     counter_t* c = &counter;
     const bool library = state.range(1) == ALLOC_LIBRARY;
     util_bench::usage_meter_t usage;
@@ -689,6 +718,7 @@ void throughput_asio(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
     usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
+    util_bench::place_thread(util_bench::PLACE_FREE, 0);
 }
 
 // Handlers of A and B post to each other.
@@ -846,6 +876,19 @@ void throughput_mailbox(benchmark::State& state, size_t bound, const char* name)
     latch_t done;
     counter_t counter(&done);
     mailbox_t worker(bound);
+    const int placement = static_cast<int>(state.range(2));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    // The poster is this thread.
+    if (!place_pair(placement, [&worker](int side, std::function<void()> f) {
+            if (side)
+                worker.post(make_task(std::move(f)));
+            else
+                f();
+        })) {
+        fail_run(state, name, "the threads were not pinned within 10 s");
+        return;
+    }
     const bool library = state.range(1) == ALLOC_LIBRARY;
     util_bench::usage_meter_t usage;
     int64_t batches = 0;
@@ -864,6 +907,7 @@ void throughput_mailbox(benchmark::State& state, size_t bound, const char* name)
     }
     state.SetItemsProcessed(state.iterations());
     usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
+    util_bench::place_thread(util_bench::PLACE_FREE, 0);
 }
 
 void throughput_condvar(benchmark::State& state) { throughput_mailbox(state, 0, "loop_to_loop_throughput/condvar"); }
@@ -1020,18 +1064,18 @@ void ping_pong_futex(benchmark::State& state) {
     add_percentiles(state, rounds.m_samples);
 }
 
-#define THROUGHPUT_ARGS                                              \
-  ->ArgNames({"capacity", "alloc"})                                  \
-      ->ArgsProduct({{1024, 16384}, {ALLOC_LIBRARY, ALLOC_NATURAL}}) \
-      ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)             \
+#define THROUGHPUT_ARGS                                                         \
+  ->ArgNames({"capacity", "alloc", "place"})                                    \
+      ->ArgsProduct({{1024, 16384}, {ALLOC_LIBRARY, ALLOC_NATURAL}, {1, 2, 0}}) \
+      ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)                        \
       ->UseManualTime()
 BENCHMARK(throughput_ours)->Name("loop_to_loop_throughput/ours") THROUGHPUT_ARGS;
 // Diagnostic: ours with pre-built messages, so no allocation and no clock
 // read at release; no peer row.
 BENCHMARK(throughput_ours)
     ->Name("loop_to_loop_throughput/ours")
-    ->ArgNames({"capacity", "alloc"})
-    ->ArgsProduct({{1024, 16384}, {ALLOC_POOL}})
+    ->ArgNames({"capacity", "alloc", "place"})
+    ->ArgsProduct({{1024, 16384}, {ALLOC_POOL}, {1, 2, 0}})
     ->Iterations(THROUGHPUT_BATCHES* THROUGHPUT_BATCH)
     ->UseManualTime();
 BENCHMARK(throughput_asio)->Name("loop_to_loop_throughput/asio") THROUGHPUT_ARGS;
