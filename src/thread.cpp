@@ -57,6 +57,40 @@ unsigned int sane_queue_size(unsigned int size) {
                                           : (size > RING_QUEUE_MAX_CAPACITY ? RING_QUEUE_MAX_CAPACITY : size);
 }
 
+// The log lines of the message hot paths, kept out of line: inlined, their
+// 2 KiB line buffer and stream calls make every post and every message run
+// save and restore registers for a path that almost never runs.
+[[gnu::cold]] [[gnu::noinline]] void log_not_running(int line, const void* self) {
+    UTIL_ASSERT_LINE(SOURCE_PATH, line, ", this = " << log_ptr(self));
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_bad_target(const void* target, const void* self) {
+    UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << log_ptr(target) << ", this = " << log_ptr(self));
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_no_channel(const char* name, const void* target, const void* self) {
+    UTIL_LOG(LOG_ERROR, "thread_wrapper_t::" << name << " has been not found , post_thr = " << log_ptr(target)
+                                             << ", this = " << log_ptr(self));
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_post_full(const void* target, const void* sink, const void* self) {
+    UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_msg_i post_thr = " << log_ptr(target) << " failed, no room, sink = "
+                                                                   << log_ptr(sink) << ", this = " << log_ptr(self));
+}
+
+[[gnu::cold]] [[gnu::noinline]] void log_overtime(bool control, uint32_t type, const void* self) {
+    if (control)
+        UTIL_LOG(LOG_WARNING,
+                 "thread_wrapper_t::process_msg() the control msg already overtime, "
+                 "(uint32_t)msg->get_type() = "
+                     << type << ", this = " << log_ptr(self));
+    else
+        UTIL_LOG(LOG_WARNING,
+                 "thread_wrapper_t::process_msg() the msg already overtime, "
+                 "(uint32_t)msg->get_type() = "
+                     << type << ", this = " << log_ptr(self));
+}
+
 }  // namespace
 
 int live_thread_wrappers() { return s_live_wrappers.load(std::memory_order_relaxed); }
@@ -189,16 +223,7 @@ unsigned int thread_wrapper_t::run_msg(msg_it* popped, bool control, queue_count
     if (popped->overtime()) {
         if (counters && stats_on())
             bump(counters->overtime);
-        if (control)
-            UTIL_LOG(LOG_WARNING,
-                     "thread_wrapper_t::process_msg() the control msg already overtime, "
-                     "(uint32_t)msg->get_type() = "
-                         << static_cast<uint32_t>(popped->get_type()) << ", this = " << log_ptr(this));
-        else
-            UTIL_LOG(LOG_WARNING,
-                     "thread_wrapper_t::process_msg() the msg already overtime, "
-                     "(uint32_t)msg->get_type() = "
-                         << static_cast<uint32_t>(popped->get_type()) << ", this = " << log_ptr(this));
+        log_overtime(control, static_cast<uint32_t>(popped->get_type()), this);
         return 0;
     }
     if (counters && stats_on())
@@ -441,7 +466,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
 
 int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     if (!is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << log_ptr(this));
+        log_not_running(632, this);
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();
@@ -458,7 +483,7 @@ int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
 
 int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) {
     if (!is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << log_ptr(this));
+        log_not_running(632, this);
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();
@@ -473,15 +498,14 @@ int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout
 
 w_msg_queue_it* thread_wrapper_t::route_to(thread_wrapper_t* target, const char* name) {
     if (!target || !target->is_running()) {
-        UTIL_ASSERT_LINE(SOURCE_PATH, 685, ", target = " << log_ptr(target) << ", this = " << log_ptr(this));
+        log_bad_target(target, this);
         return nullptr;
     }
     // The calling thread reads its own list without the lock: only it
     // changes the list.
     channel_map_t::channel_t* c = m_parts->channels.find(target);
     if (!c) {
-        UTIL_LOG(LOG_ERROR, "thread_wrapper_t::" << name << " has been not found , post_thr = " << log_ptr(target)
-                                                 << ", this = " << log_ptr(this));
+        log_no_channel(name, target, this);
         return nullptr;
     }
     return c->write.get();
@@ -493,9 +517,7 @@ int thread_wrapper_t::post_msg_i(thread_wrapper_t* target, msg_it* msg, msg_queu
         return target && target->is_running() ? RESULT_NOT_FOUND : RESULT_NOTHING_TO_DO;
     const int rv = queue->post_msg(msg, sink);
     if (rv == RESULT_QUEUE_FULL)
-        UTIL_LOG(LOG_DEBUG, "thread_wrapper_t::post_msg_i post_thr = " << log_ptr(target)
-                                                                       << " failed, no room, sink = " << log_ptr(sink)
-                                                                       << ", this = " << log_ptr(this));
+        log_post_full(target, sink, this);
     return rv;
 }
 
