@@ -8,7 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "ini.h"
@@ -33,12 +33,6 @@ std::string dump(const ssb::ini_t& ini) {
     return out;
 }
 
-std::string parse(const std::string& text) {
-    ssb::ini_t ini;
-    EXPECT_TRUE(ini.read_text(text.data(), text.size())) << text;
-    return dump(ini);
-}
-
 void set_env(const char* name, const char* value) {
 #ifdef _WIN32
     _putenv_s(name, value ? value : "");
@@ -52,9 +46,7 @@ void set_env(const char* name, const char* value) {
 
 std::string slurp(const fs::path& p) {
     std::ifstream in(p, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void spit(const fs::path& p, const std::string& text) {
@@ -62,75 +54,57 @@ void spit(const fs::path& p, const std::string& text) {
     out << text;
 }
 
-struct read_case_t {
-    const char* text;
-    const char* parsed;
-};
-
+// The parse rules themselves are checked against a model by the INI fuzz
+// target; these rows keep the boundaries a plain unit run must still catch.
 TEST(IniRead, LinesFollowTheFirstOfTheFourMarks) {
-    const read_case_t cases[] = {
+    const std::pair<std::string, std::string> cases[] = {
         {"[s]\r\nk=v\r\n", "[s]k=v|"},
         {"  name  =  value  ; note  \n", "[]name=value|"},
         {";top\n[s]\n;inner\n#hash\n", "H:top|[s]C:inner|C:hash|"},
         {"[section\nk=v\n", "[]k=v|"},
         {"name;x=1\n", "H:x=1|"},
-        {"[a=b]\nk=v\n", "[a=b]k=v|"},
-        {"abc[x]\n", "[x]"},
         {"[a]b]\n", "[a]b]"},
-        {"a]b[c\n", ""},
-        {"just text\n", ""},
+        {"a]b[c\njust text\n", ""},
         {"[s]\n[t]\n[s]\nk=1\nk=2\n", "[s]k=2|[t]"},
-        {"k=v#c\n", "[]k=v|"},
-        {"=v\n", "[]=v|"},
         {"k = a = b\n", "[]k=a = b|"},
         {"a=1\rb=2\n", "[]a=1\rb=2|"},
-        {"a=1\r\r\n", "[]a=1|"},
         {"k=v\n;after a pair\n", "[]C:after a pair|k=v|"},
         {"[s]\n;c\r\r\n", "[s]C:c\r|"},
-        {"", ""},
+        {std::string("[s\0t]\nk\0=v\0w\n", 13), std::string("[s\0t]k\0=v\0w|", 12)},
     };
-    for (const read_case_t& c : cases) {
-        EXPECT_EQ(c.parsed, parse(c.text)) << c.text;
+    for (const auto& c : cases) {
+        ssb::ini_t ini;
+        EXPECT_TRUE(ini.read_text(c.first.data(), c.first.size())) << c.first;
+        EXPECT_EQ(c.second, dump(ini)) << c.first;
     }
 }
 
-TEST(IniRead, NulBytesStayInsideNamesAndValues) {
-    const std::string text("[s\0t]\nk\0=v\0w\n", 13);
-    EXPECT_EQ(std::string("[s\0t]k\0=v\0w|", 12), parse(text));
-}
-
-TEST(IniRead, FailingLines) {
-    struct fail_case_t {
-        std::string text;
-        const char* printed;
-        const char* kept;
-    };
-    const fail_case_t cases[] = {
+TEST(IniRead, FailingLinesPrintTheSignedByteAndKeepWhatCameBefore) {
+    const std::string cases[][3] = {
         {"[s]\nk=v\n\tx=1\ny=2\n", "Failing on int8_t 9\n", "[s]k=v|"},
         {"\xEF\xBB\xBF[s]\nk=v\n", "Failing on int8_t -17\n", ""},
         {std::string("[s]\n\0k=v\n", 9), "Failing on int8_t 0\n", "[s]"},
         {"\x7f=1\n", "Failing on int8_t 127\n", ""},
         {"\x01\n", "Failing on int8_t 1\n", ""},
     };
-    for (const fail_case_t& c : cases) {
+    for (const auto& c : cases) {
         ssb::ini_t ini;
         testing::internal::CaptureStdout();
-        EXPECT_FALSE(ini.read_text(c.text.data(), c.text.size()));
-        EXPECT_EQ(c.printed, testing::internal::GetCapturedStdout());
-        EXPECT_EQ(c.kept, dump(ini));
+        EXPECT_FALSE(ini.read_text(c[0].data(), c[0].size()));
+        EXPECT_EQ(c[1], testing::internal::GetCapturedStdout());
+        EXPECT_EQ(c[2], dump(ini));
     }
 }
 
-TEST(IniRead, ManyKeys) {
-    std::string text = "[s]\nbig=x\n";
-    const int KEYS = 100000;
-    for (int i = 0; i < KEYS; ++i)
+TEST(IniRead, ManyPairsInOneSection) {
+    std::string text = "[s]\n";
+    for (int i = 0; i < 100000; ++i)
         text += "k" + std::to_string(i) + "=" + std::to_string(i) + "\n";
     ssb::ini_t ini;
     ASSERT_TRUE(ini.read_text(text.data(), text.size()));
-    EXPECT_EQ(static_cast<unsigned>(KEYS + 1), ini.name_values("s"));
+    EXPECT_EQ(100000u, ini.name_values("s"));
     EXPECT_EQ(99999, ini.read_int32("s", "k99999", -1));
-    EXPECT_EQ(KEYS, ini.find_value(0, "k99999"));
+    EXPECT_EQ(99999, ini.find_value(0, "k99999"));
     EXPECT_EQ(-1, ini.find_value(0, "k100000"));
 }
 
@@ -139,9 +113,6 @@ TEST(IniWrite, FixedLayoutCommentsAlwaysSemicolon) {
     const std::string text = "#top\n[a]\n#c1\nk = v ; inline\n[b]\n[a]\nj=2\n";
     ASSERT_TRUE(ini.read_text(text.data(), text.size()));
     EXPECT_EQ(";top\n\n[a]\n;c1\nk=v\nj=2\n\n[b]\n\n", ini.to_text());
-    ssb::ini_t none;
-    none.add_key("only");
-    EXPECT_EQ("[only]\n\n", none.to_text());
     EXPECT_EQ("", ssb::ini_t().to_text());
 }
 
@@ -160,7 +131,7 @@ protected:
     fs::path m_dir;
 };
 
-TEST_F(IniFile, FlushThenReadGivesTheSameFile) {
+TEST_F(IniFile, FlushThenReadGivesTheSameFileAndReadingAgainMerges) {
     const fs::path path = m_dir / "a.ini";
     spit(path, ";h\r\n[s]\r\n;c\r\nk = v ; x\r\nn=1\r\n\r\n[t]\r\nz=\r\n");
     ssb::ini_t first(path.string());
@@ -170,7 +141,6 @@ TEST_F(IniFile, FlushThenReadGivesTheSameFile) {
     ssb::ini_t second(path.string());
     ASSERT_TRUE(second.read_file());
     EXPECT_EQ(dump(first), dump(second));
-    // Reading adds to what is there: pairs merge, comments repeat.
     ASSERT_TRUE(second.read_file());
     EXPECT_EQ(2u, second.num_header_comments());
     EXPECT_EQ(2u, second.name_values("s"));
@@ -203,7 +173,7 @@ TEST_F(IniFile, FileReadsAsTheSameTextInMemory) {
     }
 }
 
-TEST_F(IniFile, UnreadablePathsFail) {
+TEST_F(IniFile, UnusablePathsFailAndAReadOnlyFileIsKept) {
     ssb::ini_t missing((m_dir / "nope.ini").string());
     EXPECT_FALSE(missing.read_file());
     ssb::ini_t folder(m_dir.string());
@@ -216,9 +186,7 @@ TEST_F(IniFile, UnreadablePathsFail) {
     ssb::ini_t no_dir((m_dir / "no" / "such.ini").string());
     no_dir.set_value("s", "k", "v");
     EXPECT_FALSE(no_dir.flush_file());
-}
 
-TEST_F(IniFile, ReadOnlyFileIsRefusedAndKept) {
     const fs::path path = m_dir / "ro.ini";
     spit(path, "[old]\nk=v\n");
     fs::permissions(path, fs::perms::owner_write | fs::perms::group_write | fs::perms::others_write,
@@ -228,20 +196,14 @@ TEST_F(IniFile, ReadOnlyFileIsRefusedAndKept) {
     ini.set_value("new", "x", "1");
     EXPECT_FALSE(ini.flush_file());
     EXPECT_EQ("[old]\nk=v\n", slurp(path));
-    size_t files = 0;
-    for (const fs::directory_entry& e : fs::directory_iterator(m_dir)) {
-        (void)e;
-        ++files;
-    }
-    EXPECT_EQ(1u, files) << "no temporary file is left behind";
+    const auto files = std::distance(fs::directory_iterator(m_dir), fs::directory_iterator());
+    EXPECT_EQ(1, files) << "no temporary file is left behind";
 }
 
 TEST_F(IniFile, ConfigurationFoundThroughSsbHome) {
-    const std::string home = m_dir.string();
-    set_env("SSB_HOME", home.c_str());
+    set_env("SSB_HOME", m_dir.string().c_str());
     fs::create_directories(m_dir / "conf");
     const std::string conf = ssb::get_conf_path("C:\\bin\\worker-2.exe");
-    EXPECT_EQ(home + "\\conf\\ssb-2.exe.cfg", conf);
     ssb::ini_t out(conf);
     out.write_int32("net", "port", 8801);
     ASSERT_TRUE(out.flush_file());
@@ -253,19 +215,17 @@ TEST_F(IniFile, ConfigurationFoundThroughSsbHome) {
     set_env("SSB_HOME", nullptr);
 }
 
-TEST(IniValues, SetValueCreatesOnlyWhenAsked) {
+TEST(IniValues, SetValueCreatesOnlyWhenAskedAndPositionsShiftOnDelete) {
     ssb::ini_t ini;
     EXPECT_FALSE(ini.set_value("s", "k", "v", false));
     EXPECT_EQ(0u, ini.num_keys());
     EXPECT_TRUE(ini.set_value("s", "k", "v"));
     EXPECT_FALSE(ini.set_value("s", "other", "v", false));
-    EXPECT_EQ(1u, ini.name_values("s"));
     EXPECT_TRUE(ini.set_value("s", "k", "w", false));
     EXPECT_EQ("w", ini.read_string("s", "k", ""));
     EXPECT_TRUE(ini.set_value(0u, "j", "1"));
     EXPECT_FALSE(ini.set_value(1u, "j", "1"));
     EXPECT_FALSE(ini.set_value(0u, "absent", "1", false));
-    EXPECT_EQ(1, ini.find_value(0, "j"));
     EXPECT_EQ(-1, ini.find_value(5, "j"));
     EXPECT_EQ(0u, ini.add_key("s"));
     EXPECT_EQ(1u, ini.add_key("t"));
@@ -286,59 +246,49 @@ TEST(IniValues, TypedReadsAndWrites) {
     ssb::ini_t ini;
     const std::string text = "[n]\na=12abc\nb= -7\nc=x\nd=99999999999\ne=-99999999999\nf=2.5e1\ng=true\nh=2\n";
     ASSERT_TRUE(ini.read_text(text.data(), text.size()));
-    EXPECT_EQ(12, ini.read_int32("n", "a", -1));
-    EXPECT_EQ(-7, ini.read_int32("n", "b", -1));
-    EXPECT_EQ(0, ini.read_int32("n", "c", -1));
-    EXPECT_EQ(INT_MAX, ini.read_int32("n", "d", -1));
-    EXPECT_EQ(INT_MIN, ini.read_int32("n", "e", -1));
-    EXPECT_EQ(-1, ini.read_int32("missing", "a", -1));
+    const std::pair<const char*, int> ints[] = {{"a", 12},      {"b", -7},      {"c", 0},
+                                                {"d", INT_MAX}, {"e", INT_MIN}, {"missing", -1}};
+    for (const auto& c : ints)
+        EXPECT_EQ(c.second, ini.read_int32("n", c.first, -1)) << c.first;
     EXPECT_DOUBLE_EQ(25.0, ini.read_float("n", "f", 0));
-    EXPECT_DOUBLE_EQ(12.0, ini.read_float("n", "a", 0));
     EXPECT_DOUBLE_EQ(1.5, ini.read_float("n", "missing", 1.5));
     EXPECT_FALSE(ini.read_bool("n", "g", true));  // words read as 0
     EXPECT_TRUE(ini.read_bool("n", "h", false));
     EXPECT_TRUE(ini.read_bool("n", "missing", true));
     EXPECT_EQ("dflt", ini.read_string("n", "missing", "dflt"));
+    EXPECT_EQ(-1, ini.read_int32("missing", "a", -1));
 
     EXPECT_TRUE(ini.write_int32("w", "i", INT_MIN));
-    EXPECT_EQ("-2147483648", ini.read_string("w", "i", ""));
-    EXPECT_TRUE(ini.write_float("w", "f", 2.5));
-    EXPECT_EQ("2.50", ini.read_string("w", "f", ""));
     EXPECT_TRUE(ini.write_float("w", "f", -1.125));
-    EXPECT_EQ("-1.13", ini.read_string("w", "f", ""));
     EXPECT_FALSE(ini.write_float("w", "nan", std::nan("")));
-    EXPECT_EQ(-1, ini.find_value(static_cast<unsigned>(ini.find_key("w")), "nan"));
     EXPECT_TRUE(ini.write_bool("w", "t", true));
     EXPECT_TRUE(ini.write_bool("w", "u", false));
-    EXPECT_EQ("1", ini.read_string("w", "t", ""));
-    EXPECT_EQ("0", ini.read_string("w", "u", ""));
     EXPECT_FALSE(ini.write_int32("absent", "i", 1, false));
     EXPECT_EQ(-1, ini.find_key("absent"));
-
-    EXPECT_TRUE(ini.write_value_vargs("v", "pair", true, "%d,%s", 42, "x"));
-    EXPECT_EQ("42,x", ini.read_string("v", "pair", ""));
-    EXPECT_TRUE(ini.write_value_vargs("v", "long", true, "%s", std::string(1000, 'z').c_str()));
-    EXPECT_EQ(1000u, ini.read_string("v", "long", "").size());
-    EXPECT_FALSE(ini.write_value_vargs("v", "null", true, nullptr));
+    EXPECT_TRUE(ini.write_value_vargs("w", "pair", true, "%d,%s", 42, "x"));
+    EXPECT_TRUE(ini.write_value_vargs("w", "long", true, "%s", std::string(1000, 'z').c_str()));
+    EXPECT_FALSE(ini.write_value_vargs("w", "null", true, nullptr));
+    EXPECT_EQ("i=-2147483648|f=-1.13|t=1|u=0|pair=42,x|long=" + std::string(1000, 'z') + "|",
+              dump(ini).substr(dump(ini).find("[w]") + 3));
     int n = 0;
     char word[8] = {0};
-    EXPECT_EQ(2, ini.read_value_vargs("v", "pair", "%d,%7s", &n, word));
+    EXPECT_EQ(2, ini.read_value_vargs("w", "pair", "%d,%7s", &n, word));
     EXPECT_EQ(42, n);
     EXPECT_STREQ("x", word);
-    EXPECT_EQ(0, ini.read_value_vargs("v", "missing", "%d", &n));
-    EXPECT_EQ(0, ini.read_value_vargs("v", "pair", "word%d", &n));
+    EXPECT_EQ(0, ini.read_value_vargs("w", "missing", "%d", &n));
+    EXPECT_EQ(0, ini.read_value_vargs("w", "pair", "word%d", &n));
 }
 
 TEST(IniComments, ByIndexAndByName) {
     ssb::ini_t ini;
-    ini.header_comment("one");
-    ini.header_comment("two");
+    for (const char* c : {"one", "two", "three"})
+        ini.header_comment(c);
+    EXPECT_TRUE(ini.delete_header_comment(1));
+    EXPECT_FALSE(ini.delete_header_comment(2));
+    EXPECT_EQ("one", ini.header_comment(0u));
+    EXPECT_EQ("three", ini.header_comment(1u));
     EXPECT_EQ("", ini.header_comment(2u));
-    EXPECT_TRUE(ini.delete_header_comment(0));
-    EXPECT_FALSE(ini.delete_header_comment(1));
-    EXPECT_EQ("two", ini.header_comment(0u));
     ini.delete_header_comments();
-    EXPECT_EQ(0u, ini.num_header_comments());
 
     EXPECT_FALSE(ini.key_comment("s", "lost")) << "no section to hold it";
     EXPECT_FALSE(ini.key_comment(0u, "lost"));
@@ -346,28 +296,26 @@ TEST(IniComments, ByIndexAndByName) {
     EXPECT_TRUE(ini.key_comment("s", "a"));
     EXPECT_TRUE(ini.key_comment(0u, "b"));
     EXPECT_EQ(0u, ini.num_key_comments("missing"));
-    EXPECT_EQ("b", ini.key_comment("s", 1u));
-    EXPECT_EQ("", ini.key_comment(0u, 2u));
     EXPECT_TRUE(ini.delete_key_comment("s", 0));
     EXPECT_FALSE(ini.delete_key_comment(0u, 1));
-    EXPECT_EQ("b", ini.key_comment(0u, 0u));
+    EXPECT_EQ("b", ini.key_comment("s", 0u));
+    EXPECT_EQ("", ini.key_comment(0u, 1u));
+    EXPECT_EQ("[s]\n;b\n\n", ini.to_text());
     EXPECT_TRUE(ini.delete_key_comments("s"));
     EXPECT_FALSE(ini.delete_key_comments(3u));
     EXPECT_EQ("[s]\n\n", ini.to_text());
 }
 
 TEST(IniValues, CaseRuleFoldsNamesNotValues) {
+    const std::string text = "[Net]\nPort=Eighty\n[NET]\nport=Ninety\n";
     ssb::ini_t ini;
     ini.case_insensitive();
-    EXPECT_EQ("mixed_case", ini.convert_case("MiXed_Case"));
-    const std::string text = "[Net]\nPort=Eighty\n[NET]\nport=Ninety\n";
     ASSERT_TRUE(ini.read_text(text.data(), text.size()));
     EXPECT_EQ("[net]port=Ninety|", dump(ini));
     EXPECT_EQ("Ninety", ini.read_string("nEt", "PORT", ""));
+    EXPECT_EQ("mixed_case", ini.convert_case("MiXed_Case"));
     ssb::ini_t exact;
-    EXPECT_EQ("MiXed", exact.convert_case("MiXed"));
     ASSERT_TRUE(exact.read_text(text.data(), text.size()));
-    EXPECT_EQ("[Net]Port=Eighty|[NET]port=Ninety|", dump(exact));
     EXPECT_EQ(-1, exact.find_key("net"));
 }
 
@@ -400,18 +348,13 @@ TEST(IniValues, IndexAgreesWithAScan) {
     for (int step = 0; step < 20000; ++step) {
         const std::string key = "k" + std::to_string(rng() % 6);
         const std::string name = "v" + std::to_string(rng() % 30);
-        switch (rng() % 10) {
-        case 0:
+        const unsigned op = rng() % 10;
+        if (op == 0)
             ini.delete_key(key);
-            break;
-        case 1:
-        case 2:
+        else if (op < 3)
             ini.delete_value(key, name);
-            break;
-        default:
+        else
             ini.set_value(key, name, std::to_string(step), rng() % 4 != 0);
-            break;
-        }
         int scanned_key = -1;
         for (unsigned k = 0; k < ini.num_keys() && scanned_key < 0; ++k) {
             if (ini.key_name(k) == key)
@@ -431,15 +374,7 @@ TEST(IniValues, IndexAgreesWithAScan) {
 }
 
 TEST(ConfPath, TextRules) {
-    set_env("SSB_TEST_HOME", nullptr);
     EXPECT_EQ("", ssb::get_home_path(nullptr));
-    EXPECT_EQ("", ssb::get_home_path("SSB_TEST_HOME"));
-    set_env("SSB_TEST_HOME", "C:\\h");
-    EXPECT_EQ("C:\\h\\", ssb::get_home_path("SSB_TEST_HOME"));
-    set_env("SSB_TEST_HOME", "C:\\h\\");
-    EXPECT_EQ("C:\\h\\", ssb::get_home_path("SSB_TEST_HOME"));
-    set_env("SSB_TEST_HOME", nullptr);
-
     struct name_case_t {
         const char* path;
         const char* name;
@@ -448,7 +383,6 @@ TEST(ConfPath, TextRules) {
     };
     const name_case_t names[] = {
         {"C:\\bin\\worker-2.exe", "worker-2.exe", "2.exe", 2},
-        {"app.exe", "app.exe", "", 0},
         {"/usr/bin/worker-12", "worker-12", "12", 12},
         {"C:\\my-dir\\app.exe", "app.exe", "", 0},
         {"a-b-c", "a-b-c", "c", 0},
@@ -472,11 +406,14 @@ TEST(ConfPath, TextRules) {
     set_env("SSB_HOME", nullptr);
     EXPECT_EQ("", ssb::get_ssb_home_path());
     EXPECT_EQ("", ssb::get_conf_path("C:\\bin\\app.exe"));
-    set_env("SSB_HOME", "C:\\h");
+    set_env("SSB_HOME", "C:\\h\\");
     EXPECT_EQ("C:\\h\\", ssb::get_ssb_home_path());
-    EXPECT_EQ("C:\\h\\conf\\ssb.cfg", ssb::get_conf_path("C:\\bin\\app.exe"));
-    EXPECT_EQ("C:\\h\\conf\\ssb-2.exe.cfg", ssb::get_conf_path("worker-2.exe"));
-    EXPECT_EQ("C:\\h\\conf\\ssb.cfg", ssb::get_conf_path(nullptr));
+    set_env("SSB_HOME", "C:\\h");
+    const char* confs[][2] = {{"C:\\bin\\app.exe", "C:\\h\\conf\\ssb.cfg"},
+                              {"worker-2.exe", "C:\\h\\conf\\ssb-2.exe.cfg"},
+                              {nullptr, "C:\\h\\conf\\ssb.cfg"}};
+    for (const auto& c : confs)
+        EXPECT_EQ(c[1], ssb::get_conf_path(c[0])) << (c[0] ? c[0] : "null");
     set_env("SSB_HOME", nullptr);
 }
 

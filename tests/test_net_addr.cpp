@@ -40,36 +40,24 @@ struct pton_case_t {
 TEST(InetPton, AcceptedTextsAndTheirBytes) {
     const pton_case_t cases[] = {
         {0, "1.2.3.4", 1, "01020304"},
-        {0, "0.0.0.0", 1, "00000000"},
         {0, "255.255.255.255", 1, "ffffffff"},
         {0, "01.2.3.4", 0, ""},
-        {0, "1.2.3", 0, ""},
         {0, "1.2.3.4.5", 0, ""},
+        {0, "1.2.3", 0, ""},
         {0, "256.1.1.1", 0, ""},
-        {0, " 1.2.3.4", 0, ""},
-        {0, "0x1.2.3.4", 0, ""},
         {0, "", 0, ""},
-        {1, "::", 1, "00000000000000000000000000000000"},
         {1, "::1", 1, "00000000000000000000000000000001"},
-        {1, "1::", 1, "00010000000000000000000000000000"},
         {1, "2001:DB8::Ff00:42:8329", 1, "20010db8000000000000ff0000428329"},
         {1, "1:2:3:4:5:6:7:8", 1, "00010002000300040005000600070008"},
-        {1, "::ffff:1.2.3.4", 1, "00000000000000000000ffff01020304"},
         {1, "1:2:3:4:5:6:1.2.3.4", 1, "00010002000300040005000601020304"},
-        {1, "1:2:3:4:5:6:7:8:9", 0, ""},
         {1, "1:2:3:4:5:6:7:8::", 0, ""},
         {1, "1:2:3:4:5:6:7:1.2.3.4", 0, ""},
         {1, "::1.2.3.04", 0, ""},
-        {1, "::1.2.3.4:1", 0, ""},
         {1, ":1::", 0, ""},
-        {1, "1:::2", 0, ""},
         {1, "1::2::3", 0, ""},
         {1, "1::2:", 0, ""},
         {1, "12345::", 0, ""},
-        {1, "00001::", 0, ""},
         {1, "fe80::1%eth0", 0, ""},
-        {1, "[::1]", 0, ""},
-        {1, "g::", 0, ""},
     };
     for (const pton_case_t& c : cases) {
         unsigned char out[16];
@@ -108,19 +96,15 @@ std::string unhex(const char* s) {
 TEST(InetNtop, ZeroRunsAndEmbeddedIpv4Forms) {
     const ntop_case_t cases[] = {
         {"00000000000000000000000000000000", "::"},
-        {"00010000000000000000000000000000", "1::"},
         {"20010db8000000000000ff0000428329", "2001:db8::ff00:42:8329"},
         {"00010000000000020000000000000003", "1:0:0:2::3"},       // longest run wins
         {"00010000000000020000000000030004", "1::2:0:0:3:4"},     // first of equal runs
         {"00010000000200030004000500060007", "1:0:2:3:4:5:6:7"},  // a lone zero stays
         {"00000000000000000000ffff01020304", "::ffff:1.2.3.4"},   // mapped
         {"00000000000000000000000001020304", "::1.2.3.4"},        // compatible
-        {"00000000000000000000ffff00000000", "::ffff:0.0.0.0"},   // mapped, zero tail
         {"00000000000000000000000100000000", "::1:0:0"},          // no ffff: plain
-        {"00000000000000000000fffe01020304", "::fffe:102:304"},   // no ffff: plain
         {"000000000000000000000000ffff0102", "::255.255.1.2"},    // any six leading zeros
         {"00010000000000000000ffff01020304", "1::ffff:102:304"},  // run not at 0
-        {"ffffffffffffffffffffffffffffffff", "ffff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
         {"0000abcd0000abcd0000abcd00000000", "0:abcd:0:abcd:0:abcd::"},
     };
     for (const ntop_case_t& c : cases) {
@@ -137,6 +121,8 @@ TEST(InetNtop, ZeroRunsAndEmbeddedIpv4Forms) {
     EXPECT_STREQ("0.10.100.255", inet_ntop(V4, v4, out, sizeof(out)));
 }
 
+// Sizes, errors and untouched buffers are checked against glibc by the
+// address fuzz target; these are the boundaries every system must meet.
 TEST(InetNtop, BufferMustHoldTheTextAndItsNul) {
     const unsigned char v4[4] = {192, 168, 100, 200};
     char out[INET_ADDR_TEXT];
@@ -146,18 +132,12 @@ TEST(InetNtop, BufferMustHoldTheTextAndItsNul) {
     EXPECT_EQ(ENOSPC, errno);
     EXPECT_EQ('x', out[0]) << "a refused call wrote into the buffer";
     EXPECT_STREQ("192.168.100.200", inet_ntop(V4, v4, out, 16));
-    const unsigned char short_v4[4] = {1, 2, 3, 4};
-    memset(out, 'x', sizeof(out));
-    EXPECT_STREQ("1.2.3.4", inet_ntop(V4, short_v4, out, sizeof(out)));
-    EXPECT_EQ('x', out[8]) << "only the text and its NUL are written";
     const std::string v6 = unhex("00000000000000000000000000000001");
     EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), out, 3));
     EXPECT_STREQ("::1", inet_ntop(V6, v6.data(), out, 4));
-    EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), out, 0));
     errno = 0;
     EXPECT_EQ(nullptr, inet_ntop(V4, nullptr, out, sizeof(out)));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(nullptr, inet_ntop(V6, v6.data(), nullptr, 64));
     errno = 0;
     EXPECT_EQ(nullptr, inet_ntop(999, v4, out, sizeof(out)));
     EXPECT_EQ(EAFNOSUPPORT, errno);
@@ -170,29 +150,23 @@ struct aton_case_t {
 
 TEST(InetAddr, TheOldNumberForms) {
     const aton_case_t cases[] = {
-        {"1.2.3.4", 0x01020304u},
-        {"010.0x10.16.0", 0x08101000u},    // octal, hex, decimal parts
-        {"0x7f.1", 0x7F000001u},           // a.b: b fills 24 bits
-        {"10.1.65535", 0x0A01FFFFu},       // a.b.c: c fills 16 bits
-        {"167772161", 0x0A000001u},        // one 32-bit number
-        {"000000001.2.3.4", 0x01020304u},  // leading zeros: octal
+        {"010.0x10.16.0", 0x08101000u},  // octal, hex, decimal parts
+        {"0x7f.1", 0x7F000001u},         // a.b: b fills 24 bits
+        {"10.1.65535", 0x0A01FFFFu},     // a.b.c: c fills 16 bits
+        {"167772161", 0x0A000001u},      // one 32-bit number
         {"1.2.3.4 trailing words", 0x01020304u},
-        {"0", 0u},
         {"255.255.255.255", INET_ADDR_NONE},  // the broadcast address reads as "none"
         {"4294967295", INET_ADDR_NONE},
         {"4294967296", INET_ADDR_NONE},
         {"0x100000000", INET_ADDR_NONE},
         {"256.1.1.1", INET_ADDR_NONE},
+        {"1.2.3.4.5", INET_ADDR_NONE},
         {"1.2.65536", INET_ADDR_NONE},
         {"1.16777216", INET_ADDR_NONE},
         {"08.1.1.1", INET_ADDR_NONE},  // 8 is no octal digit
-        {"0x", INET_ADDR_NONE},
         {"0x.1.1.1", INET_ADDR_NONE},
-        {"1.2.3.4.5", INET_ADDR_NONE},
         {" 1.2.3.4", INET_ADDR_NONE},
         {"1.2.3.4x", INET_ADDR_NONE},
-        {"-1.2.3.4", INET_ADDR_NONE},
-        {"", INET_ADDR_NONE},
     };
     for (const aton_case_t& c : cases) {
         const uint32_t net = inet_addr(c.text);
@@ -246,18 +220,12 @@ TEST_F(MaskTest, PrefixesAndPlainAddresses) {
         {" 10.1.2.3 ", "10.1.2.3", true},
         {"10.1.2.3", "10.1.2.03", false},    // no prefix: the texts compare
         {"10.1.2.3", "10.1.2.03/32", true},  // with one: the addresses
-        {"10.1.2.3", "10.1.2.3/", true},     // an empty prefix is none
-        {"10.1.2.3", "0.0.0.0/0", true},     // 0 matches everything
         {"10.1.2.3", "192.168.0.1/-5", true},
-        {"10.1.2.3", "10.1.2.3/33", true},  // beyond 32 acts as 32
-        {"10.1.2.3", "10.1.2.2/99999999999", false},
+        {"10.1.2.3", "10.1.2.2/33", false},  // beyond 32 acts as 32
         {"10.1.2.3", "10.1.2.2/31", true},
         {"10.1.2.3", "10.1.2.2/32", false},
         {"10.1.2.3", "10.1.2.2/31abc", true},  // atoi stops at the letters
-        {"10.1.2.3", "10.1.2.2/abc", true},    // atoi gives 0
         {"128.0.0.1", "0.0.0.0/1", false},
-        {"0x0a.1.2.3", "10.1.0.0/16", true},  // inet_addr forms
-        {"10.1.2.3", "10.1.2.300/24", false},
         {"255.255.255.255", "0.0.0.0/0", false},  // not an address to inet_addr
         {"", "", true},
     };
@@ -280,12 +248,10 @@ TEST_F(MaskTest, MaskListsNeedAnAddressAndOneMatchingEntry) {
     const mask_case_t cases[] = {
         {"10.1.2.3", "192.168.0.0/16; 10.0.0.0/8", true},
         {"10.1.2.3", "192.168.0.0/16;;  ; 172.16.0.0/12", false},
-        {"10.1.2.3", "", false},
         {"10.1.2.3", " 10.1.2.3 ", true},
         {" 10.1.2.3", "0.0.0.0/0", false},  // ipv4_test sees the leading blank
         {"10.1.2.3 ", "0.0.0.0/0", true},   // inet_addr stops at trailing white space
         {"255.255.255.255", "255.255.255.255", false},
-        {"junk", "junk", false},
     };
     for (const mask_case_t& c : cases)
         EXPECT_EQ(c.expected, ipv4_match_mask_list(c.ip, c.mask, ';')) << c.ip << " in " << c.mask;

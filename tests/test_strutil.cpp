@@ -50,42 +50,14 @@ struct match_case_t {
 };
 
 TEST(RegexMatch, WildcardRulesSideBySide) {
+    // The regex fuzz target checks the rules against a model; these rows are
+    // the boundaries a plain unit run must still catch.
     const match_case_t cases[] = {
-        // "?" counts only without "*"; the lengths must agree.
-        {"abc", "a?c", true},
-        {"abc", "a?", false},
-        {"abc", "???", true},
-        {"ab", "???", false},
-        {"", "?", false},
-        // With a star, "?" is a literal question mark.
-        {"abc", "a?*", false},
-        {"a?c", "a?*", true},
-        {"axb?", "*b?", true},
-        // The last piece is retried until it ends the text.
-        {"abcbc", "*bc", true},
-        {"aaa", "*aa", true},
-        {"a", "*aa", false},
-        {"abab", "a*ab", true},
-        {"aab", "a*ab", true},
-        {"ab", "a*ab", false},
-        {"aba", "ab*ba", false},
-        // Anchoring of the first piece.
-        {"xabc", "abc*", false},
-        {"xabc", "*abc*", true},
-        // Middle pieces in order, each after the previous.
-        {"a1b2c", "a*b*c", true},
-        {"acb", "a*b*c", false},
-        {"www.example.com", "*.example.com", true},
-        {"mail.example.com.evil", "*.example.com", false},
-        // Star-only and empty patterns.
-        {"", "", true},
-        {"a", "", false},
-        {"", "*", true},
-        {"abc", "**", true},
-        {"a", "*a**", true},
-        // Case-sensitive, and bytes past 127 are plain characters.
-        {"ABC", "abc", false},
-        {"caf\xC3\xA9", "*\xC3\xA9", true},
+        {"abc", "a?c", true},    {"ab", "???", false},    {"abc", "a?*", false},
+        {"a?c", "a?*", true},    {"abcbc", "*bc", true},  {"a", "*aa", false},
+        {"aab", "a*ab", true},   {"aba", "ab*ba", false}, {"xabc", "abc*", false},
+        {"acb", "a*b*c", false}, {"", "", true},          {"a", "", false},
+        {"", "*", true},         {"a", "*a**", true},     {"caf\xC3\xA9", "*\xC3\xA9", true},
     };
     for (const match_case_t& c : cases)
         EXPECT_EQ(c.expected, regex_match(c.text, c.pattern)) << '"' << c.text << "\" vs \"" << c.pattern << '"';
@@ -93,7 +65,6 @@ TEST(RegexMatch, WildcardRulesSideBySide) {
 
 TEST(RegexMatch, TextsWithNulBytesAndNullPointers) {
     EXPECT_TRUE(regex_match(std::string("a\0b", 3), std::string("a?b")));
-    EXPECT_TRUE(regex_match(std::string("x\0y", 3), std::string("*y")));
     EXPECT_FALSE(regex_match(std::string("x\0y", 3), std::string("x")));
     EXPECT_TRUE(regex_match(nullptr, 0, nullptr, 0));
     EXPECT_TRUE(regex_match(nullptr, 0, "*", 1));
@@ -221,11 +192,8 @@ TEST(RegexMatch, MatchingAllocatesNothing) {
 TEST(RegexMatch, PatternListInOrderTrimmedAndSkippingEmptyPieces) {
     const match_case_t cases[] = {
         {"zoom.us", "*.example.com, zoom.* ", true},
-        {"zoom.us", " , ,", false},
         {"", "", false},
         {"", ",*,", true},
-        {"a b", "a b", true},
-        {"abc", "x,y,a?c", true},
         {"abc", "x,y,a?*", false},
     };
     for (const match_case_t& c : cases)
@@ -258,10 +226,6 @@ TEST(SplitString, ClearFirstOrAppend) {
     std::vector<std::string> out = {"keep"};
     split_string("x;y", out, ';', false);
     EXPECT_EQ((std::vector<std::string>{"keep", "x", "y"}), out);
-    split_string("z", out, ';', true);
-    EXPECT_EQ((std::vector<std::string>{"z"}), out);
-    split_string("", out, ';', true);
-    EXPECT_TRUE(out.empty());
     split_string(std::string("a\0b", 3), out, '\0', true);
     EXPECT_EQ((std::vector<std::string>{"a", "b"}), out);
 }
@@ -289,10 +253,8 @@ TEST(Trim, WhiteSpaceOnEitherSide) {
 }
 
 TEST(TextConversion, AsciiRoundTripsEverywhere) {
-    const std::string ascii = "host-17.example.com: port 443\t~";
-    const std::wstring wide = mbs2wcs(ascii);
-    EXPECT_EQ(std::wstring(L"host-17.example.com: port 443\t~"), wide);
-    EXPECT_EQ(ascii, wcs2mbs(wide));
+    EXPECT_EQ(std::wstring(L"host-17: port 443\t~"), mbs2wcs("host-17: port 443\t~"));
+    EXPECT_EQ("host-17: port 443\t~", wcs2mbs(L"host-17: port 443\t~"));
     EXPECT_TRUE(mbs2wcs("").empty());
     EXPECT_TRUE(wcs2mbs(L"").empty());
     EXPECT_EQ(std::wstring(L"a\0b", 3), mbs2wcs(std::string("a\0b", 3)));

@@ -20,7 +20,7 @@ const char NULL_TEXT[] = "00000000-0000-0000-0000-000000000000";
 
 }  // namespace
 
-TEST(Uuid, NullValueAndItsText) {
+TEST(Uuid, NullValueAndTheTextWithTheFirstHalfFirst) {
     _uuid_t id;
     EXPECT_TRUE(id.is_null());
     EXPECT_EQ(NULL_TEXT, id.to_string());
@@ -28,12 +28,7 @@ TEST(Uuid, NullValueAndItsText) {
     EXPECT_FALSE(id.is_null());
     id.clear();
     EXPECT_TRUE(id.is_null());
-    EXPECT_TRUE(_uuid_t(0, 1) != _uuid_t());
-}
-
-TEST(Uuid, TextPutsTheFirstHalfFirstWithDashesAt8_13_18_23) {
-    const _uuid_t id(0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL);
-    EXPECT_EQ("01234567-89ab-cdef-fedc-ba9876543210", id.to_string());
+    id.set(0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL);
     char text[_uuid_t::TEXT_LENGTH + 1];
     memset(text, 'z', sizeof text);
     id.to_chars(text);
@@ -45,11 +40,8 @@ TEST(Uuid, CompareTakesTheFirstHalfThenTheSecondAsUnsigned) {
         uint64_t a1, a2, b1, b2;
         int want;
     } const rows[] = {
-        {0, 0, 0, 0, 0},
-        {1, 0, 2, 0, -1},
         {2, 0, 1, 0xFFFFFFFFFFFFFFFFULL, 1},
         {0x8000000000000000ULL, 0, 0x7FFFFFFFFFFFFFFFULL, 0, 1},  // unsigned, not signed
-        {5, 1, 5, 2, -1},                                         // only the second half differs
         {5, 0x8000000000000000ULL, 5, 1, 1},
         {0x100000000ULL, 0, 0xFFFFFFFFULL, 0, 1},  // the high word decides before the low
         {7, 7, 7, 7, 0},
@@ -66,27 +58,22 @@ TEST(Uuid, CompareTakesTheFirstHalfThenTheSecondAsUnsigned) {
     }
 }
 
+// The reading rules are checked against strtoull by the uuid fuzz target.
 TEST(Uuid, FromStringTable) {
     struct {
         const char* text;
         int rv;
         uint64_t first, second;
     } const rows[] = {
-        {"01234567-89ab-cdef-fedc-ba9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
-        // Text after the 36th character is not read.
-        {"01234567-89ab-cdef-fedc-ba9876543210ABCDEF", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
-        // Shorter than 36: refused.
+        // Text after the 36th character is not read; the dashes at 8, 13
+        // and 23 are dropped whatever they are.
+        {"01234567x89abxcdef-FEDCxBA9876543210ABCDEF", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
         {"01234567-89ab-cdef-fedc-ba987654321", -1, 0, 0},
-        // The dashes at 8, 13 and 23 are dropped whatever they are.
-        {"01234567x89abxcdef-fedcxba9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
-        // Without the dash at 18 the first half runs on: too many digits.
+        // Without the dash at 18 the first half runs on and overflows.
         {"01234567-89ab-cdef0fedc-ba9876543210", 0, ~0ULL, 0xFEDCBA9876543210ULL},
         {"10000000-0000-000000000-000000000000", 0, ~0ULL, 0},  // overflows at the 17th digit
-        // The halves stop at the first non-digit.
         {"0123g567-89ab-cdef-fedc-ba98765432z0", 0, 0x0123ULL, 0xFEDCBA98765432ULL},
-        {"--------------------------------------", 0, 0, 0},
-        // Upper case digits; white space, a sign and "0x" as strtoull reads them.
-        {"01234567-89AB-CDEF-FEDC-BA9876543210", 0, 0x0123456789ABCDEFULL, 0xFEDCBA9876543210ULL},
+        // White space, a sign and "0x" as strtoull reads them.
         {" -0x1234-5678-9abcd\t+0x-7fzzzzzzzzzz", 0, 0xFFFEDCBA98765433ULL, 0x7FULL},
     };
     for (const auto& r : rows) {
@@ -147,18 +134,8 @@ TEST(Uuid, StreamWritesTheTextInAnyRadixAllOrNothing) {
     EXPECT_EQ(36u, t.length());
 }
 
-TEST(BinDict, EightCharactersMostSignificantBitFirst) {
-    struct {
-        unsigned byte;
-        const char* text;
-    } const rows[] = {{0, "00000000"},    {1, "00000001"},    {5, "00000101"},     {0x80, "10000000"},
-                      {0xA5, "10100101"}, {0xFF, "11111111"}, {0x105, "00000101"}, {0xFFFFFFFFu, "11111111"}};
-    const ssb::bin_dict_t dict;
-    for (const auto& r : rows)
-        EXPECT_STREQ(r.text, dict[r.byte]) << r.byte;
-}
-
-TEST(BinDict, ManyThreadsReadTheSameTable) {
+// The first users of the table race to build it.
+TEST(BinDict, ThreadsBuildingTheTableAllReadEightBitsMostSignificantFirst) {
     std::atomic<int> wrong(0);
     util_test::run_threads(4, [&](int) {
         const ssb::bin_dict_t dict;
@@ -172,6 +149,9 @@ TEST(BinDict, ManyThreadsReadTheSameTable) {
         }
     });
     EXPECT_EQ(0, wrong.load());
+    EXPECT_STREQ("10100101", ssb::bin_dict_t()[0xA5]);
+    EXPECT_STREQ("00000101", ssb::bin_dict_t()[0x105]);
+    EXPECT_STREQ("11111111", ssb::bin_dict_t()[0xFFFFFFFFu]);
 }
 
 TEST(BinDict, StreamRadix2WritesEveryBitThroughTheTable) {
@@ -187,9 +167,7 @@ TEST(BinDict, StreamRadix2WritesEveryBitThroughTheTable) {
 TEST(Log2x, FloorOfLog2WithZeroForZeroAndOne) {
     struct {
         unsigned n, want;
-    } const rows[] = {{0, 0},           {1, 0},     {2, 1},     {3, 1},           {4, 2},
-                      {1023, 9},        {1024, 10}, {1025, 10}, {0x7FFFFFFF, 30}, {0x80000000u, 31},
-                      {0xFFFFFFFFu, 31}};
+    } const rows[] = {{0, 0}, {1, 0}, {2, 1}, {3, 1}, {1023, 9}, {1024, 10}, {0x7FFFFFFF, 30}, {0xFFFFFFFFu, 31}};
     for (const auto& r : rows)
         EXPECT_EQ(r.want, ssb::log2x(r.n)) << r.n;
 }
