@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ref_holder.h"
+#include "stats.h"
 #include "test_log_support.h"
 #include "test_support.h"
 #include "test_thread_support.h"
@@ -291,6 +292,14 @@ TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
     ASSERT_EQ(33u, order.size());
     EXPECT_EQ(1, order[31]);
     EXPECT_EQ(2, order[32]);
+    // The parked message went through the channel it was refused by, not
+    // the control queue, which may run it in the same pass and hide it.
+    thread_stats_t stats;
+    ASSERT_EQ(RESULT_SUCCESS, get_thread_stats(m_main, stats));
+    uint64_t from_writer = 0;
+    for (const queue_stats_t& q : stats.channels)
+        from_writer += q.peer == writer->name() ? q.run : 0;
+    EXPECT_EQ(33u, from_writer);
 }
 
 TEST_F(Threads, TimerPrecisionRange) {
