@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "ref_holder.h"
+#include "stats.h"
 #include "test_log_support.h"
 #include "test_support.h"
 #include "test_thread_support.h"
@@ -291,6 +292,14 @@ TEST_F(Threads, ParkedMessageWaitsForRoomAndGoesFirst) {
     ASSERT_EQ(33u, order.size());
     EXPECT_EQ(1, order[31]);
     EXPECT_EQ(2, order[32]);
+    // The parked message went through the channel it was refused by, not
+    // the control queue, which may run it in the same pass and hide it.
+    thread_stats_t stats;
+    ASSERT_EQ(RESULT_SUCCESS, get_thread_stats(m_main, stats));
+    uint64_t from_writer = 0;
+    for (const queue_stats_t& q : stats.channels)
+        from_writer += q.peer == writer->name() ? q.run : 0;
+    EXPECT_EQ(33u, from_writer);
 }
 
 TEST_F(Threads, TimerPrecisionRange) {
@@ -393,6 +402,37 @@ TEST_F(Threads, AStopAlwaysReachesTheLoopEvenThroughAFullControlQueue) {
     stopper.join();
     EXPECT_EQ(RESULT_SUCCESS, stop_rv.load());
     EXPECT_TRUE(busy->is_stopped());
+}
+
+// The main loop is pumped by the caller: nothing but the flag a pass reads
+// can carry a stop refused by its full control queue.
+TEST_F(Threads, AStopThroughAFullControlQueueIsCarriedByTheNextPass) {
+    fill(m_main, nullptr, true);
+    std::thread requester([&] { EXPECT_EQ(RESULT_SUCCESS, m_main->request_stop()); });
+    requester.join();
+    EXPECT_FALSE(m_main->is_stopped());
+    m_main->process_msg(WAIT_INFINITE_MS);
+    EXPECT_TRUE(m_main->is_stopped());
+}
+
+TEST_F(Threads, StopThroughAFullControlQueueReturnsOnlyOnceTheLoopHasStopped) {
+    fill(m_main, nullptr, true);
+    std::atomic<int> stop_rv(-1);
+    std::atomic<bool> stopped_at_return(false);
+    std::thread stopper([&] {
+        stop_rv = m_main->stop();
+        stopped_at_return = m_main->is_stopped();
+    });
+    UTIL_WAIT_UNTIL([&] { return m_log.contains("the loop stops at its next pass"); });
+    EXPECT_EQ(-1, stop_rv.load()) << "stop() returned before the loop ran a pass";
+    // The line is logged before the flag is raised: pump until a pass sees it.
+    UTIL_WAIT_UNTIL([&] {
+        m_main->process_msg(WAIT_INFINITE_MS);
+        return m_main->is_stopped();
+    });
+    stopper.join();
+    EXPECT_EQ(RESULT_SUCCESS, stop_rv.load());
+    EXPECT_TRUE(stopped_at_return.load());
 }
 
 TEST_F(Threads, ASendDroppedUnrunByAStopReports9NotSuccess) {
