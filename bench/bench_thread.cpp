@@ -260,8 +260,6 @@ public:
     static void operator delete(void* p, size_t n) { library_free(p, n); }
 };
 
-// Two event threads bound by a channel; stopped (and left to the manager
-// to release) by stop() or the destructor.
 // Runs a pinning step on each thread of a pair through `post(side, f)` and
 // waits for both; false when one did not run within 10 s.
 template <class P>
@@ -281,6 +279,27 @@ bool place_pair(int placement, P post) {
     return true;
 }
 
+// Pins the peers' poster, this thread, as side 0 and their worker, through
+// `post_to_worker`, as side 1; this thread is free again when it goes.
+class poster_placement_t {
+public:
+    template <class P>
+    poster_placement_t(int placement, P post_to_worker)
+        : m_ok(place_pair(placement, [&post_to_worker](int side, std::function<void()> f) {
+              if (side)
+                  post_to_worker(std::move(f));
+              else
+                  f();
+          })) {}
+    ~poster_placement_t() { util_bench::place_thread(util_bench::PLACE_FREE, 0); }
+    bool ok() const { return m_ok; }
+
+private:
+    bool m_ok;
+};
+
+// Two event threads bound by a channel; stopped (and left to the manager
+// to release) by stop() or the destructor.
 class loop_pair_t {
 public:
     explicit loop_pair_t(unsigned int capacity) {
@@ -684,13 +703,8 @@ void throughput_asio(benchmark::State& state) {
     const int placement = static_cast<int>(state.range(2));
     if (!util_bench::placement_possible(state, placement))
         return;
-    // The poster is this thread.
-    if (!place_pair(placement, [&worker](int side, std::function<void()> f) {
-            if (side)
-                boost::asio::post(worker.ctx(), std::move(f));
-            else
-                f();
-        })) {
+    poster_placement_t placed(placement, [&worker](std::function<void()> f) { boost::asio::post(worker.ctx(), f); });
+    if (!placed.ok()) {
         fail_run(state, "loop_to_loop_throughput/asio", "the threads were not pinned within 10 s");
         return;
     }
@@ -718,7 +732,6 @@ void throughput_asio(benchmark::State& state) {
     }
     state.SetItemsProcessed(state.iterations());
     usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
-    util_bench::place_thread(util_bench::PLACE_FREE, 0);
 }
 
 // Handlers of A and B post to each other.
@@ -879,13 +892,8 @@ void throughput_mailbox(benchmark::State& state, size_t bound, const char* name)
     const int placement = static_cast<int>(state.range(2));
     if (!util_bench::placement_possible(state, placement))
         return;
-    // The poster is this thread.
-    if (!place_pair(placement, [&worker](int side, std::function<void()> f) {
-            if (side)
-                worker.post(make_task(std::move(f)));
-            else
-                f();
-        })) {
+    poster_placement_t placed(placement, [&worker](std::function<void()> f) { worker.post(make_task(f)); });
+    if (!placed.ok()) {
         fail_run(state, name, "the threads were not pinned within 10 s");
         return;
     }
@@ -907,7 +915,6 @@ void throughput_mailbox(benchmark::State& state, size_t bound, const char* name)
     }
     state.SetItemsProcessed(state.iterations());
     usage.report(state, static_cast<double>(batches) * THROUGHPUT_BATCH);
-    util_bench::place_thread(util_bench::PLACE_FREE, 0);
 }
 
 void throughput_condvar(benchmark::State& state) { throughput_mailbox(state, 0, "loop_to_loop_throughput/condvar"); }

@@ -215,14 +215,14 @@ void pool_put(unsigned int k, signed char* const* blocks, uint32_t length) {
     }
     memcpy(b->blocks, blocks, length * sizeof(blocks[0]));
     b->length = length;
+    const uint64_t added = uint64_t(length) * alloc_class_bytes(k);
     uint64_t total;
     {
         auto_lock_t<spin_lock> guard(c.lock);
         b->next = c.top;
         c.top = b;
         c.blocks.store(c.blocks.load(std::memory_order_relaxed) + length, std::memory_order_relaxed);
-        total = p.bytes.fetch_add(uint64_t(length) * alloc_class_bytes(k), std::memory_order_relaxed) +
-                uint64_t(length) * alloc_class_bytes(k);
+        total = p.bytes.fetch_add(added, std::memory_order_relaxed) + added;
     }
     if (total > ssb_allocator_t::POOL_HIGH_WATER)
         trim_pool();

@@ -60,8 +60,8 @@ unsigned int sane_queue_size(unsigned int size) {
 // The log lines of the message hot paths, kept out of line: inlined, their
 // 2 KiB line buffer and stream calls make every post and every message run
 // save and restore registers for a path that almost never runs.
-[[gnu::cold]] [[gnu::noinline]] void log_not_running(int line, const void* self) {
-    UTIL_ASSERT_LINE(SOURCE_PATH, line, ", this = " << log_ptr(self));
+[[gnu::cold]] [[gnu::noinline]] void log_not_running(const void* self) {
+    UTIL_ASSERT_LINE(SOURCE_PATH, 632, ", this = " << log_ptr(self));
 }
 
 [[gnu::cold]] [[gnu::noinline]] void log_bad_target(const void* target, const void* self) {
@@ -466,7 +466,7 @@ int thread_wrapper_t::stop_i(thread_wrapper_t* from) {
 
 int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
     if (!is_running()) {
-        log_not_running(632, this);
+        log_not_running(this);
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();
@@ -483,7 +483,7 @@ int thread_wrapper_t::post_msg(msg_it* msg, msg_queue_sink_it* sink) {
 
 int thread_wrapper_t::send_msg(msg_it* msg, msg_queue_sink_it* sink, int timeout) {
     if (!is_running()) {
-        log_not_running(632, this);
+        log_not_running(this);
         return RESULT_NOTHING_TO_DO;
     }
     thread_wrapper_t* caller = calling_thread();

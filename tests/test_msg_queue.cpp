@@ -54,17 +54,7 @@ public:
     std::atomic<int> m_signals{0};
 };
 
-class sink_t : public msg_queue_sink_it {
-public:
-    void on_queue_room(int reason) override {
-        m_reason = reason;
-        m_tid = get_cur_tid();
-        ++m_calls;  // last: a test that saw the call sees its details
-    }
-    std::atomic<int> m_calls{0};
-    std::atomic<int> m_reason{-1};
-    std::atomic<unsigned int> m_tid{0};
-};
+using sink_t = util_test::counting_sink_t;
 
 template <class Q>
 Q* make_queue(notifier_it* n, thread_wrapper_t* writer, unsigned int capacity, unsigned int mode) {
@@ -195,15 +185,15 @@ TEST_F(MsgQueueSink, AFullPostWithASinkIsCalledBackOnceOnTheWritersThread) {
     msg_it* m = nullptr;
     ASSERT_EQ(RESULT_SUCCESS, q->pop_msg(m));
     m->release();
-    UTIL_WAIT_UNTIL([&] { return sink.m_calls.load() == 1; });
-    EXPECT_EQ(0, sink.m_reason.load());
-    EXPECT_EQ(writer_tid, sink.m_tid.load());
+    UTIL_WAIT_UNTIL([&] { return sink.calls.load() == 1; });
+    EXPECT_EQ(0, sink.reason.load());
+    EXPECT_EQ(writer_tid, sink.tid.load());
     // Called once and forgotten.
     EXPECT_EQ(RESULT_NOT_FOUND, q->unregister_sink(&sink));
     extra->release();
     release_all(q);
     q->decrement();
-    EXPECT_EQ(1, sink.m_calls.load());
+    EXPECT_EQ(1, sink.calls.load());
     EXPECT_EQ(0, g_live.load());
 }
 
@@ -222,7 +212,7 @@ TEST_F(MsgQueue, LaunchOnSinkNeedsARunningWriter) {
     EXPECT_EQ(RESULT_QUEUE_FULL, q->post_msg(m, nullptr));
     EXPECT_EQ(RESULT_NOTHING_TO_DO, q->lanuch_on_sink(stopped));
     EXPECT_EQ(MSG_QUEUE_STATUS_NORMAL, q->status());
-    EXPECT_EQ(0, sink.m_calls.load());
+    EXPECT_EQ(0, sink.calls.load());
     m->release();
     release_all(q);
     q->decrement();

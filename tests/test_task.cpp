@@ -154,10 +154,7 @@ TEST_F(Tasks, StoppedTargetRefusesWithNineAndDropsWhatWasQueued) {
 TEST_F(Tasks, FullChannelReturnsThreeAndDestroysTheTaskOnTheWriter) {
     thread_wrapper_t* writer = spawn("writer");
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
-    struct sink_t : msg_queue_sink_it {
-        void on_queue_room(int) override { ++calls; }
-        std::atomic<int> calls{0};
-    } sink;
+    util_test::counting_sink_t sink;
     std::atomic<int> runs(0);
     int accepted = 0, last = 0;
     run_on(writer, [&] {

@@ -22,6 +22,7 @@ namespace {
 
 const int MESSAGES_EACH_WAY = 1000000 / util_test::ROUNDS_SCALE;
 
+using util_test::counting_sink_t;
 using util_test::fn_msg_t;
 using util_test::run_on;
 using util_test::run_threads;
@@ -66,16 +67,6 @@ void hold(
               }));
     ASSERT_TRUE(util_test::wait_until("the loop to take the holding message", [&] { return inside.load(); }));
 }
-
-struct sink_t : msg_queue_sink_it {
-    void on_queue_room(int r) override {
-        reason = r;
-        tid = get_cur_tid();
-        ++calls;
-    }
-    std::atomic<int> calls{0}, reason{-1};
-    std::atomic<unsigned int> tid{0};
-};
 
 // Sends `total` numbered messages to `to` from its own thread, taking the
 // back-pressure of a full channel through the queue's sink.
@@ -135,7 +126,7 @@ TEST_F(Threads, StressTwoThreadsExchangeAMillionMessagesInOrderWithBackPressure)
 TEST_F(Threads, AFullChannelCallsItsSinkOnceOnTheWritersThreadAndAWithdrawnOneNever) {
     thread_wrapper_t* writer = spawn_event();
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 32, 32));
-    sink_t kept, withdrawn;
+    counting_sink_t kept, withdrawn;
     int accepted = 0, refusal = 0;
     run_on(writer, [&] {
         accepted = fill(m_main, &kept, false, &refusal);
@@ -493,7 +484,7 @@ TEST_F(Threads, ASinkWakeUpSurvivesTheWritersFullControlQueue) {
     thread_wrapper_t* writer = spawn_event(109);
     ASSERT_NE(nullptr, writer);
     ASSERT_EQ(RESULT_SUCCESS, m_main->create_channel(writer, 8, 8));
-    sink_t sink;
+    counting_sink_t sink;
     std::atomic<bool> gate(false);
     // The writer fills its channel to the main thread, then blocks while its
     // own control queue fills up.

@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "live_count.h"
+#include "msg_queue.h"
 #include "test_log_support.h"
 #include "test_support.h"
 #include "thread.h"
@@ -37,6 +38,18 @@ protected:
 
 private:
     std::function<void()> m_fn;
+};
+
+// A sink that records its calls. The count goes last, so a test that saw a
+// call sees its reason and thread.
+struct counting_sink_t : ssb::msg_queue_sink_it {
+    void on_queue_room(int r) override {
+        reason = r;
+        tid = ssb::get_cur_tid();
+        ++calls;
+    }
+    std::atomic<int> calls{0}, reason{-1};
+    std::atomic<unsigned int> tid{0};
 };
 
 // One full cycle of the library with an event and an I/O thread, so that
