@@ -1,11 +1,20 @@
-// Uncontended locking, reference counting and thread-local reads against the
-// standard library and pthreads. Every side does the same work per
-// iteration: one acquire/release pair, one increment/decrement pair, or one
-// read of a value set beforehand.
+// Locking, reference counting and thread-local reads against the standard
+// library and pthreads. Every side does the same work per iteration: one
+// acquire/release pair, one increment/decrement pair, or one read of a value
+// set beforehand.
+//
+// recursive_mutex_contended/<side>/place:P: the benchmark thread and a
+// second thread each take the lock, bump a shared counter and leave, as two
+// writers of one message queue do; ns per acquire/release pair of the
+// benchmark thread, wall clock. place:1 pins them to two cores (the waiter's
+// spin can meet a release), place:2 to one core (every wait outlasts the
+// holder's slice).
 #include <pthread.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
+#include <thread>
 
 #include "bench_support.h"
 #include "lock.h"
@@ -45,6 +54,57 @@ BENCHMARK_TEMPLATE(ssb_lock_pair, ssb::thread_mutex)->Name("mutex_uncontended/ou
 BENCHMARK_TEMPLATE(std_lock_pair, std::mutex)->Name("mutex_uncontended/std_mutex");
 BENCHMARK_TEMPLATE(ssb_lock_pair, ssb::thread_mutex_recursive)->Name("recursive_mutex_uncontended/ours");
 BENCHMARK_TEMPLATE(std_lock_pair, std::recursive_mutex)->Name("recursive_mutex_uncontended/std_recursive_mutex");
+
+// ---- two threads on one lock ---------------------------------------------------
+
+struct ours_recursive_t {
+    void lock() { m.acquire(); }
+    void unlock() { m.release(); }
+    ssb::thread_mutex_recursive m;
+};
+
+template <class L>
+void contended_pair(benchmark::State& state) {
+    const int placement = static_cast<int>(state.range(0));
+    if (!util_bench::placement_possible(state, placement))
+        return;
+    L lock;
+    uint64_t counter = 0;  // guarded by the lock
+    std::atomic<bool> stop{false};
+    std::thread other([&] {
+        util_bench::place_thread(placement, 1);
+        while (!stop.load(std::memory_order_relaxed)) {
+            lock.lock();
+            ++counter;
+            lock.unlock();
+        }
+    });
+    util_bench::place_thread(placement, 0);
+    uint64_t mine = 0;
+    for (auto _ : state) {
+        lock.lock();
+        ++counter;
+        lock.unlock();
+        ++mine;
+    }
+    stop.store(true, std::memory_order_relaxed);
+    other.join();
+    util_bench::place_thread(util_bench::PLACE_FREE, 0);
+    state.counters["other_share"] = static_cast<double>(counter - mine) / static_cast<double>(counter);
+}
+
+BENCHMARK_TEMPLATE(contended_pair, ours_recursive_t)
+    ->Name("recursive_mutex_contended/ours")
+    ->ArgName("place")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseRealTime();
+BENCHMARK_TEMPLATE(contended_pair, std::recursive_mutex)
+    ->Name("recursive_mutex_contended/std_recursive_mutex")
+    ->ArgName("place")
+    ->Arg(1)
+    ->Arg(2)
+    ->UseRealTime();
 
 BENCHMARK_TEMPLATE(ssb_lock_pair, ssb::spin_lock)->Name("spin_lock_uncontended/ours");
 BENCHMARK_TEMPLATE(std_lock_pair, std::mutex)->Name("spin_lock_uncontended/std_mutex");

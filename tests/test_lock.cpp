@@ -46,8 +46,11 @@ TYPED_TEST(LockContract, OtherThreadsAreBusyUntilTheLastReleaseAndOnlyMutexesRee
     EXPECT_EQ(RESULT_SUCCESS, tryacquire_on_other_thread(lock));
 }
 
+// Mutex holders also enter again mid-way: an inner release that let
+// another thread in would show as a lost increment (and a race to TSan).
 TYPED_TEST(LockContract, ExcludesWritersUnderContention) {
     TypeParam lock;
+    const bool spin = std::is_same<TypeParam, spin_lock>::value;
     long long counter = 0;  // plain on purpose: the lock alone protects it
     run_threads(4, [&](int i) {
         for (int r = 0; r < 20000; ++r) {
@@ -57,11 +60,53 @@ TYPED_TEST(LockContract, ExcludesWritersUnderContention) {
             } else {
                 lock.acquire();
             }
-            ++counter;
+            const long long seen = counter;
+            if (!spin && r % 4 == 0) {
+                lock.acquire();
+                lock.release();
+            }
+            counter = seen + 1;
             lock.release();
         }
     });
     EXPECT_EQ(80000, counter);
+}
+
+// Waiters that outlast the spin go to sleep; every one must be let in once
+// the holder leaves, however many released levels that takes.
+TYPED_TEST(LockContract, WaitersParkedBehindALongHoldAllGetIn) {
+    TypeParam lock;
+    const bool spin = std::is_same<TypeParam, spin_lock>::value;
+    const int WAITERS = 3;
+    std::atomic<int> arrived(0), done(0);
+    lock.acquire();
+    if (!spin)
+        lock.acquire();
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < WAITERS; ++i)
+        waiters.emplace_back([&] {
+            arrived.fetch_add(1);
+            lock.acquire();
+            done.fetch_add(1);
+            lock.release();
+        });
+    ASSERT_TRUE(wait_until("every waiter to reach the lock", [&] { return arrived.load() == WAITERS; }));
+    // Long enough for each to spin out and sleep; nothing is timed.
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    EXPECT_EQ(0, done.load());
+    if (!spin) {
+        lock.release();
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(0, done.load()) << "an inner release let a waiter in";
+    }
+    lock.release();
+    const bool all_in = wait_until("every parked waiter to get the lock", [&] { return done.load() == WAITERS; });
+    for (auto& t : waiters)
+        if (all_in)
+            t.join();
+        else
+            t.detach();
+    EXPECT_TRUE(all_in);
 }
 
 TEST(AtomicT, ConcurrentUpdatesAreNotLost) {

@@ -29,6 +29,9 @@ int last_error();
 
 // ---- recursive critical section in caller-provided storage --------------
 const size_t CS_STORAGE_SIZE = 64;
+// Polls of a held section before its waiter sleeps: a few microseconds,
+// longer than the hot paths hold it, far shorter than a time slice.
+const int CS_SPIN_COUNT = 128;
 void cs_init(void* storage);
 void cs_destroy(void* storage);
 void cs_enter(void* storage);

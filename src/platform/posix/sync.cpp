@@ -1,12 +1,15 @@
 #include <errno.h>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <pthread.h>
 #include <semaphore.h>
 #include <stdint.h>
 #include <string.h>
+#include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <new>
 #include <string>
 
@@ -44,16 +47,111 @@ void init_recursive(pthread_mutex_t* m) {
 static_assert(sizeof(pthread_mutex_t) <= CS_STORAGE_SIZE, "critical section storage too small");
 
 // ---- critical section -------------------------------------------------------
+//
+// A recursive lock over one futex word, spinning briefly before it sleeps as
+// a Win32 critical section with a spin count does. The queues' writers hold
+// it for a few dozen instructions, so a waiter whose owner runs on another
+// core is let in within the spin, where a sleeping one would cost two system
+// calls and a wake-up. The word is 0 free, 1 held, 2 held with sleepers
+// possible (the classic three-state futex mutex).
 
-void cs_init(void* storage) { init_recursive(new (storage) pthread_mutex_t); }
+namespace {
 
-void cs_destroy(void* storage) { pthread_mutex_destroy(static_cast<pthread_mutex_t*>(storage)); }
+const uint32_t CS_FREE = 0;
+const uint32_t CS_HELD = 1;
+const uint32_t CS_CONTENDED = 2;
 
-void cs_enter(void* storage) { pthread_mutex_lock(static_cast<pthread_mutex_t*>(storage)); }
+struct cs_t {
+    std::atomic<uint32_t> word;
+    // The holder's pthread_self, 0 when free. Only the holder stores its
+    // own identity here, so a thread that reads its own is the holder.
+    std::atomic<uintptr_t> owner;
+    // Entries by the holder; the holder alone touches it.
+    uint32_t depth;
+};
 
-bool cs_try_enter(void* storage) { return pthread_mutex_trylock(static_cast<pthread_mutex_t*>(storage)) == 0; }
+static_assert(sizeof(cs_t) <= CS_STORAGE_SIZE, "critical section storage too small");
 
-void cs_leave(void* storage) { pthread_mutex_unlock(static_cast<pthread_mutex_t*>(storage)); }
+cs_t* as_cs(void* storage) { return static_cast<cs_t*>(storage); }
+
+uintptr_t self_id() { return static_cast<uintptr_t>(pthread_self()); }
+
+inline void cpu_relax() {
+#if defined(__x86_64__) || defined(__i386__)
+    __builtin_ia32_pause();
+#elif defined(__aarch64__)
+    __asm__ __volatile__("yield");
+#endif
+}
+
+void cs_lock_contended(cs_t* cs) {
+    // Polls back off (1, 2, 4, ... pauses apart): each poll pulls the word's
+    // line away from the holder, whose release then waits for it.
+    for (int spent = 0, gap = 1; spent < CS_SPIN_COUNT; spent += gap, gap *= 2) {
+        uint32_t seen = cs->word.load(std::memory_order_relaxed);
+        if (seen == CS_FREE &&
+            cs->word.compare_exchange_weak(seen, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
+            return;
+        for (int i = 0; i < gap; ++i)
+            cpu_relax();
+    }
+    // Taken as contended: the unlock that follows wakes one sleeper, which
+    // may be needless once, never lost. A spinner that took the word as
+    // held past a sleeper is safe too: the unlock it overtook woke one, and
+    // that one marks the word contended again before it sleeps.
+    while (cs->word.exchange(CS_CONTENDED, std::memory_order_acquire) != CS_FREE)
+        syscall(SYS_futex, reinterpret_cast<uint32_t*>(&cs->word), FUTEX_WAIT_PRIVATE, CS_CONTENDED, nullptr, nullptr,
+                0);
+}
+
+}  // namespace
+
+void cs_init(void* storage) {
+    cs_t* cs = new (storage) cs_t;
+    cs->word.store(CS_FREE, std::memory_order_relaxed);
+    cs->owner.store(0, std::memory_order_relaxed);
+    cs->depth = 0;
+}
+
+void cs_destroy(void* storage) { as_cs(storage)->~cs_t(); }
+
+void cs_enter(void* storage) {
+    cs_t* cs = as_cs(storage);
+    const uintptr_t me = self_id();
+    if (cs->owner.load(std::memory_order_relaxed) == me) {
+        ++cs->depth;
+        return;
+    }
+    uint32_t expected = CS_FREE;
+    if (!cs->word.compare_exchange_strong(expected, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
+        cs_lock_contended(cs);
+    cs->owner.store(me, std::memory_order_relaxed);
+    cs->depth = 1;
+}
+
+bool cs_try_enter(void* storage) {
+    cs_t* cs = as_cs(storage);
+    const uintptr_t me = self_id();
+    if (cs->owner.load(std::memory_order_relaxed) == me) {
+        ++cs->depth;
+        return true;
+    }
+    uint32_t expected = CS_FREE;
+    if (!cs->word.compare_exchange_strong(expected, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
+    cs->owner.store(me, std::memory_order_relaxed);
+    cs->depth = 1;
+    return true;
+}
+
+void cs_leave(void* storage) {
+    cs_t* cs = as_cs(storage);
+    if (--cs->depth != 0)
+        return;
+    cs->owner.store(0, std::memory_order_relaxed);
+    if (cs->word.exchange(CS_FREE, std::memory_order_release) == CS_CONTENDED)
+        syscall(SYS_futex, reinterpret_cast<uint32_t*>(&cs->word), FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
 
 // ---- mutex --------------------------------------------------------------------
 

@@ -30,7 +30,11 @@ static_assert(sizeof(CRITICAL_SECTION) <= CS_STORAGE_SIZE, "critical section sto
 
 // ---- critical section -------------------------------------------------------
 
-void cs_init(void* storage) { InitializeCriticalSection(new (storage) CRITICAL_SECTION); }
+// Spinning before the wait lets a writer in while the holder, on another
+// core, finishes a push, instead of a sleep and a wake-up.
+void cs_init(void* storage) {
+    InitializeCriticalSectionAndSpinCount(new (storage) CRITICAL_SECTION, static_cast<DWORD>(CS_SPIN_COUNT));
+}
 
 void cs_destroy(void* storage) { DeleteCriticalSection(static_cast<CRITICAL_SECTION*>(storage)); }
 
