@@ -140,12 +140,49 @@ inline bool place_thread(int placement, int side) {
 // benchmark pins it.
 inline void save_allowed_cpus() { place_thread(PLACE_FREE, 0); }
 
-// Skips a pinned run on a machine with fewer CPUs than it needs.
+// A cache line's round trip between the two CPUs of PLACE_TWO_CORES, in ns,
+// over a few thousand hand-overs on two threads of its own. On a virtual
+// machine the host may run those CPUs on cores that share a cache or on
+// cores that do not, and move them at any time; seen here, the round trip
+// went between about 55 and 335 ns from one second to the next, and every
+// two-core row moves with it.
+inline double line_round_trip_ns() {
+    const uint32_t ROUNDS = 20000;
+    alignas(64) std::atomic<uint32_t> word{0};
+    double ns = 0;
+    std::thread peer([&] {
+        place_thread(PLACE_TWO_CORES, 1);
+        for (uint32_t i = 0; i < ROUNDS; ++i) {
+            while (word.load(std::memory_order_acquire) != 2 * i + 1) {
+            }
+            word.store(2 * i + 2, std::memory_order_release);
+        }
+    });
+    std::thread self([&] {
+        place_thread(PLACE_TWO_CORES, 0);
+        const auto start = std::chrono::steady_clock::now();
+        for (uint32_t i = 0; i < ROUNDS; ++i) {
+            word.store(2 * i + 1, std::memory_order_release);
+            while (word.load(std::memory_order_acquire) != 2 * i + 2) {
+            }
+        }
+        ns = std::chrono::duration<double, std::nano>(std::chrono::steady_clock::now() - start).count() / ROUNDS;
+    });
+    self.join();
+    peer.join();
+    return ns;
+}
+
+// Skips a pinned run on a machine with fewer CPUs than it needs. A two-core
+// run records the line round trip just before it (line_rt_ns), so each
+// repetition shows which kind of core pair the host gave it.
 inline bool placement_possible(benchmark::State& state, int placement) {
     if (placement == PLACE_TWO_CORES && cpu_count() < 2) {
         state.SkipWithError("needs two CPUs");
         return false;
     }
+    if (placement == PLACE_TWO_CORES)
+        state.counters["line_rt_ns"] = line_round_trip_ns();
     return true;
 }
 
