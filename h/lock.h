@@ -41,7 +41,9 @@ private:
 };
 
 // A recursive critical section; the default lock of safe_obj and safe_class.
-// Any thread may use it; its owner may enter again. No virtual functions.
+// Any thread may use it; its owner may enter again. No virtual functions. A
+// waiter polls for a few microseconds before it sleeps, so a short hold on
+// another core costs no system call.
 class UTIL_API UTIL_CAPABILITY("mutex") thread_mutex_recursive {
 public:
     thread_mutex_recursive();
@@ -55,7 +57,8 @@ private:
     thread_mutex_recursive(const thread_mutex_recursive&);
     thread_mutex_recursive& operator=(const thread_mutex_recursive&);
 
-    // Holds the OS object in place (CRITICAL_SECTION or pthread_mutex_t).
+    // Holds the lock in place: a CRITICAL_SECTION, or a futex word with its
+    // owner and depth.
     alignas(8) unsigned char m_cs[64];
 };
 
