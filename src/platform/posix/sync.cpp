@@ -44,8 +44,6 @@ void init_recursive(pthread_mutex_t* m) {
 
 }  // namespace
 
-static_assert(sizeof(pthread_mutex_t) <= CS_STORAGE_SIZE, "critical section storage too small");
-
 // ---- critical section -------------------------------------------------------
 //
 // A recursive lock over one futex word, spinning briefly before it sleeps as
