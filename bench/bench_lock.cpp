@@ -7,8 +7,9 @@
 // second thread each take the lock, bump a shared counter and leave, as two
 // writers of one message queue do; ns per acquire/release pair of the
 // benchmark thread, wall clock. place:1 pins them to two cores (the waiter's
-// spin can meet a release), place:2 to one core (every wait outlasts the
-// holder's slice).
+// spin can meet a release), place:2 to one core (a waiter runs only once the
+// holder is preempted, so a waiter that finds the lock held never gets it by
+// spinning).
 #include <pthread.h>
 
 #include <atomic>
