@@ -79,16 +79,9 @@ unsigned int sane_queue_size(unsigned int size) {
 }
 
 [[gnu::cold]] [[gnu::noinline]] void log_overtime(bool control, uint32_t type, const void* self) {
-    if (control)
-        UTIL_LOG(LOG_WARNING,
-                 "thread_wrapper_t::process_msg() the control msg already overtime, "
-                 "(uint32_t)msg->get_type() = "
-                     << type << ", this = " << log_ptr(self));
-    else
-        UTIL_LOG(LOG_WARNING,
-                 "thread_wrapper_t::process_msg() the msg already overtime, "
-                 "(uint32_t)msg->get_type() = "
-                     << type << ", this = " << log_ptr(self));
+    UTIL_LOG(LOG_WARNING, "thread_wrapper_t::process_msg() the " << (control ? "control msg" : "msg")
+                                                                 << " already overtime, (uint32_t)msg->get_type() = "
+                                                                 << type << ", this = " << log_ptr(self));
 }
 
 }  // namespace

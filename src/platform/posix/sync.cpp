@@ -82,6 +82,20 @@ inline void cpu_relax() {
 #endif
 }
 
+// Enters again, or takes a free section: true when `me` now holds it.
+bool try_take(cs_t* cs, uintptr_t me) {
+    if (cs->owner.load(std::memory_order_relaxed) == me) {
+        ++cs->depth;
+        return true;
+    }
+    uint32_t expected = CS_FREE;
+    if (!cs->word.compare_exchange_strong(expected, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
+        return false;
+    cs->owner.store(me, std::memory_order_relaxed);
+    cs->depth = 1;
+    return true;
+}
+
 void cs_lock_contended(cs_t* cs) {
     // Polls back off (1, 2, 4, ... pauses apart): each poll pulls the word's
     // line away from the holder, whose release then waits for it.
@@ -116,31 +130,14 @@ void cs_destroy(void* storage) { as_cs(storage)->~cs_t(); }
 void cs_enter(void* storage) {
     cs_t* cs = as_cs(storage);
     const uintptr_t me = self_id();
-    if (cs->owner.load(std::memory_order_relaxed) == me) {
-        ++cs->depth;
+    if (try_take(cs, me))
         return;
-    }
-    uint32_t expected = CS_FREE;
-    if (!cs->word.compare_exchange_strong(expected, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
-        cs_lock_contended(cs);
+    cs_lock_contended(cs);
     cs->owner.store(me, std::memory_order_relaxed);
     cs->depth = 1;
 }
 
-bool cs_try_enter(void* storage) {
-    cs_t* cs = as_cs(storage);
-    const uintptr_t me = self_id();
-    if (cs->owner.load(std::memory_order_relaxed) == me) {
-        ++cs->depth;
-        return true;
-    }
-    uint32_t expected = CS_FREE;
-    if (!cs->word.compare_exchange_strong(expected, CS_HELD, std::memory_order_acquire, std::memory_order_relaxed))
-        return false;
-    cs->owner.store(me, std::memory_order_relaxed);
-    cs->depth = 1;
-    return true;
-}
+bool cs_try_enter(void* storage) { return try_take(as_cs(storage), self_id()); }
 
 void cs_leave(void* storage) {
     cs_t* cs = as_cs(storage);
